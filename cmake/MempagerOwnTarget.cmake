@@ -1,0 +1,21 @@
+# What every target of this project is compiled with.
+function(mempager_own_target target)
+    target_compile_features(${target} PRIVATE cxx_std_20)
+    set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF COMPILE_WARNING_AS_ERROR ON)
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Wconversion -Wshadow
+        $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+        target_compile_options(${target} PRIVATE -Wno-restrict) # warns of std::string itself
+    endif()
+    if(MEMPAGER_SANITIZE STREQUAL "address")
+        set(flags -fsanitize=address,undefined -fno-sanitize-recover=all)
+    elseif(MEMPAGER_SANITIZE STREQUAL "thread")
+        set(flags -fsanitize=thread)
+    elseif(MEMPAGER_SANITIZE)
+        message(FATAL_ERROR "MEMPAGER_SANITIZE is address, thread or empty")
+    else()
+        return()
+    endif()
+    target_compile_options(${target} PRIVATE ${flags} -g -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE ${flags})
+endfunction()

@@ -1,0 +1,144 @@
+#include "machine.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <limits>
+#include <system_error>
+
+#include <sys/resource.h>
+#include <sys/statfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr std::uint64_t kNoLimit = std::numeric_limits<std::uint64_t>::max();
+
+/// What stays of `bytes` when `taken` of them are gone.
+std::uint64_t rest(std::uint64_t bytes, std::uint64_t taken)
+{
+    return bytes > taken ? bytes - taken : 0;
+}
+
+/// The figure behind `key` in a file of lines like "MemAvailable:  123 kB", in bytes.
+std::uint64_t kilobytes_in(const char* path, const std::string& key)
+{
+    std::ifstream file(path);
+    for (std::string word; file >> word;) {
+        std::uint64_t figure = 0;
+        if (word == key && file >> figure)
+            return figure * 1024;
+    }
+    return 0;
+}
+
+std::uint64_t number_in(const char* path, std::uint64_t otherwise)
+{
+    std::uint64_t number = 0;
+    return std::ifstream(path) >> number ? number : otherwise;
+}
+
+/// What a container's limit leaves; a huge number if there is none.
+std::uint64_t memory_in_group()
+{
+    const std::uint64_t limit =
+        std::min(number_in("/sys/fs/cgroup/memory.max", kNoLimit),
+                 number_in("/sys/fs/cgroup/memory/memory.limit_in_bytes", kNoLimit));
+    const std::uint64_t used =
+        std::max(number_in("/sys/fs/cgroup/memory.current", 0),
+                 number_in("/sys/fs/cgroup/memory/memory.usage_in_bytes", 0));
+    return rest(limit, used);
+}
+
+std::uint64_t free_in(const char* folder)
+{
+    struct statfs status;
+    if (statfs(folder, &status) != 0)
+        return 0;
+    return std::uint64_t{status.f_bavail} * static_cast<std::uint64_t>(status.f_bsize);
+}
+
+/// The child's part of TryMalloc(): what it gets goes with it.
+std::size_t take_blocks(const std::vector<std::uint64_t>& sizes)
+{
+    std::size_t got = 0;
+    for (const std::uint64_t size : sizes) {
+        char* volatile block = static_cast<char*>(std::malloc(size));
+        if (block == nullptr)
+            break;
+        std::memset(block, 1, size);
+        ++got;
+    }
+    return got;
+}
+
+} // namespace
+
+std::uint64_t FindRoom()
+{
+    constexpr std::uint64_t megabyte = 1 << 20;
+    const std::uint64_t memory =
+        std::min(kilobytes_in("/proc/meminfo", "MemAvailable:"), memory_in_group());
+    const std::uint64_t shared = free_in("/dev/shm");
+    // Regions are a little larger than the pieces in them.
+    return std::min(rest(shared, shared / 8 + 16 * megabyte), rest(memory, 512 * megabyte));
+}
+
+void LimitAddressSpace(std::uint64_t bytes)
+{
+    rlimit limit;
+    if (getrlimit(RLIMIT_AS, &limit) != 0)
+        throw std::system_error(errno, std::generic_category(), "getrlimit");
+    limit.rlim_cur = std::min<rlim_t>(bytes, limit.rlim_max);
+    if (setrlimit(RLIMIT_AS, &limit) != 0)
+        throw std::system_error(errno, std::generic_category(), "setrlimit");
+}
+
+std::uint64_t MostAddressSpace()
+{
+    return kilobytes_in("/proc/self/status", "VmPeak:");
+}
+
+std::optional<std::size_t> TryMalloc(const std::vector<std::uint64_t>& sizes)
+{
+    int ends[2];
+    if (pipe(ends) != 0)
+        return std::nullopt;
+    const pid_t child = fork();
+    std::size_t got = 0;
+    if (child == 0) {
+        got = take_blocks(sizes);
+        _exit(write(ends[1], &got, sizeof got) == sizeof got ? 0 : 1);
+    }
+    close(ends[1]);
+    const bool told = child > 0 && read(ends[0], &got, sizeof got) == sizeof got;
+    close(ends[0]);
+    if (child > 0)
+        waitpid(child, nullptr, 0);
+    return told ? std::optional(got) : std::nullopt;
+}
+
+Progress::Progress(std::string stage, std::size_t steps)
+    : m_stage(std::move(stage)), m_steps(steps), m_on_terminal(isatty(STDERR_FILENO) == 1)
+{
+    if (!m_on_terminal)
+        std::fprintf(stderr, "%s: %zu\n", m_stage.c_str(), m_steps);
+}
+
+Progress::~Progress()
+{
+    if (m_on_terminal)
+        std::fputc('\n', stderr);
+}
+
+void Progress::Step()
+{
+    ++m_done;
+    if (m_on_terminal)
+        std::fprintf(stderr, "\r%s: %zu of %zu", m_stage.c_str(), m_done, m_steps);
+}

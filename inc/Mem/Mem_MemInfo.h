@@ -1,0 +1,192 @@
+#ifndef MEM_MEMINFO_H
+#define MEM_MEMINFO_H
+
+#include "Rw/RWCString.h"
+#include "mempager_export.h"
+
+class Block;
+
+/// A stretch of a region: its size and its offset from the region's start, in bytes.
+struct MEMPAGER_EXPORT Mem_MemoryChunk {
+    Mem_MemoryChunk() = default;
+    Mem_MemoryChunk(unsigned int size, unsigned int offset) : m_Size(size), m_Offset(offset) {}
+
+    unsigned int m_Size = 0;
+    unsigned int m_Offset = 0;
+};
+
+/// Base of everything that describes a stretch of backing store. It owns nothing: the block that
+/// the stretch was carved from belongs to its heap.
+///
+/// Threads: descriptors have no lock. While one is registered with a pager it changes only under
+/// the pager's mutex.
+class MEMPAGER_EXPORT BaseInfo
+{
+public:
+    BaseInfo() = default;
+    BaseInfo(Block* owner, unsigned int size, unsigned int offset)
+        : m_chunk(size, offset), m_owner_block(owner)
+    {
+    }
+    BaseInfo(const BaseInfo&) = default;
+    BaseInfo& operator=(const BaseInfo&) = default;
+    virtual ~BaseInfo();
+
+    /// Bytes of the stretch.
+    virtual unsigned int Size();
+
+    /// Whether any byte of the owner block is allocated; false without an owner block.
+    virtual bool IsUsed();
+
+    /// Bytes from the region's start to the stretch.
+    virtual unsigned int Offset();
+
+    /// The block that the stretch was carved from; null where there is none.
+    virtual Block* OwnerBlock();
+
+    virtual Mem_MemoryChunk GetChunk();
+    virtual void SetChunk(Mem_MemoryChunk chunk);
+
+private:
+    friend struct Mem_TestAccess;
+
+    Mem_MemoryChunk m_chunk;
+    Block* m_owner_block = nullptr;
+};
+
+/// A stretch of backing store that can be mapped into this process.
+///
+/// Results are 0 for success and -1 for failure. Base form: nothing to map, so the three
+/// operations that would do something do nothing and answer 0.
+class MEMPAGER_EXPORT BaseMapInfo : public BaseInfo
+{
+public:
+    BaseMapInfo() : BaseMapInfo(0, 0) {}
+    BaseMapInfo(unsigned int size, unsigned int offset) : BaseInfo(nullptr, size, offset) {}
+    BaseMapInfo(const BaseMapInfo&) = default;
+    BaseMapInfo& operator=(const BaseMapInfo&) = default;
+    ~BaseMapInfo() override;
+
+    /// Makes a view of the whole stretch. Called only while there is none.
+    virtual int Map();
+
+    /// Ends the view; -1 if there was none. Allocates nothing.
+    virtual int Unmap();
+
+    /// Ends this process's hold on the stretch.
+    virtual int Free();
+
+    /// The first byte of the view; null while there is none.
+    virtual void* Ptr();
+
+    /// Whether this process made the memory.
+    virtual bool Local();
+
+    /// The system's handle of the mapping; null where there is none.
+    virtual void* Handle() = 0;
+
+    /// What the pager registers the region under; no two regions share it.
+    virtual RWCString Name() = 0;
+
+    /// What another process opens the mapping by; regions of one file share it.
+    virtual RWCString MappingName() = 0;
+
+    /// Where the stretch begins within the mapping, in bytes.
+    virtual unsigned int HandleOffset() = 0;
+
+    /// Sets both to 0.
+    virtual void GetHeaderParameters(unsigned int& first, unsigned int& second);
+
+    /// The first part of every unique name.
+    static const char* const s_BlockPrefix;
+
+    /// The number that the next unique name ends in. Changed under the pager's mutex.
+    static int s_unique_name_id;
+
+    /// A name that nothing else on this machine has: "%s_%ld_%ld_%ld" over s_BlockPrefix, the
+    /// process's id, the thread's id and s_unique_name_id, which goes up by one. At most 255
+    /// bytes. Throws std::bad_alloc, and the counter stays then.
+    /// Threads: the caller holds the pager's mutex, or no other thread is in the library.
+    static RWCString CreateUniqueName();
+
+protected:
+    /// A stretch that was carved from `block`.
+    BaseMapInfo(unsigned int size, unsigned int offset, Block* block)
+        : BaseInfo(block, size, offset)
+    {
+    }
+
+    /// Where the stretch is mapped; null while it isn't.
+    void* m_pointer = nullptr;
+
+private:
+    friend struct Mem_TestAccess;
+};
+
+/// Describes one piece: where it lies inside the region that holds it, which region that is, and
+/// where it is mapped in this process at the moment.
+///
+/// The owner is the region's mapping object. It belongs to a heap, never to the descriptor, and
+/// must be set before Local(), Handle() and HandleOffset() are asked.
+class MEMPAGER_EXPORT MEM_MemInfo : public BaseMapInfo
+{
+public:
+    /// A descriptor without an owner.
+    MEM_MemInfo() = default;
+
+    /// A piece of `owner`, carved from `block`. `alignment` is in bytes, 0 for none. Size and
+    /// offset are 0 until SetChunk().
+    MEM_MemInfo(BaseMapInfo* owner, unsigned int alignment, Block* block);
+
+    /// Takes what describes the piece. The names and the streamed coordinates stay behind: they
+    /// have served once the owner is bound.
+    MEM_MemInfo(MEM_MemInfo& other);
+
+    /// Takes everything, the names and the streamed coordinates too.
+    MEM_MemInfo& operator=(const MEM_MemInfo& other) = default;
+    ~MEM_MemInfo() override;
+
+    bool Local() override;
+    void* Handle() override;
+
+    /// Always empty: the region's names are asked of the owner, or, on a descriptor that was
+    /// streamed in, of GetInfoName() and GetMappingName().
+    RWCString Name() override;
+    RWCString MappingName() override;
+
+    /// Bytes from the mapping's start to the piece.
+    unsigned int HandleOffset() override;
+
+    unsigned int Alignment() const { return m_alignment; }
+    BaseMapInfo* Owner() const { return m_owner; }
+    void SetOwner(BaseMapInfo* owner) { m_owner = owner; }
+
+    // What a streamed descriptor brought of its owner; meaningful after SetMappingInfo() alone.
+    RWCString GetInfoName() const { return m_info_name; }
+    RWCString GetMappingName() const { return m_mapping_name; }
+    void* GetOwnerHandle() const { return m_owner_handle; }
+    unsigned int GetOwnerOffset() const { return m_owner_offset; }
+    unsigned int GetOwnerSize() const { return m_owner_size; }
+
+    /// Replaces the streamed coordinates of the owner. The texts are copied.
+    void SetMappingInfo(void* ownerHandle, char* mappingName, char* infoName,
+                        unsigned int ownerSize, unsigned int ownerOffset);
+
+    /// Sets the piece's address from the base of the owner's view, or clears it on null.
+    /// A piece of another process is moved up to its alignment.
+    void UpdatePtrByBase(void* base);
+
+private:
+    friend struct Mem_TestAccess;
+
+    BaseMapInfo* m_owner = nullptr;
+    unsigned int m_alignment = 0;
+    unsigned int m_SmallOffsetDueToAlignment = 0;
+    RWCString m_info_name;
+    RWCString m_mapping_name;
+    unsigned int m_owner_size = 0;
+    unsigned int m_owner_offset = 0;
+    void* m_owner_handle = nullptr;
+};
+
+#endif

@@ -1,0 +1,261 @@
+#ifndef MEM_MEMPAGER_H
+#define MEM_MEMPAGER_H
+
+#include "Fibrex/WindowUnixMutex.h"
+#include "Mem/Mem_BlockTable.h"
+#include "Mem/Mem_FifoQueue.h"
+#include "Mem/Mem_MemPagerInfo.h"
+#include "Rw/RWBoundsErr.h"
+#include "Rw/RWCString.h"
+#include "mempager_export.h"
+
+#include <atomic>
+#include <bitset>
+#include <cstddef>
+#include <unordered_map>
+
+class MEM_MemInfo;
+class ShmmHeap;
+class Zor_PerformanceCounterData;
+
+/// What a pager holds at one moment. `total_mapped` includes `total_cached`: what clients have
+/// mapped is the difference of the two.
+struct Mem_Status {
+    int blocks_count = 0;                       ///< living blocks
+    int local_blocks_count = 0;                 ///< those that this process made
+    unsigned long long foreign_blocks_size = 0; ///< bytes
+    unsigned long long foreign_pieces_size = 0; ///< bytes
+    unsigned long long local_blocks_size = 0;   ///< bytes
+    unsigned long long local_pieces_size = 0;   ///< bytes
+    unsigned long long total_cached = 0;        ///< bytes of views that wait in the cache
+    unsigned long long total_mapped = 0;        ///< bytes of all views
+};
+
+/// The object that all memory of the library is obtained from.
+///
+/// A piece is one allocation; a block is the region that holds it, shared with other pieces if
+/// they are small. A mapping always maps the whole block. Blocks that nobody holds mapped keep
+/// their views in a cache until mapped memory exceeds MEM_MemoryConfiguration's
+/// HeapCacheInBytes() and room is needed; the oldest go first. Memory that clients hold mapped
+/// counts against that limit but is never dropped for it.
+///
+/// When memory runs short, the cache is given up and the operation tried once more. What still
+/// fails is told by the result, after log lines that say what was asked and what is in use.
+///
+/// Threads: any thread may call any public operation. Three kinds of lock, all recursive and
+/// class-wide, taken in this order: `mutex_vec` (vector operations), a stripe of the handles,
+/// `mutex`. Nothing is called back with them held, but for the log's sink and the virtual getters
+/// of the configuration.
+///
+/// Lifetime: a pager lives from the first GetHandle() until the process ends or the library is
+/// unloaded, and is never copied. Handles may outlive it; they can then only be destroyed.
+class MEMPAGER_EXPORT MEM_MemPager
+{
+public:
+    /// The process's general pager, made at the first call. Not owned by the caller.
+    /// The first call can throw std::bad_alloc; the next one tries again.
+    static MEM_MemPager* GetHandle();
+
+    /// A second pager with tables and a cache of its own, for clients that want to be accounted
+    /// for apart. Pieces of the two never share a block. After SetSingleHandleInMemPager() it
+    /// is the same as GetHandle().
+    static MEM_MemPager* GetHandleForMP();
+
+    /// Makes GetHandleForMP() return GetHandle() from now on. What the second pager holds by
+    /// then lives on.
+    static void SetSingleHandleInMemPager();
+
+    MEM_MemPager(const MEM_MemPager&) = delete;
+    MEM_MemPager& operator=(const MEM_MemPager&) = delete;
+
+    /// Clears the cache and logs one line for each block that wasn't freed.
+    virtual ~MEM_MemPager();
+
+    /// A new piece of `size` bytes, mapped once, in `*info`. What `*info` held is given up first,
+    /// also if the call fails. The memory is zero unless it served another piece before.
+    ///
+    /// @param size 1 to 4294967295 bytes; 0 is refused with a log line.
+    /// @param info must not be null; empty after a failure.
+    /// @param alignment the piece's offset in its region, and so its address, is a multiple of
+    ///        this many bytes as far as it divides the system's page size; 0 for none.
+    /// @return 0; -1 if memory can't be had even after the cache was given up, with a report in
+    ///         the log.
+    /// @throws std::bad_alloc if the library's own records can't be allocated; nothing but the
+    ///         old content of `*info` is lost then.
+    int Allocate(unsigned int size, MEM_PagerInfo* info, int alignment);
+
+    /// The same, for pieces to be kept apart: only pieces with equal `always_mapped` and equal
+    /// `group_id` share a region. Neither has any other effect.
+    int Allocate(unsigned int size, MEM_PagerInfo* info, int alignment, unsigned int always_mapped,
+                 unsigned int group_id);
+
+    /// Frees the piece of `info`, mapped or not, for all handles on it; nothing for an empty
+    /// handle or a piece that is gone. No copy of the handle may be in use at that moment, and
+    /// the piece's pointer is invalid afterwards. Allocates nothing.
+    /// @return 0.
+    int Free(MEM_PagerInfo& info);
+
+    /// Ends all views that nobody holds mapped. Allocates nothing.
+    /// @return bytes that the mapped total fell by.
+    unsigned long long ClearCache();
+
+    /// Asks the system to take this pager's resident pages back. Mappings and contents stay; the
+    /// next touch brings a page back. A failure goes to the log.
+    void ReduceWorkingSet();
+
+    /// Maps the pieces of `count` handles together: all of them, or none that wasn't mapped
+    /// before. A handle may be mapped already, stand in the array several times, or share its
+    /// piece with another. Nothing happens for a count of 0 or less. The array and its handles,
+    /// of this pager, stay the caller's; no entry may be null.
+    /// @return 0; -1 if one is empty or can't be mapped: the others are as they were then.
+    /// @throws RWBoundsErr if the piece of one was freed; the others are as they were then.
+    int MapMemPagerInfoVec(MEM_PagerInfo** infos, int count);
+
+    /// Gives one mapping of each handle back. One that holds none is told of in the log.
+    /// @throws RWBoundsErr at the first whose piece was freed; those behind it stay mapped.
+    void UnmapMemPagerInfoVec(MEM_PagerInfo** infos, int count);
+
+    /// Fills `status` with this pager's accounting, a consistent picture. @return 0.
+    int GetCurrentStatus(Mem_Status& status);
+
+    /// Writes the pager's totals and its heap's blocks to standard output, and one line per
+    /// block to the log at level 2.
+    void PrintDebugStatus();
+
+private:
+    friend struct Mem_TestAccess;
+    friend class MEM_PagerInfo;
+    friend class Mem_PagerInfoVecLockGuard;
+    friend struct Mem_ProcessPager;
+
+    struct NameHash {
+        std::size_t operator()(const RWCString& name) const { return name.hash(); }
+    };
+
+    class NextBlock;
+    class BlockViews;
+    class MappedSoFar;
+
+    /// A pager on the process's memory heap.
+    MEM_MemPager();
+    explicit MEM_MemPager(ShmmHeap* heap);
+
+    // Registration
+    MEM_MemInfo* allocate_piece(unsigned int size, unsigned int alignment,
+                                unsigned int always_mapped, unsigned int group_id)
+        FIBREX_REQUIRES(mutex);
+    MEM_MemInfo* ask_heap(unsigned int size, unsigned int alignment, unsigned int always_mapped,
+                          unsigned int group_id) FIBREX_REQUIRES(mutex);
+    void report_refused_piece(unsigned int size) FIBREX_REQUIRES(mutex);
+    void give_back(MEM_MemInfo* piece) FIBREX_REQUIRES(mutex);
+    int internal_register(MEM_MemInfo& info, MEM_PagerInfo* out) FIBREX_REQUIRES(mutex);
+    int register_on_block(int id, MEM_MemInfo& info) FIBREX_REQUIRES(mutex);
+    int register_new_block(const RWCString& name, MEM_MemInfo& info) FIBREX_REQUIRES(mutex);
+    void forget_block(int id, RegisteredBlock& block, const RWCString& name, unsigned int size)
+        FIBREX_REQUIRES(mutex);
+
+    // Mapping, reached from the handles
+    int Map(MEM_PagerInfo& info);
+    int Unmap(MEM_PagerInfo& info);
+    int Cache(MEM_PagerInfo& info);
+    int MapWithoutLocks(MEM_PagerInfo& info) FIBREX_REQUIRES(mutex);
+    int UnmapWithoutLocks(MEM_PagerInfo& info) FIBREX_REQUIRES(mutex);
+
+    int private_map(RegisteredBlock* block, bool add_ref, bool try_clear) FIBREX_REQUIRES(mutex);
+    int map_after_clearing(RegisteredBlock* block) FIBREX_REQUIRES(mutex);
+    unsigned int unmap_block(RegisteredBlock* block) FIBREX_REQUIRES(mutex);
+    unsigned int drop_view(RegisteredBlock* block) FIBREX_REQUIRES(mutex);
+    bool evict_at_least(unsigned int needed, Zor_PerformanceCounterData* to_shared)
+        FIBREX_REQUIRES(mutex);
+    void enter_cache(int id, RegisteredBlock& block) FIBREX_REQUIRES(mutex);
+    void leave_cache(int id, RegisteredBlock& block) FIBREX_REQUIRES(mutex);
+    unsigned long long client_mapped() const FIBREX_REQUIRES(mutex)
+    {
+        return m_total_mapped - m_total_cached;
+    }
+
+    // Life
+    static MEM_MemPager* publish(MEM_MemPager& pager, std::atomic<MEM_MemPager*>& pointer)
+        FIBREX_REQUIRES(mutex);
+    static void lock_all();
+    static void unlock_all();
+
+    // Reclaim
+    static void set_new_memory_handler() FIBREX_REQUIRES(mutex);
+    static int clear_cache_handler(std::size_t size, bool reported);
+    static unsigned long long clear_for_handler(MEM_MemPager* pager);
+    static void report_exhaustion(std::size_t size);
+
+    // Diagnostics
+    Zor_PerformanceCounterData* get_mem_counter(const RWCString& name);
+    void PrintSharedMemoryStatus();
+    static void PrintVirtualMemoryStatus();
+    static void print_usage(MEM_MemPager* pager);
+    void debug_print_status() FIBREX_REQUIRES(mutex);
+
+    /// Compares tables, counts, queue and totals with each other. @return what is broken, as a
+    /// text; null if all holds.
+    const char* broken_invariant() const FIBREX_REQUIRES(mutex);
+    void check_invariants() const FIBREX_REQUIRES(mutex);
+
+    static WindowUnixMutex mutex;
+    static WindowUnixMutex mutex_vec;
+    static std::atomic<MEM_MemPager*> s_general;
+    static std::atomic<MEM_MemPager*> s_second;
+    static std::atomic<bool> s_single_handle;
+    static std::atomic<bool> s_process_ends;
+    static bool s_new_handler_handled FIBREX_GUARDED_BY(mutex);
+
+    static const RWCString ALLOCATE_COUNTER_NAME;
+    static const RWCString CACHE_COUNTER_NAME;
+    static const RWCString CLEAR_CACHE_COUNTER_NAME;
+    static const RWCString MAP_FROM_CACHE_COUNTER_NAME;
+    static const RWCString MAP_FROM_SHARED_COUNTER_NAME;
+    static const RWCString UNMAP_TO_CACHE_COUNTER_NAME;
+    static const RWCString UNMAP_TO_SHARED_COUNTER_NAME;
+
+    Mem_BlockTable m_blocks FIBREX_GUARDED_BY(mutex);
+    MEM_FifoQueue m_cache_queue FIBREX_GUARDED_BY(mutex);
+    std::unordered_map<RWCString, int, NameHash> m_block_ids FIBREX_GUARDED_BY(mutex);
+    ShmmHeap* m_heap;
+    unsigned long long m_local_blocks_size FIBREX_GUARDED_BY(mutex) = 0;
+    unsigned long long m_local_pieces_size FIBREX_GUARDED_BY(mutex) = 0;
+    unsigned long long m_foreign_blocks_size FIBREX_GUARDED_BY(mutex) = 0;
+    unsigned long long m_foreign_pieces_size FIBREX_GUARDED_BY(mutex) = 0;
+    unsigned long long m_total_mapped FIBREX_GUARDED_BY(mutex) = 0;
+    unsigned long long m_total_cached FIBREX_GUARDED_BY(mutex) = 0;
+    int m_blocks_count FIBREX_GUARDED_BY(mutex) = 0;
+    bool m_stripe_held[MEM_PagerInfo::kStripes] FIBREX_GUARDED_BY(mutex_vec) = {};
+    unsigned long long m_unmapped_since_trim FIBREX_GUARDED_BY(mutex) = 0;
+    bool m_counters_on = false;
+};
+
+/// Holds all locks that operations on an array of handles take, for a scope: the thread can call
+/// Map(), Unmap() and the vector operations on these handles meanwhile, and no other thread gets
+/// between them. Every other thread that needs the pagers waits as long.
+///
+/// Belongs to the thread that made it. The array and its handles stay the caller's, must outlive
+/// the guard and must not change. Guards nest. Makes no allocation and never throws.
+class MEMPAGER_EXPORT Mem_PagerInfoVecLockGuard
+{
+public:
+    /// Takes the locks of `count` handles of `pager`; of none for a count of 0 or less.
+    Mem_PagerInfoVecLockGuard(MEM_MemPager* pager, MEM_PagerInfo** infos, int count);
+    ~Mem_PagerInfoVecLockGuard();
+
+    Mem_PagerInfoVecLockGuard(const Mem_PagerInfoVecLockGuard&) = delete;
+    Mem_PagerInfoVecLockGuard& operator=(const Mem_PagerInfoVecLockGuard&) = delete;
+
+private:
+    friend struct Mem_TestAccess;
+
+    void take_stripes();
+    void release_stripes();
+
+    MEM_MemPager* m_pager;
+    MEM_PagerInfo** m_infos;
+    int m_count;
+    std::bitset<MEM_PagerInfo::kStripes> m_taken; // by this guard, not by one around it
+};
+
+#endif

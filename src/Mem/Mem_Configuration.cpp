@@ -1,0 +1,187 @@
+#include "Mem/Mem_Configuration.h"
+
+#include "NRVlog/Zor_Log.h"
+#include "Platform/Platform.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <new>
+#include <utility>
+
+namespace
+{
+constexpr unsigned int kUnchanged = MEM_MemoryConfiguration_FileHeapParemeters::kUnchanged;
+
+unsigned int default_cache_size_in_mb()
+{
+    Platform& platform = Platform::Get();
+    const std::uint64_t mb = std::min(platform.PhysicalMemory(), platform.AddressSpace()) >> 20;
+    if (mb <= 2048)
+        return 500;
+    return mb <= 3072 ? 1000 : 2000;
+}
+
+RWCString default_temp_path()
+{
+    const char* folder = std::getenv("TEMP");
+    return RWCString(folder != nullptr ? folder : Platform::Get().DefaultTempFolder());
+}
+
+/// The environment's word on the cache size, as it was when it was first asked for.
+const char* cache_size_of_environment()
+{
+    static const char* const text = std::getenv("VORTELIX_CACHE_SIZE");
+    return text;
+}
+
+void set_unless_unchanged(unsigned int& setting, unsigned int value)
+{
+    if (value != kUnchanged)
+        setting = value;
+}
+} // namespace
+
+MEM_MemoryConfiguration* MEM_MemoryConfiguration::s_MemConfig = nullptr;
+
+MEM_MemoryConfiguration* MEM_MemoryConfiguration::GetInstance()
+{
+    if (s_MemConfig == nullptr)
+        s_MemConfig = new MEM_MemoryConfiguration;
+    return s_MemConfig;
+}
+
+void MEM_MemoryConfiguration::SetInstance(MEM_MemoryConfiguration* instance)
+{
+    MEM_MemoryConfiguration* const old = s_MemConfig;
+    if (instance == old)
+        return;
+    s_MemConfig = instance;
+    if (old == nullptr)
+        return;
+    // The object may be of a derived class with another size, so no sized delete.
+    old->MEM_MemoryConfiguration::~MEM_MemoryConfiguration();
+    ::operator delete(static_cast<void*>(old));
+}
+
+MEM_MemoryConfiguration::MEM_MemoryConfiguration()
+{
+    MEM_MemoryConfiguration::SetCacheSize(default_cache_size_in_mb());
+    m_temp_path = default_temp_path();
+}
+
+MEM_MemoryConfiguration::MEM_MemoryConfiguration(MEM_MemoryConfiguration&& other) noexcept
+    : MEM_MemoryConfiguration(static_cast<const MEM_MemoryConfiguration&>(other))
+{
+    other.m_temp_path = RWCString();
+}
+
+MEM_MemoryConfiguration&
+MEM_MemoryConfiguration::operator=(MEM_MemoryConfiguration&& other) noexcept
+{
+    const RWCString temp_path = m_temp_path;
+    *this = static_cast<const MEM_MemoryConfiguration&>(other);
+    other.m_temp_path = temp_path;
+    return *this;
+}
+
+RWCString MEM_MemoryConfiguration::FileHeap_TempFileName()
+{
+    return RWCString("TempFile");
+}
+
+RWCString MEM_MemoryConfiguration::FileHeap_TempPath()
+{
+    return m_temp_path;
+}
+
+unsigned int MEM_MemoryConfiguration::FileHeap_FileSizeInMb()
+{
+    return m_file_size;
+}
+
+unsigned int MEM_MemoryConfiguration::FileHeap_MaxTotalSpaceInMb()
+{
+    return m_max_total_space;
+}
+
+unsigned int MEM_MemoryConfiguration::FileHeap_MinSpaceToLeaveInMb()
+{
+    return m_min_space_to_leave;
+}
+
+void MEM_MemoryConfiguration::SetFileHeapParmeters(
+    MEM_MemoryConfiguration_FileHeapParemeters& params)
+{
+    if (params.TempFilePath.length() != 0)
+        m_temp_path = params.TempFilePath;
+    set_unless_unchanged(m_file_size, params.FileSizeInMb);
+    set_unless_unchanged(m_max_total_space, params.MaxTotalSpaceInMb);
+    set_unless_unchanged(m_min_space_to_leave, params.MinSpaceToLeaveInMb);
+    ZOR_LOG("MEM_MemoryConfiguration::SetFileHeapParmeters", 6,
+            "SetFileHeapParameters: TempFilePath=<%s>, FileSizeInMb=<%u>, "
+            "MaxTotalSpaceInMb=<%u>, MinSpaceToLeaveInMb=<%u>\n",
+            m_temp_path.data(), m_file_size, m_max_total_space, m_min_space_to_leave);
+}
+
+unsigned int MEM_MemoryConfiguration::GetSwapMaxSizeInMb()
+{
+    return m_swap_max_size;
+}
+
+void MEM_MemoryConfiguration::SetSwapMaxSizeInMb(unsigned int mb)
+{
+    m_swap_max_size = mb;
+    ZOR_LOG("MEM_MemoryConfiguration::SetSwapMaxSizeInMb", 6,
+            "SetSwapMaxSizeInMb: SwapMaxSizeInMb=<%u>\n", m_swap_max_size);
+}
+
+unsigned int MEM_MemoryConfiguration::BlockSizeThreshold()
+{
+    return m_block_size_threshold;
+}
+
+void MEM_MemoryConfiguration::SetBlockSizeThreshold(unsigned int bytes)
+{
+    m_block_size_threshold = bytes;
+    ZOR_LOG("MEM_MemoryConfiguration::SetBlockSizeThreshold", 6,
+            "SetBlockSizeThreshold: BlockSizeThreshold=<%u>\n", m_block_size_threshold);
+}
+
+unsigned int MEM_MemoryConfiguration::BaseBlockSize()
+{
+    return m_base_block_size;
+}
+
+void MEM_MemoryConfiguration::SetBaseBlockSize(unsigned int mb)
+{
+    if (mb != kUnchanged)
+        m_base_block_size = (mb << 20) + 65536;
+    ZOR_LOG("MEM_MemoryConfiguration::SetBaseBlockSize", 6,
+            "SetBaseBlockSize: BaseBlockSize=<%u>\n", m_base_block_size);
+}
+
+unsigned long long MEM_MemoryConfiguration::HeapCacheInBytes()
+{
+    return m_cache_size;
+}
+
+void MEM_MemoryConfiguration::SetCacheSize(unsigned int mb)
+{
+    const char* const text = cache_size_of_environment();
+    const std::int64_t wanted =
+        text != nullptr ? static_cast<std::int32_t>(std::atol(text)) : std::int64_t{mb};
+    m_cache_size = static_cast<unsigned long long>(wanted) << 20;
+    ZOR_LOG("MEM_MemoryConfiguration::SetCacheSize", 6, "SetCacheSize: CacheSize=<%Iu>\n",
+            m_cache_size);
+}
+
+unsigned long long MEM_MemoryConfiguration::UnmapWorkingSetLimit()
+{
+    return m_unmap_working_set_limit;
+}
+
+void MEM_MemoryConfiguration::SetUnmapWorkingSetLimit(unsigned int bytes)
+{
+    m_unmap_working_set_limit = bytes;
+}

@@ -1,0 +1,827 @@
+#include "Mem/Mem_MemPager.h"
+
+#include "Mem/Mem_Configuration.h"
+#include "Mem/Mem_MemInfo.h"
+#include "Mem/Mem_ShmmHeap.h"
+#include "Mem/Mem_Units.h"
+#include "NRVlog/Zor_Log.h"
+#include "Platform/Platform.h"
+#include "Zor/Zor_PerformanceCounters.h"
+
+#include <cassert>
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+#include <limits>
+#include <memory>
+#include <new>
+
+namespace
+{
+constexpr std::size_t kNameBuckets = 1024;
+constexpr int kCountersCode = 5830000;
+constexpr int kCountersLevel = 7;
+constexpr std::chrono::seconds kLongestWaitInHandler(1);
+
+void mark(Zor_PerformanceCounterData* counter)
+{
+    if (counter != nullptr)
+        counter->Mark();
+}
+
+void close(Zor_PerformanceCounterData* counter)
+{
+    if (counter != nullptr)
+        counter->End(-999, -1.0, nullptr);
+}
+
+unsigned long long cache_limit()
+{
+    return MEM_MemoryConfiguration::GetInstance()->HeapCacheInBytes();
+}
+
+/// Which pagers a failed allocation clears: 2 the general one, 1 the second one, 3 both.
+int pagers_to_clear()
+{
+    static const char* const text = std::getenv("VORTELIX_NEW_HANDLER");
+    return text != nullptr ? std::atoi(text) : 3;
+}
+} // namespace
+
+WindowUnixMutex MEM_MemPager::mutex;
+WindowUnixMutex MEM_MemPager::mutex_vec;
+std::atomic<MEM_MemPager*> MEM_MemPager::s_general = nullptr;
+std::atomic<MEM_MemPager*> MEM_MemPager::s_second = nullptr;
+std::atomic<bool> MEM_MemPager::s_single_handle = false;
+std::atomic<bool> MEM_MemPager::s_process_ends = false;
+bool MEM_MemPager::s_new_handler_handled = false;
+
+const RWCString MEM_MemPager::ALLOCATE_COUNTER_NAME("MEM_Allocate");
+const RWCString MEM_MemPager::CACHE_COUNTER_NAME("MEM_Cache");
+const RWCString MEM_MemPager::CLEAR_CACHE_COUNTER_NAME("MEM_ClearCache");
+const RWCString MEM_MemPager::MAP_FROM_CACHE_COUNTER_NAME("MEM_MapFromCache");
+const RWCString MEM_MemPager::MAP_FROM_SHARED_COUNTER_NAME("MEM_MapFromSharedMem");
+const RWCString MEM_MemPager::UNMAP_TO_CACHE_COUNTER_NAME("MEM_UnmapToCache");
+const RWCString MEM_MemPager::UNMAP_TO_SHARED_COUNTER_NAME("MEM_UnmapToSharedMem");
+
+// Life ------------------------------------------------------------------------------------------
+
+/// A pager that serves the process until its end.
+struct Mem_ProcessPager {
+    ~Mem_ProcessPager()
+    {
+        WindowUnixGuard lock(&MEM_MemPager::mutex);
+        MEM_MemPager::s_process_ends = true;
+    }
+    MEM_MemPager pager;
+};
+
+MEM_MemPager* MEM_MemPager::GetHandle()
+{
+    if (MEM_MemPager* const pager = s_general.load(std::memory_order_acquire))
+        return pager;
+    WindowUnixGuard lock(&mutex);
+    static Mem_ProcessPager general;
+    return publish(general.pager, s_general);
+}
+
+MEM_MemPager* MEM_MemPager::GetHandleForMP()
+{
+    if (s_single_handle)
+        return GetHandle();
+    if (MEM_MemPager* const pager = s_second.load(std::memory_order_acquire))
+        return pager;
+    WindowUnixGuard lock(&mutex);
+    static Mem_ProcessPager second;
+    return publish(second.pager, s_second);
+}
+
+void MEM_MemPager::SetSingleHandleInMemPager()
+{
+    s_single_handle = true;
+}
+
+MEM_MemPager* MEM_MemPager::publish(MEM_MemPager& pager, std::atomic<MEM_MemPager*>& pointer)
+{
+    if (!s_new_handler_handled) {
+        Platform::Get().OnFork(lock_all, unlock_all, unlock_all);
+        set_new_memory_handler();
+    }
+    pointer.store(&pager, std::memory_order_release);
+    return &pager;
+}
+
+// A child of a process with several threads finds the tables whole and the locks free.
+void MEM_MemPager::lock_all() FIBREX_NO_THREAD_SAFETY_ANALYSIS
+{
+    mutex_vec.CatchMutex();
+    for (WindowUnixMutex& stripe : MEM_PagerInfo::mutex)
+        stripe.CatchMutex();
+    mutex.CatchMutex();
+}
+
+void MEM_MemPager::unlock_all() FIBREX_NO_THREAD_SAFETY_ANALYSIS
+{
+    mutex.ReleaseMutex();
+    for (WindowUnixMutex& stripe : MEM_PagerInfo::mutex)
+        stripe.ReleaseMutex();
+    mutex_vec.ReleaseMutex();
+}
+
+MEM_MemPager::MEM_MemPager() : MEM_MemPager(Memory_ShmmHeap::GetInstance()) {}
+
+MEM_MemPager::MEM_MemPager(ShmmHeap* heap) : m_block_ids(kNameBuckets), m_heap(heap)
+{
+    m_block_ids.max_load_factor(std::numeric_limits<float>::infinity());
+    m_counters_on = ZorGLog.GetLogLevel(kCountersCode) == kCountersLevel;
+}
+
+MEM_MemPager::~MEM_MemPager()
+{
+    ClearCache();
+    WindowUnixGuard lock(&mutex);
+    m_blocks.ForEach([](int, RegisteredBlock& block) {
+        ZOR_LOG("MEM_MemPager::~MEM_MemPager", 3,
+                "Application is exiting (at least one block hasn't been freed yet)\n");
+        delete &block;
+    });
+    m_blocks.Clear();
+}
+
+// Registration ----------------------------------------------------------------------------------
+
+int MEM_MemPager::Allocate(unsigned int size, MEM_PagerInfo* info, int alignment)
+{
+    return Allocate(size, info, alignment, 0, 0);
+}
+
+int MEM_MemPager::Allocate(unsigned int size, MEM_PagerInfo* info, int alignment,
+                           unsigned int always_mapped, unsigned int group_id)
+{
+    info->Release();
+    if (size == 0) {
+        ZOR_LOG("MEM_MemPager::Allocate", 3, "Allocate: Refused a request of 0 bytes\n");
+        return -1;
+    }
+    WindowUnixGuard lock(&mutex);
+    Zor_PerformanceCounterData* const counter = get_mem_counter(ALLOCATE_COUNTER_NAME);
+    mark(counter);
+    MEM_MemInfo* const piece =
+        allocate_piece(size, static_cast<unsigned int>(alignment), always_mapped, group_id);
+    if (piece == nullptr)
+        return -1;
+
+    int result = -1;
+    try {
+        result = internal_register(*piece, info);
+    } catch (...) {
+        give_back(piece);
+        throw;
+    }
+    if (result != 0) {
+        ZOR_LOG("MEM_MemPager::Allocate", 7,
+                "Allocate: Failed mapping the shared memory. Freeing the block..\n");
+        give_back(piece);
+        return -1;
+    }
+    close(counter);
+    check_invariants();
+    return 0;
+}
+
+MEM_MemInfo* MEM_MemPager::ask_heap(unsigned int size, unsigned int alignment,
+                                    unsigned int always_mapped, unsigned int group_id)
+{
+    BaseInfo* piece = nullptr;
+    m_heap->SetClient(this);
+    if (m_heap->Allocate(size, alignment, &piece, always_mapped, group_id) != 0)
+        return nullptr;
+    // The pager's heap hands out nothing else.
+    return static_cast<MEM_MemInfo*>(piece);
+}
+
+MEM_MemInfo* MEM_MemPager::allocate_piece(unsigned int size, unsigned int alignment,
+                                          unsigned int always_mapped, unsigned int group_id)
+{
+    if (MEM_MemInfo* const piece = ask_heap(size, alignment, always_mapped, group_id))
+        return piece;
+    ZOR_LOG("MEM_MemPager::Allocate", 5,
+            "Allocate: Couldn't allocate shared memory, but we can still free MEM cache and try "
+            "again (Details: User mapped memory size=%.2fMB, Cached mapped memory "
+            "size=%.2fMB)\n",
+            InMb(client_mapped()), InMb(m_total_cached));
+    ClearCache();
+    MEM_MemInfo* const piece = ask_heap(size, alignment, always_mapped, group_id);
+    if (piece == nullptr)
+        report_refused_piece(size);
+    else
+        ZOR_LOG("MEM_MemPager::Allocate", 5,
+                "Allocate: Succeeded re-allocating shared memory (after we cleared the cache). "
+                "Everything is ok now.\n");
+    return piece;
+}
+
+void MEM_MemPager::report_refused_piece(unsigned int size)
+{
+    ZOR_LOG("MEM_MemPager::Allocate", 3,
+            "Process couldn't allocate Shared Memory! (Details: Shared memory Allocation failed, "
+            "we cleared the cache but allocation failed again)\n");
+    ZOR_LOG("MEM_MemPager::Allocate", 3,
+            "Shared memory is probably consumed. See details below:\n");
+    ZOR_LOG("MEM_MemPager::Allocate", 3, "\tTried to allocate %.2fMB\n", InMb(size));
+    PrintSharedMemoryStatus();
+}
+
+void MEM_MemPager::give_back(MEM_MemInfo* piece)
+{
+    if (m_heap->Free(piece) != 0)
+        ZOR_LOG("MEM_MemPager::Allocate", 5,
+                "Allocate: Failed freeing the block (memory might be leaked)\n");
+}
+
+int MEM_MemPager::internal_register(MEM_MemInfo& info, MEM_PagerInfo* out)
+{
+    auto state = std::make_unique<PagerInfoState>();
+    const RWCString name = info.Owner()->Name();
+    const auto known = m_block_ids.find(name);
+    const int id = known != m_block_ids.end() ? register_on_block(known->second, info)
+                                              : register_new_block(name, info);
+    if (id < 0)
+        return -1;
+    out->assign(std::move(state), id, this, &info, true);
+    return 0;
+}
+
+int MEM_MemPager::register_on_block(int id, MEM_MemInfo& info)
+{
+    RegisteredBlock& block = m_blocks.At(id);
+    if (block.stat == RegisteredBlock::kUnmapped && private_map(&block, false, true) != 0) {
+        ZOR_LOG("MEM_MemPager::internal_register", 5,
+                "MemPager::Register failed to map block %d!\n", id);
+        return -1;
+    }
+    if (block.stat == RegisteredBlock::kCached)
+        leave_cache(id, block);
+    block.stat = RegisteredBlock::kMapped;
+    ++block.m_ref;
+    ++block.ref;
+    info.UpdatePtrByBase(block.owner->Ptr());
+    m_local_pieces_size += info.Size();
+    return id;
+}
+
+/// What a new block needs in the pager's tables, set aside before anything else happens and
+/// taken back unless it was used.
+class MEM_MemPager::NextBlock
+{
+public:
+    NextBlock(MEM_MemPager& pager, const RWCString& name) FIBREX_NO_THREAD_SAFETY_ANALYSIS
+        : m_pager(pager),
+          m_name(name),
+          m_id(pager.m_blocks.Length())
+    {
+        pager.m_blocks.ReserveNext();
+        pager.m_block_ids.emplace(name, m_id);
+        try {
+            pager.m_cache_queue.Reserve(m_id);
+        } catch (...) {
+            pager.m_block_ids.erase(name);
+            throw;
+        }
+    }
+
+    ~NextBlock() FIBREX_NO_THREAD_SAFETY_ANALYSIS
+    {
+        if (m_used)
+            return;
+        m_pager.m_block_ids.erase(m_name);
+        m_pager.m_cache_queue.Release(m_id);
+    }
+
+    NextBlock(const NextBlock&) = delete;
+    NextBlock& operator=(const NextBlock&) = delete;
+
+    int Use(RegisteredBlock* block) FIBREX_NO_THREAD_SAFETY_ANALYSIS
+    {
+        m_used = true;
+        m_pager.m_blocks.Append(block);
+        ++m_pager.m_blocks_count;
+        return m_id;
+    }
+
+private:
+    MEM_MemPager& m_pager;
+    const RWCString m_name;
+    const int m_id;
+    bool m_used = false;
+};
+
+int MEM_MemPager::register_new_block(const RWCString& name, MEM_MemInfo& info)
+{
+    auto block = std::make_unique<RegisteredBlock>(info.Owner());
+    NextBlock next(*this, name);
+    if (private_map(block.get(), false, true) != 0) {
+        ZOR_LOG("MEM_MemPager::internal_register", 5,
+                "MemPager::Register failed to map a new block\n");
+        return -1;
+    }
+    block->ref = 1;
+    block->m_ref = 1;
+    block->stat = RegisteredBlock::kMapped;
+    info.UpdatePtrByBase(block->owner->Ptr());
+    m_local_blocks_size += block->owner->Size();
+    m_local_pieces_size += info.Size();
+    return next.Use(block.release());
+}
+
+int MEM_MemPager::Free(MEM_PagerInfo& info)
+{
+    WindowUnixGuard lock(&mutex);
+    const int id = info.Block();
+    if (id < 0)
+        return 0;
+    RegisteredBlock& block = m_blocks.At(id);
+    --block.ref;
+
+    // With the last piece the heap destroys the owner.
+    const RWCString name = block.owner->Name();
+    const unsigned int size = block.owner->Size();
+    MEM_MemInfo* const piece = info.GetMemInfoPtr();
+    m_local_pieces_size -= piece->Size();
+    m_heap->Free(piece);
+    if (block.ref == 0)
+        forget_block(id, block, name, size);
+    info.Reset();
+    check_invariants();
+    return 0;
+}
+
+void MEM_MemPager::forget_block(int id, RegisteredBlock& block, const RWCString& name,
+                                unsigned int size)
+{
+    if (block.stat != RegisteredBlock::kUnmapped)
+        m_total_mapped -= size;
+    if (block.stat == RegisteredBlock::kCached)
+        m_total_cached -= size;
+    m_cache_queue.Release(id);
+    m_block_ids.erase(name);
+    m_local_blocks_size -= size;
+    m_blocks.Erase(id);
+    delete &block;
+    if (--m_blocks_count == 0)
+        m_blocks.Clear();
+}
+
+// Mapping ---------------------------------------------------------------------------------------
+
+int MEM_MemPager::Map(MEM_PagerInfo& info)
+{
+    if (info.Ptr() != nullptr)
+        return 0;
+    WindowUnixGuard lock(&mutex);
+    return MapWithoutLocks(info);
+}
+
+int MEM_MemPager::MapWithoutLocks(MEM_PagerInfo& info)
+{
+    if (info.Ptr() != nullptr)
+        return 0;
+    const int id = info.Block();
+    RegisteredBlock& block = m_blocks.At(id);
+    Zor_PerformanceCounterData* counter = nullptr;
+    if (block.stat == RegisteredBlock::kCached)
+        counter = get_mem_counter(MAP_FROM_CACHE_COUNTER_NAME);
+    else if (block.stat == RegisteredBlock::kUnmapped)
+        counter = get_mem_counter(MAP_FROM_SHARED_COUNTER_NAME);
+    mark(counter);
+
+    if (private_map(&block, true, true) == -1)
+        return -1;
+    info.GetMemInfoPtr()->UpdatePtrByBase(block.owner->Ptr());
+    if (block.stat == RegisteredBlock::kCached)
+        leave_cache(id, block);
+    block.stat = RegisteredBlock::kMapped;
+    close(counter);
+    check_invariants();
+    return 0;
+}
+
+int MEM_MemPager::private_map(RegisteredBlock* block, bool add_ref, bool try_clear)
+{
+    if (block->owner->Ptr() != nullptr) {
+        block->m_ref += add_ref ? 1 : 0;
+        return 0;
+    }
+    if (block->owner->Map() == -1) {
+        if (!try_clear) {
+            ZOR_LOG("MEM_MemPager::private_map", 6,
+                    "Process couldn't Map Shared Memory (process is out of memory), without "
+                    "trying to clear cache (Details: Map failed and we didn't try to clear the "
+                    "cache which is %.1fMB)\n",
+                    InMb(m_total_cached));
+            return -1;
+        }
+        if (map_after_clearing(block) != 0)
+            return -1;
+    }
+    block->m_ref += add_ref ? 1 : 0;
+    m_total_mapped += block->owner->Size();
+    return 0;
+}
+
+int MEM_MemPager::map_after_clearing(RegisteredBlock* block)
+{
+    const double size = InMb(block->owner->Size());
+    ZOR_LOG("MEM_MemPager::private_map", 5,
+            "Map: Couldn't map shared memory, but we can still free MEM cache and try again\n");
+    ZOR_LOG("MEM_MemPager::private_map", 5,
+            "(Details: Size %.1fMB, User mapped memory=%.1fMB, Cached mapped memory=%.1fMB)\n",
+            size, InMb(client_mapped()), InMb(m_total_cached));
+    ClearCache();
+    if (block->owner->Map() == 0) {
+        ZOR_LOG("MEM_MemPager::private_map", 5,
+                "Map: Succeeded re-mapping shared memory (after we cleared the cache). "
+                "Everything is ok now (New User mapped memory is %.1fMB)\n",
+                InMb(client_mapped()));
+        return 0;
+    }
+    ZOR_LOG("MEM_MemPager::private_map", 3,
+            "Process couldn't Map Shared Memory, probably because process is out of memory! "
+            "(Details: Map failed, we cleared the cache but map failed again)\n");
+    ZOR_LOG("MEM_MemPager::private_map", 3,
+            "Either a memory leak occurred, or too much memory is allocated. See details "
+            "below:\n");
+    ZOR_LOG("MEM_MemPager::private_map", 3, "\tTried to map: %.2fMB.\n", size);
+    PrintVirtualMemoryStatus();
+    return -1;
+}
+
+int MEM_MemPager::Unmap(MEM_PagerInfo& info)
+{
+    WindowUnixGuard lock(&mutex);
+    return UnmapWithoutLocks(info);
+}
+
+int MEM_MemPager::UnmapWithoutLocks(MEM_PagerInfo& info)
+{
+    const int id = info.Block();
+    RegisteredBlock& block = m_blocks.At(id);
+    const unsigned long long limit = cache_limit();
+
+    info.GetMemInfoPtr()->UpdatePtrByBase(nullptr);
+    if (--block.m_ref != 0)
+        return 0; // other pieces still need the view
+    Zor_PerformanceCounterData* const to_cache = get_mem_counter(UNMAP_TO_CACHE_COUNTER_NAME);
+    Zor_PerformanceCounterData* const to_shared = get_mem_counter(UNMAP_TO_SHARED_COUNTER_NAME);
+    mark(to_cache);
+    if (m_total_mapped > limit && !evict_at_least(block.owner->Size(), to_shared)) {
+        drop_view(&block); // nothing older could make room
+        close(to_shared);
+    } else {
+        enter_cache(id, block);
+        close(to_cache);
+    }
+    check_invariants();
+    return 0;
+}
+
+bool MEM_MemPager::evict_at_least(unsigned int needed, Zor_PerformanceCounterData* to_shared)
+{
+    for (unsigned long long freed = 0; freed < needed;) {
+        mark(to_shared);
+        if (m_cache_queue.IsEmpty())
+            return false;
+        RegisteredBlock& victim = m_blocks.At(m_cache_queue.Pop());
+        m_total_cached -= victim.owner->Size();
+        freed += drop_view(&victim);
+        close(to_shared);
+    }
+    return true;
+}
+
+unsigned int MEM_MemPager::drop_view(RegisteredBlock* block)
+{
+    const unsigned int unmapped = unmap_block(block);
+    m_total_mapped -= unmapped;
+    return unmapped;
+}
+
+unsigned int MEM_MemPager::unmap_block(RegisteredBlock* block)
+{
+    const unsigned long long limit = MEM_MemoryConfiguration::GetInstance()->UnmapWorkingSetLimit();
+    const unsigned int unmapped = block->owner->Unmap() == 0 ? block->owner->Size() : 0;
+    block->stat = RegisteredBlock::kUnmapped;
+    m_unmapped_since_trim += unmapped;
+    if (limit != 0 && m_unmapped_since_trim > limit) {
+        m_unmapped_since_trim = 0;
+        ReduceWorkingSet();
+    }
+    return unmapped;
+}
+
+// Room for the id was set aside when the block was registered.
+void MEM_MemPager::enter_cache(int id, RegisteredBlock& block)
+{
+    m_cache_queue.Push(id);
+    m_total_cached += block.owner->Size();
+    block.stat = RegisteredBlock::kCached;
+}
+
+void MEM_MemPager::leave_cache(int id, RegisteredBlock& block)
+{
+    m_cache_queue.Remove(id);
+    m_total_cached -= block.owner->Size();
+}
+
+// Cache and reclaim -----------------------------------------------------------------------------
+
+int MEM_MemPager::Cache(MEM_PagerInfo& info)
+{
+    WindowUnixGuard lock(&mutex);
+    const unsigned long long limit = cache_limit();
+    if (m_total_mapped > limit) {
+        ZOR_LOG("MEM_MemPager::Cache", 5,
+                "Cache: Won't cache the page, because total mapped <%.2fMB> is bigger than the "
+                "Cache Limit <%.2fMB>\n",
+                InMb(m_total_mapped), InMb(limit));
+        return -1;
+    }
+    const int id = info.Block();
+    RegisteredBlock& block = m_blocks.At(id);
+    if (block.stat != RegisteredBlock::kUnmapped)
+        return 0;
+    Zor_PerformanceCounterData* const counter = get_mem_counter(CACHE_COUNTER_NAME);
+    mark(counter);
+    if (private_map(&block, false, false) != 0) {
+        ZOR_LOG("MEM_MemPager::Cache", 5,
+                "Cache: Memory is low, failed to map memory to be cached.\n");
+        return -1;
+    }
+    close(counter);
+    enter_cache(id, block);
+    check_invariants();
+    return 0;
+}
+
+unsigned long long MEM_MemPager::ClearCache()
+{
+    WindowUnixGuard lock(&mutex);
+    Zor_PerformanceCounterData* const clear = get_mem_counter(CLEAR_CACHE_COUNTER_NAME);
+    Zor_PerformanceCounterData* const to_shared = get_mem_counter(UNMAP_TO_SHARED_COUNTER_NAME);
+    mark(to_shared);
+    mark(clear);
+    const unsigned long long old_mapped = m_total_mapped;
+    const unsigned long long old_cached = m_total_cached;
+    m_blocks.ForEach([&](int, RegisteredBlock& block) FIBREX_NO_THREAD_SAFETY_ANALYSIS {
+        if (block.stat == RegisteredBlock::kCached) {
+            drop_view(&block);
+            close(to_shared);
+        }
+    });
+    m_cache_queue.Clear();
+    m_total_cached = 0;
+    close(clear);
+    ZOR_LOG("MEM_MemPager::ClearCache", 6,
+            "Cleared cache. Old Total Mapped was <%.2fMB>, from it was Cached <%.2fMB>. New Total "
+            "Mapped is <%.2fMB> (No Cache)\n",
+            InMb(old_mapped), InMb(old_cached), InMb(m_total_mapped));
+    return old_mapped - m_total_mapped;
+}
+
+void MEM_MemPager::set_new_memory_handler()
+{
+    s_new_handler_handled = true;
+    static const bool unwanted = std::getenv("VORTELIX_DIS_NEW_HANDLER") != nullptr;
+    if (unwanted)
+        return;
+    ZOR_LOG("MEM_MemPager::set_new_memory_handler", 5,
+            "MEM_MemPager::MEM_MemPager() setting new handler\n");
+    Platform::Get().OnAllocationFailure(clear_cache_handler);
+}
+
+int MEM_MemPager::clear_cache_handler(std::size_t size, bool reported)
+{
+    // The thread that failed may hold a lock of the host's that whoever holds `mutex` waits for.
+    if (!mutex.CatchMutexFor(kLongestWaitInHandler))
+        throw std::bad_alloc();
+    WindowUnixGuard lock(&mutex, std::adopt_lock);
+    if (s_process_ends)
+        throw std::bad_alloc();
+
+    ZOR_LOG("clear_cache_handler", 5,
+            "clear_cache_handler: Couldn't allocate with new, but we can still free MEM cache and "
+            "try again (Details: AllocatedSize=<%d bytes>)\n",
+            static_cast<int>(size));
+    const int mask = pagers_to_clear();
+    unsigned long long freed = 0;
+    if ((mask & 2) != 0)
+        freed += clear_for_handler(s_general);
+    if ((mask & 1) != 0)
+        freed += clear_for_handler(s_single_handle ? s_general : s_second);
+    if (freed != 0) {
+        ZOR_LOG("clear_cache_handler", 5,
+                "clear_cache_handler: Succeeded clearing cache, everything is ok now. Will try to "
+                "allocate again..\n");
+        return 1;
+    }
+    if (!reported)
+        report_exhaustion(size);
+    throw std::bad_alloc();
+}
+
+// A pager that doesn't exist yet has nothing to clear, and this is no time to make one.
+unsigned long long MEM_MemPager::clear_for_handler(MEM_MemPager* pager)
+{
+    const unsigned long long freed = pager != nullptr ? pager->ClearCache() : 0;
+    if (freed != 0)
+        ZOR_LOG("clear_cache_handler", 5,
+                "clear_cache_handler: Succeeded freeing mem cache (Details: Freed %.2fMB from "
+                "Other cached memory)\n",
+                InMb(freed));
+    else
+        ZOR_LOG("clear_cache_handler", 5,
+                "clear_cache_handler: Didn't find any cache to free...\n");
+    return freed;
+}
+
+void MEM_MemPager::report_exhaustion(std::size_t size)
+{
+    ZOR_LOG("clear_cache_handler", 2,
+            "Process is out of memory, and about to crash! (Details: new Allocation failed, and we "
+            "had no more cache to free)\n");
+    ZOR_LOG("clear_cache_handler", 2,
+            "Either a memory leak occurred, or too much memory is allocated. See details "
+            "below:\n");
+    ZOR_LOG("clear_cache_handler", 2, "\tTried to allocate: %.2fMB\n", InMb(size));
+    PrintVirtualMemoryStatus();
+}
+
+/// Walks the views of a pager's blocks, of which another process may see the memory, but never
+/// private memory.
+class MEM_MemPager::BlockViews final : public Platform::Views
+{
+public:
+    explicit BlockViews(const Mem_BlockTable& blocks) : m_blocks(blocks) {}
+
+    bool Next(void*& view, std::uint64_t& size) override
+    {
+        for (int id = m_blocks.NextFrom(m_next); id >= 0; id = m_blocks.NextFrom(id + 1)) {
+            BaseMapInfo& owner = *m_blocks.At(id).owner;
+            if (owner.Ptr() == nullptr)
+                continue;
+            view = owner.Ptr();
+            size = owner.Size();
+            m_next = id + 1;
+            return true;
+        }
+        return false;
+    }
+
+private:
+    const Mem_BlockTable& m_blocks;
+    int m_next = 0;
+};
+
+void MEM_MemPager::ReduceWorkingSet()
+{
+    ZOR_LOG("MEM_MemPager::ReduceWorkingSet", 6, "MEM_MemPager::ReduceWorkingSet()\n");
+    WindowUnixGuard lock(&mutex);
+    BlockViews views(m_blocks);
+    if (!Platform::Get().TrimWorkingSet(views))
+        ZOR_LOG("MEM_MemPager::ReduceWorkingSet", 3, "failed to reduce working set (error=%d)!!\n",
+                static_cast<int>(Platform::Get().LastError()));
+}
+
+// Diagnostics -----------------------------------------------------------------------------------
+
+Zor_PerformanceCounterData* MEM_MemPager::get_mem_counter(const RWCString& name)
+{
+    if (!m_counters_on)
+        return nullptr;
+    return Zor_PerformanceCounters::Instance()->GetOrAddCounter(
+        {}, Zor_PerformanceCounterData::SYSTEM_GENERAL, name, Zor_PerformanceCounterData::RW_NULL,
+        Zor_PerformanceCounterData::RW_NULL, -1, 5, 7, nullptr);
+}
+
+int MEM_MemPager::GetCurrentStatus(Mem_Status& status)
+{
+    WindowUnixGuard lock(&mutex);
+    status.blocks_count = m_blocks_count;
+    status.local_blocks_count = 0;
+    status.foreign_blocks_size = m_foreign_blocks_size;
+    status.foreign_pieces_size = m_foreign_pieces_size;
+    status.local_blocks_size = m_local_blocks_size;
+    status.local_pieces_size = m_local_pieces_size;
+    status.total_cached = m_total_cached;
+    status.total_mapped = m_total_mapped;
+    m_blocks.ForEach([&](int, RegisteredBlock& block) {
+        status.local_blocks_count += block.owner->Local() ? 1 : 0;
+    });
+    return 0;
+}
+
+void MEM_MemPager::PrintDebugStatus()
+{
+    WindowUnixGuard lock(&mutex);
+    std::cout << "<<<----------------- MEM_MemPager::PrintStatus()--------------------->>>"
+              << std::endl;
+    std::cout << "Total Mapped = " << m_total_mapped << " , Total Cached = " << m_total_cached
+              << std::endl;
+    m_heap->PrintStatus(std::cout);
+    std::cout << ">>>----------------- MEM_MemPager::PrintStatus()---------------------<<<"
+              << std::endl;
+    debug_print_status();
+}
+
+void MEM_MemPager::debug_print_status()
+{
+    ZOR_LOG("MEM_MemPager::debug_print_status", 2, "START ***debug_print_status*** \n");
+    for (int id = 0; id < m_blocks.Length(); ++id) {
+        RegisteredBlock* const block = m_blocks.Find(id);
+        if (block == nullptr)
+            ZOR_LOG("MEM_MemPager::debug_print_status", 2, "<%d> RegisteredBlock is NULL\n", id);
+        else
+            ZOR_LOG("MEM_MemPager::debug_print_status", 2,
+                    "<%Iu> %s,ref <%d>, m_ref <%d>, stat <%d>\n", static_cast<std::uint64_t>(id),
+                    block->owner->Name().data(), block->ref, block->m_ref, block->stat);
+    }
+    ZOR_LOG("MEM_MemPager::debug_print_status", 2, "END ***debug_print_status*** \n");
+}
+
+void MEM_MemPager::PrintSharedMemoryStatus()
+{
+    WindowUnixGuard lock(&mutex);
+    MEM_MemoryConfiguration* const configuration = MEM_MemoryConfiguration::GetInstance();
+    const unsigned int most =
+        configuration->GetSwapMaxSizeInMb() + configuration->FileHeap_MaxTotalSpaceInMb();
+    ZOR_LOG("MEM_MemPager::PrintSharedMemoryStatus", 2,
+            "\tMEM Shared memory estimated size: %dMB; Maximal (Configured) Shared memory size is "
+            "%uMB\n",
+            static_cast<int>(m_heap->GetSizeInMb()), most);
+}
+
+void MEM_MemPager::PrintVirtualMemoryStatus()
+{
+    print_usage(s_second);
+    print_usage(s_general);
+}
+
+void MEM_MemPager::print_usage(MEM_MemPager* pager)
+{
+    Mem_Status status;
+    if (pager == nullptr || pager->GetCurrentStatus(status) != 0 || status.total_mapped == 0)
+        return;
+    ZOR_LOG("MEM_MemPager::PrintVirtualMemoryStatus", 2,
+            "\tMEM memory usage: User mapped shared memory: %.2fMB; Cached mapped shared memory: "
+            "%.2fMB\n",
+            InMb(status.total_mapped - status.total_cached), InMb(status.total_cached));
+}
+
+const char* MEM_MemPager::broken_invariant() const
+{
+    struct Sums {
+        int blocks = 0;
+        int cached = 0;
+        unsigned long long local = 0;
+        unsigned long long foreign = 0;
+        unsigned long long mapped_bytes = 0;
+        unsigned long long cached_bytes = 0;
+        const char* broken = nullptr;
+
+        void Expect(bool holds, const char* what) { broken = holds ? broken : what; }
+    } sums;
+
+    m_blocks.ForEach([&](int id, RegisteredBlock& block) FIBREX_NO_THREAD_SAFETY_ANALYSIS {
+        const unsigned int size = block.owner->Size();
+        const bool cached = block.stat == RegisteredBlock::kCached;
+        const bool mapped = block.stat == RegisteredBlock::kMapped;
+        const auto named = m_block_ids.find(block.owner->Name());
+        sums.blocks += 1;
+        sums.cached += cached ? 1 : 0;
+        (block.owner->Local() ? sums.local : sums.foreign) += size;
+        sums.mapped_bytes += block.owner->Ptr() != nullptr ? size : 0;
+        sums.cached_bytes += cached ? size : 0;
+        sums.Expect(block.ref > 0, "a block without pieces");
+        sums.Expect(mapped ? block.m_ref > 0 : block.m_ref == 0, "m_ref against stat");
+        sums.Expect(!(mapped || cached) || block.owner->Ptr() != nullptr, "a view is missing");
+        sums.Expect(m_cache_queue.Contains(id) == cached, "the queue against stat");
+        sums.Expect(named != m_block_ids.end() && named->second == id, "the name index");
+    });
+    sums.Expect(m_cache_queue.Validate(), "the queue's index");
+    sums.Expect(m_cache_queue.IsEmpty() == (sums.cached == 0), "an id too many in the queue");
+    sums.Expect(sums.blocks == m_blocks_count, "m_blocks_count");
+    sums.Expect(m_block_ids.size() == static_cast<std::size_t>(sums.blocks), "a name too many");
+    sums.Expect(sums.blocks != 0 || m_blocks.Length() == 0, "an empty table with a length");
+    sums.Expect(sums.local == m_local_blocks_size, "m_local_blocks_size");
+    sums.Expect(sums.foreign == m_foreign_blocks_size, "m_foreign_blocks_size");
+    sums.Expect(sums.mapped_bytes == m_total_mapped, "m_total_mapped");
+    sums.Expect(sums.cached_bytes == m_total_cached, "m_total_cached");
+    return sums.broken;
+}
+
+void MEM_MemPager::check_invariants() const
+{
+#if defined(MEMPAGER_CHECK_INVARIANTS)
+    assert(broken_invariant() == nullptr);
+#endif
+}

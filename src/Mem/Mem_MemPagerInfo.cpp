@@ -1,0 +1,273 @@
+#include "Mem/Mem_MemPagerInfo.h"
+
+#include "Mem/Mem_MemInfo.h"
+#include "Mem/Mem_MemPager.h"
+#include "NRVlog/Zor_Log.h"
+
+#include <memory>
+
+WindowUnixMutex MEM_PagerInfo::mutex[MEM_PagerInfo::kStripes];
+std::atomic<unsigned int> MEM_PagerInfo::m_MutexCounter = 0;
+
+MEM_PagerInfo::MEM_PagerInfo(MEM_MemPager* pager) : m_pager(pager) {}
+
+MEM_PagerInfo::MEM_PagerInfo(const MEM_PagerInfo* other, MEM_MemPager* pager) : m_pager(pager)
+{
+    if (other != nullptr)
+        copy(*other, false);
+}
+
+MEM_PagerInfo::MEM_PagerInfo(int blk_id, MEM_MemPager* pager, MEM_MemInfo* info, bool mapped)
+{
+    Assign(blk_id, pager, info, mapped);
+}
+
+MEM_PagerInfo::MEM_PagerInfo(const MEM_PagerInfo& other, bool)
+{
+    copy(other, true);
+}
+
+MEM_PagerInfo& MEM_PagerInfo::operator=(const MEM_PagerInfo& other)
+{
+    if (m_state != other.m_state) {
+        release();
+        copy(other, true);
+    }
+    return *this;
+}
+
+void MEM_PagerInfo::GetUnmappedInfo(const MEM_PagerInfo& other)
+{
+    if (m_state != other.m_state) {
+        release();
+        copy(other, false);
+    }
+}
+
+MEM_PagerInfo::~MEM_PagerInfo()
+{
+    release();
+}
+
+void MEM_PagerInfo::Assign(int blk_id, MEM_MemPager* pager, MEM_MemInfo* info, bool mapped)
+{
+    assign(std::make_unique<PagerInfoState>(), blk_id, pager, info, mapped);
+}
+
+void MEM_PagerInfo::assign(std::unique_ptr<PagerInfoState> state, int blk_id, MEM_MemPager* pager,
+                           MEM_MemInfo* info, bool mapped)
+{
+    if (m_state != nullptr)
+        ZOR_LOG("MEM_PagerInfo::Assign", 4,
+                "MEM_PagerInfo::Assign: Assigned an existing MEM_PagerInfo! Probably memory "
+                "leaked...\n");
+    state->ref_count = 1;
+    state->mem_info = info;
+    state->map_count = mapped ? 1 : 0;
+    state->blk_id = blk_id;
+
+    m_state = state.release();
+    m_mutex_index = static_cast<int>(m_MutexCounter++ % kStripes);
+    m_allocated_size = info != nullptr ? info->Size() : 0;
+    m_map_count = mapped ? 1 : 0;
+    m_pager = pager;
+}
+
+int MEM_PagerInfo::Block() const
+{
+    return m_state != nullptr ? m_state->blk_id.load(std::memory_order_relaxed) : -1;
+}
+
+bool MEM_PagerInfo::holds_mapping() const
+{
+    return m_state != nullptr && m_map_count.load(std::memory_order_relaxed) > 0;
+}
+
+void* MEM_PagerInfo::Ptr() const
+{
+    return holds_mapping() ? m_state->mem_info->Ptr() : nullptr;
+}
+
+unsigned long long MEM_PagerInfo::Size() const
+{
+    return holds_mapping() ? m_state->mem_info->Size() : 0;
+}
+
+unsigned int MEM_PagerInfo::Offset() const
+{
+    return holds_mapping() ? m_state->mem_info->Offset() : 0;
+}
+
+void* MEM_PagerInfo::GetHandle() const
+{
+    return holds_mapping() ? m_state->mem_info->Handle() : nullptr;
+}
+
+unsigned int MEM_PagerInfo::GetHandleOffset() const
+{
+    return holds_mapping() ? m_state->mem_info->HandleOffset() : 0;
+}
+
+MEM_MemInfo* MEM_PagerInfo::GetMemInfoPtr() const
+{
+    return m_state != nullptr ? m_state->mem_info : nullptr;
+}
+
+void MEM_PagerInfo::copy(const MEM_PagerInfo& other, bool map)
+{
+    m_allocated_size = other.m_allocated_size;
+    m_pager = other.m_pager;
+    m_mutex_index = other.m_mutex_index;
+    m_state = nullptr;
+    m_map_count = 0;
+
+    WindowUnixGuard lock(&other.stripe());
+    if (other.m_state == nullptr) {
+        m_mutex_index = 0;
+        return;
+    }
+    m_state = other.m_state;
+    ++m_state->ref_count;
+    if (map && m_state->map_count > 0) {
+        ++m_state->map_count;
+        m_map_count = 1;
+    }
+}
+
+void MEM_PagerInfo::release()
+{
+    if (m_state == nullptr)
+        return;
+    WindowUnixGuard lock(&stripe());
+    if (m_state == nullptr)
+        return;
+    m_state->map_count -= m_map_count.exchange(0, std::memory_order_relaxed);
+    if (--m_state->ref_count == 0)
+        free_piece();
+    m_state = nullptr;
+}
+
+void MEM_PagerInfo::free_piece()
+{
+    // A handle in static storage can outlive the pager; the piece went with the process then.
+    if (!MEM_MemPager::s_process_ends)
+        m_pager->Free(*this);
+    delete m_state;
+    m_state = nullptr;
+}
+
+void MEM_PagerInfo::Release()
+{
+    release();
+    m_pager = nullptr;
+    m_map_count = 0;
+}
+
+void MEM_PagerInfo::Reset()
+{
+    SetBlkId(-1);
+}
+
+void MEM_PagerInfo::SetBlkId(int blk_id)
+{
+    if (m_state != nullptr)
+        m_state->blk_id = blk_id;
+}
+
+int MEM_PagerInfo::count_map(int (MEM_MemPager::*map_block)(MEM_PagerInfo&))
+{
+    if (m_state == nullptr)
+        return -1;
+    if (m_state->map_count == 0) {
+        const int result = (m_pager->*map_block)(*this);
+        if (result != 0)
+            return result;
+    }
+    ++m_state->map_count;
+    m_map_count.fetch_add(1, std::memory_order_relaxed);
+    return 0;
+}
+
+int MEM_PagerInfo::Map()
+{
+    if (m_state == nullptr)
+        return -1;
+    WindowUnixGuard lock(&stripe());
+    return count_map(&MEM_MemPager::Map);
+}
+
+int MEM_PagerInfo::MapWithoutLocks()
+{
+    return count_map(&MEM_MemPager::MapWithoutLocks);
+}
+
+int MEM_PagerInfo::count_unmap(int (MEM_MemPager::*unmap_block)(MEM_PagerInfo&))
+{
+    if (m_state == nullptr) {
+        ZOR_LOG("MEM_PagerInfo::Unmap", 3, "Unmap: Tried to unmap an invalid PagerInfo!\n");
+        return -1;
+    }
+    if (m_map_count.load(std::memory_order_relaxed) <= 0) {
+        ZOR_LOG("MEM_PagerInfo::Unmap", 6,
+                "Unmap: Tried to unmap an already unmapped PagerInfo!\n");
+        return -1;
+    }
+    // The pager's part throws for a piece that was freed, so it comes before the counts.
+    const int result = m_state->map_count == 1 ? (m_pager->*unmap_block)(*this) : 0;
+    --m_state->map_count;
+    m_map_count.fetch_sub(1, std::memory_order_relaxed);
+    return result;
+}
+
+int MEM_PagerInfo::Unmap()
+{
+    WindowUnixGuard lock(&stripe());
+    return count_unmap(&MEM_MemPager::Unmap);
+}
+
+int MEM_PagerInfo::UnmapWithoutLocks()
+{
+    return count_unmap(&MEM_MemPager::UnmapWithoutLocks);
+}
+
+int MEM_PagerInfo::Cache()
+{
+    if (m_state == nullptr)
+        return -1;
+    WindowUnixGuard lock(&stripe());
+    return m_state != nullptr ? m_pager->Cache(*this) : -1;
+}
+
+MEM_RESPONSE MEM_PagerInfo::ReleaseIfUnmapped(bool force_detach, bool last_counts_as_released)
+{
+    if (m_state == nullptr)
+        return MEM_INVALID;
+    WindowUnixGuard lock(&stripe());
+    if (m_state == nullptr)
+        return MEM_INVALID;
+    if (m_map_count != 0)
+        return MEM_STILL_MAPPED;
+
+    const bool mapped = m_state->map_count != 0;
+    if (!mapped && m_state->ref_count == 1) {
+        free_piece();
+        m_pager = nullptr;
+        return MEM_RELEASED;
+    }
+    if (!force_detach)
+        return mapped ? MEM_STILL_MAPPED : MEM_STILL_SHARED;
+    const int left = detach();
+    if (mapped)
+        return MEM_DETACHED_MAPPED;
+    return left == 1 && last_counts_as_released ? MEM_RELEASED : MEM_DETACHED_SHARED;
+}
+
+int MEM_PagerInfo::detach()
+{
+    const int left = --m_state->ref_count;
+    m_state = nullptr;
+    m_pager = nullptr;
+    m_map_count = 0;
+    ZOR_LOG("MEM_PagerInfo::ReleaseIfUnmapped", 4, "ReleaseIfUnmapped: RefCount=<%d>\n", left);
+    return left;
+}

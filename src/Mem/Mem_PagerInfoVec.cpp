@@ -1,0 +1,93 @@
+#include "Mem/Mem_MemPager.h"
+
+// The analysis can't follow locks that are chosen at run time.
+#define MEM_LOCKS_BY_HAND FIBREX_NO_THREAD_SAFETY_ANALYSIS
+
+MEM_LOCKS_BY_HAND
+Mem_PagerInfoVecLockGuard::Mem_PagerInfoVecLockGuard(MEM_MemPager* pager, MEM_PagerInfo** infos,
+                                                     int count)
+    : m_pager(pager), m_infos(infos), m_count(count)
+{
+    MEM_MemPager::mutex_vec.CatchMutex();
+    take_stripes();
+    MEM_MemPager::mutex.CatchMutex();
+}
+
+MEM_LOCKS_BY_HAND
+Mem_PagerInfoVecLockGuard::~Mem_PagerInfoVecLockGuard()
+{
+    MEM_MemPager::mutex.ReleaseMutex();
+    release_stripes();
+    MEM_MemPager::mutex_vec.ReleaseMutex();
+}
+
+// A stripe that several handles share, or that a guard around this one holds, is taken once. They
+// are taken by rising number: `mutex_vec` lets one thread at a time take several, and this order
+// would be safe without it.
+MEM_LOCKS_BY_HAND
+void Mem_PagerInfoVecLockGuard::take_stripes()
+{
+    for (int i = 0; i < m_count; ++i)
+        m_taken.set(static_cast<std::size_t>(m_infos[i]->m_mutex_index));
+    for (std::size_t stripe = 0; stripe < m_taken.size(); ++stripe) {
+        m_taken[stripe] = m_taken[stripe] && !m_pager->m_stripe_held[stripe];
+        if (!m_taken[stripe])
+            continue;
+        MEM_PagerInfo::mutex[stripe].CatchMutex();
+        m_pager->m_stripe_held[stripe] = true;
+    }
+}
+
+MEM_LOCKS_BY_HAND
+void Mem_PagerInfoVecLockGuard::release_stripes()
+{
+    for (std::size_t stripe = 0; stripe < m_taken.size(); ++stripe) {
+        if (!m_taken[stripe])
+            continue;
+        m_pager->m_stripe_held[stripe] = false;
+        MEM_PagerInfo::mutex[stripe].ReleaseMutex();
+    }
+}
+
+/// Counts the handles that a vector operation has mapped, and unmaps them again unless it got
+/// through.
+class MEM_MemPager::MappedSoFar
+{
+public:
+    explicit MappedSoFar(MEM_PagerInfo** infos) : m_infos(infos) {}
+    ~MappedSoFar()
+    {
+        for (int i = 0; i < m_mapped; ++i)
+            m_infos[i]->UnmapWithoutLocks();
+    }
+    MappedSoFar(const MappedSoFar&) = delete;
+    MappedSoFar& operator=(const MappedSoFar&) = delete;
+
+    void AddOne() { ++m_mapped; }
+    void KeepAll() { m_mapped = 0; }
+
+private:
+    MEM_PagerInfo** m_infos;
+    int m_mapped = 0;
+};
+
+int MEM_MemPager::MapMemPagerInfoVec(MEM_PagerInfo** infos, int count)
+{
+    Mem_PagerInfoVecLockGuard lock(this, infos, count);
+    MappedSoFar mapped(infos);
+    for (int i = 0; i < count; ++i) {
+        const int result = infos[i]->MapWithoutLocks();
+        if (result != 0)
+            return result;
+        mapped.AddOne();
+    }
+    mapped.KeepAll();
+    return 0;
+}
+
+void MEM_MemPager::UnmapMemPagerInfoVec(MEM_PagerInfo** infos, int count)
+{
+    Mem_PagerInfoVecLockGuard lock(this, infos, count);
+    for (int i = 0; i < count; ++i)
+        infos[i]->UnmapWithoutLocks();
+}

@@ -1,0 +1,298 @@
+#include "Mem/Mem_ShmmHeap.h"
+
+#include "Mem/Mem_Configuration.h"
+#include "Mem/Mem_ShmmHeap_Windows.h"
+#include "Mem/Mem_Units.h"
+#include "NRVlog/Zor_Log.h"
+
+#include <memory>
+#include <ostream>
+
+Block::Block(BaseInfo* map_info, ShmmHeap* source_heap, std::uint32_t size)
+    : m_map_info(map_info), m_source_heap(source_heap), m_space_logic(size)
+{
+}
+
+Block::~Block() = default;
+
+int Block::Allocate(unsigned int size, unsigned int alignment, BaseInfo** result,
+                    unsigned int always_mapped, unsigned int group_id, unsigned int* actual_size)
+{
+    const unsigned int threshold = MEM_MemoryConfiguration::GetInstance()->BlockSizeThreshold();
+    BaseInfo* info = nullptr;
+    if (create_info(&info, alignment, this) != 0)
+        return -1;
+    std::unique_ptr<BaseInfo> owned(info);
+
+    Mem_MemoryChunk chunk;
+    if (!m_space_logic.Allocate(size, &chunk, alignment, actual_size))
+        return -1;
+    set_size_class(size, threshold);
+    m_always_mapped = always_mapped;
+    m_group_id = group_id;
+    owned->SetChunk(chunk);
+    *result = owned.release();
+    return 0;
+}
+
+int Block::Allocate(unsigned int size, unsigned int alignment, BaseInfo** result)
+{
+    unsigned int actual_size = 0;
+    return Allocate(size, alignment, result, 0, 0, &actual_size);
+}
+
+void Block::set_size_class(unsigned int size, unsigned int threshold)
+{
+    if (size < threshold)
+        SetChunkSizeRange(0, threshold);
+    else
+        SetChunkSizeRange(threshold, m_largest_chunk);
+}
+
+int Block::Free(BaseInfo* info)
+{
+    m_space_logic.Free(info->GetChunk());
+    delete info;
+    return 0;
+}
+
+int Block::CanAllocate(unsigned int size, unsigned int always_mapped, unsigned int group_id,
+                       unsigned int alignment, unsigned int* actual_size)
+{
+    if (always_mapped != m_always_mapped || group_id != m_group_id)
+        return -1;
+    if (size < m_smallest_chunk || size > m_largest_chunk)
+        return -1;
+    return m_space_logic.CanAllocate(size, alignment, actual_size) ? 0 : -1;
+}
+
+int Block::CanAllocate(unsigned int size)
+{
+    unsigned int actual_size = 0;
+    return CanAllocate(size, 0, 0, 0, &actual_size);
+}
+
+bool Block::IsEmpty()
+{
+    return !m_space_logic.IsUsed();
+}
+
+void Block::PrintStatus(std::ostream& os, int detail)
+{
+    os << " group_id: " << m_group_id << " always mapped: " << m_always_mapped << '\n';
+    if (detail >= 1)
+        m_space_logic.PrintStatus(os);
+}
+
+bool Block::IsUsed()
+{
+    return m_space_logic.IsUsed();
+}
+
+BaseInfo* Block::GetMapInfo()
+{
+    return m_map_info;
+}
+
+void Block::SetChunkSizeRange(unsigned int smallest, unsigned int largest)
+{
+    m_smallest_chunk = smallest;
+    m_largest_chunk = largest;
+}
+
+void Block::GetSpaceStatus(unsigned int* size, unsigned int* allocated,
+                           unsigned int* always_mapped) const
+{
+    m_space_logic.GetStatus(size, allocated);
+    *always_mapped = m_always_mapped;
+}
+
+MemoryBlock::MemoryBlock(BaseInfo* map_info, ShmmHeap* source_heap)
+    : Block(map_info, source_heap, map_info->Size())
+{
+}
+
+int MemoryBlock::create_info(BaseInfo** result, unsigned int alignment, Block* block)
+{
+    // A memory heap's regions are mappable: its source heaps promise that.
+    *result = new MEM_MemInfo(static_cast<BaseMapInfo*>(m_map_info), alignment, block);
+    return 0;
+}
+
+ShmmHeap::~ShmmHeap() = default;
+
+/// Ends a block that was just opened, unless its first chunk came to be.
+class ShmmHeap::NewBlock
+{
+public:
+    NewBlock(ShmmHeap& heap, Block* block) : m_heap(heap), m_block(block) {}
+    ~NewBlock()
+    {
+        if (m_block != nullptr && m_block->IsEmpty())
+            m_heap.close_block(m_block);
+    }
+    NewBlock(const NewBlock&) = delete;
+    NewBlock& operator=(const NewBlock&) = delete;
+
+private:
+    ShmmHeap& m_heap;
+    Block* m_block;
+};
+
+int ShmmHeap::Allocate(unsigned int size, unsigned int alignment, BaseInfo** result,
+                       unsigned int always_mapped, unsigned int group_id)
+{
+    Block* block = find_block(size, alignment, always_mapped, group_id);
+    const bool opened = block == nullptr;
+    if (opened) {
+        const int failure = create_result_element(size, &block, always_mapped, group_id);
+        if (failure != 0) {
+            ZOR_LOG("ShmmHeap::Allocate", 5,
+                    "ShmmHeap::Allocate(), create_result_element() failed with size=%d\n",
+                    static_cast<int>(size));
+            return failure;
+        }
+        block->SetClient(m_client);
+        m_blocks.push_front(*block);
+    }
+
+    NewBlock unless_empty(*this, opened ? block : nullptr);
+    unsigned int actual_size = 0;
+    const int failure =
+        block->Allocate(size, alignment, result, always_mapped, group_id, &actual_size);
+    if (failure == 0)
+        m_total_size += actual_size;
+    return failure;
+}
+
+int ShmmHeap::Allocate(unsigned int size, unsigned int alignment, BaseInfo** result)
+{
+    return Allocate(size, alignment, result, 0, 0);
+}
+
+Block* ShmmHeap::find_block(unsigned int size, unsigned int alignment, unsigned int always_mapped,
+                            unsigned int group_id)
+{
+    for (Block& block : m_blocks) {
+        unsigned int actual_size = 0;
+        if (block.Client() == m_client &&
+            block.CanAllocate(size, always_mapped, group_id, alignment, &actual_size) == 0)
+            return &block;
+    }
+    return nullptr;
+}
+
+int ShmmHeap::Free(BaseInfo* info)
+{
+    m_total_size -= info->Size();
+    Block* const block = info->OwnerBlock();
+    block->Free(info);
+    if (block->IsEmpty())
+        close_block(block);
+    return 0;
+}
+
+void ShmmHeap::close_block(Block* block)
+{
+    m_blocks.erase(m_blocks.iterator_to(*block));
+    destroy_element(block);
+    delete block;
+}
+
+unsigned int ShmmHeap::GetSizeInMb()
+{
+    return static_cast<unsigned int>(m_total_size >> 20);
+}
+
+RWCString ShmmHeap::Name()
+{
+    static const RWCString name("Undefined");
+    return name;
+}
+
+namespace
+{
+/// Sums over the blocks of one kind, in bytes.
+struct Usage {
+    std::uint64_t size = 0;
+    std::uint64_t allocated = 0;
+
+    void Print(std::ostream& os, const char* kind) const
+    {
+        os << kind << InMb(size) << "MB "
+           << "total use: " << InMb(allocated) << "MB "
+           << " not used:  " << InMb(size - allocated) << '\n';
+    }
+};
+} // namespace
+
+void ShmmHeap::PrintStatus(std::ostream& os)
+{
+    os << "\n\n------------------- ShmmHeap::PrintStatus()---------------\n";
+    Usage fix;
+    Usage non_fix;
+    for (Block& block : m_blocks) {
+        os << " Block Info:"
+           << "\n Source heap: " << block.GetSourceHeapOfBlock()->Name() << '\n';
+        block.PrintStatus(os, 1);
+
+        unsigned int size = 0;
+        unsigned int allocated = 0;
+        unsigned int always_mapped = 0;
+        block.GetSpaceStatus(&size, &allocated, &always_mapped);
+        Usage& kind = always_mapped != 0 ? fix : non_fix;
+        kind.size += size;
+        kind.allocated += allocated;
+    }
+    os << "usage summery\n"
+       << "\n Source heap: " << Name() << '\n';
+    fix.Print(os, "    fix block total size     ");
+    non_fix.Print(os, "    non fix block total size ");
+}
+
+Memory_ShmmHeap* Memory_ShmmHeap::GetInstance()
+{
+    static Memory_ShmmHeap heap;
+    return &heap;
+}
+
+int Memory_ShmmHeap::create_result_element(unsigned int size, Block** result,
+                                           unsigned int always_mapped, unsigned int group_id)
+{
+    ShmmHeap* const source = GetSourceHeap();
+    BaseInfo* region = nullptr;
+    const int failure = source->Allocate(size, 0, &region, always_mapped, group_id);
+    if (failure != 0)
+        return failure;
+    try {
+        *result = new MemoryBlock(region, source);
+    } catch (...) {
+        source->Free(region);
+        throw;
+    }
+    return 0;
+}
+
+int Memory_ShmmHeap::create_result_element(unsigned int size, Block** result)
+{
+    return create_result_element(size, result, 0, 0);
+}
+
+int Memory_ShmmHeap::destroy_element(Block* block)
+{
+    auto* const region = static_cast<BaseMapInfo*>(block->GetMapInfo());
+    ShmmHeap* const source = block->GetSourceHeapOfBlock();
+    region->Unmap();
+    const unsigned int size = region->Size();
+    const int result = source->Free(region);
+    ZOR_LOG("Memory_ShmmHeap::destroy_element", 7,
+            "Destroyed %d bytes in <%s>. Current Shmm size is %d Mb.\n", static_cast<int>(size),
+            source->Name().data(), static_cast<int>(source->GetSizeInMb()));
+    return result;
+}
+
+ShmmHeap* GetSourceHeap()
+{
+    static Swap_ShmmHeap* const swap_heap = Swap_ShmmHeap::GetInstance();
+    return swap_heap;
+}

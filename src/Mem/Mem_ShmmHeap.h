@@ -1,0 +1,173 @@
+#ifndef MEM_SHMMHEAP_H
+#define MEM_SHMMHEAP_H
+
+#include "Mem/Mem_BlockSpaceLogic.h"
+#include "Mem/Mem_MemInfo.h"
+#include "Rw/RWCString.h"
+
+#include <boost/intrusive/list.hpp>
+
+#include <cstdint>
+#include <iosfwd>
+
+class ShmmHeap;
+
+// The heaps stand between the pager and the system's backing stores. The pager asks the
+// process-wide Memory_ShmmHeap for pieces. That heap carves them out of MemoryBlocks, one block
+// for each region, and gets its regions from a source heap.
+//
+// Results are 0 for success and -1 for failure. Free() and what it calls allocate nothing.
+// Allocate() may throw std::bad_alloc and has changed nothing then.
+// Threads: no lock here; the pager calls with its mutex held.
+
+/// One region, carved into chunks. Made by its heap with the first chunk and gone with the last.
+class Block : public boost::intrusive::list_base_hook<>
+{
+public:
+    Block(BaseInfo* map_info, ShmmHeap* source_heap, std::uint32_t size);
+    virtual ~Block();
+    Block(const Block&) = delete;
+    Block& operator=(const Block&) = delete;
+
+    /// Carves a chunk and describes it in `*result`, which belongs to the heap and ends in Free().
+    /// CanAllocate(), or the block being new, has made sure of the space; -1 if there is none.
+    virtual int Allocate(unsigned int size, unsigned int alignment, BaseInfo** result,
+                         unsigned int always_mapped, unsigned int group_id,
+                         unsigned int* actual_size);
+    virtual int Allocate(unsigned int size, unsigned int alignment, BaseInfo** result);
+
+    /// Gives the chunk of `info` back and destroys `info`. @return 0.
+    /// @throws RWBoundsErr for a chunk that this block doesn't hold.
+    virtual int Free(BaseInfo* info);
+
+    /// 0 if this block takes the request. Changes nothing but `*actual_size`.
+    virtual int CanAllocate(unsigned int size, unsigned int always_mapped, unsigned int group_id,
+                            unsigned int alignment, unsigned int* actual_size);
+    virtual int CanAllocate(unsigned int size);
+
+    virtual bool IsEmpty();
+    virtual void PrintStatus(std::ostream& os, int detail);
+    virtual bool IsUsed();
+
+    /// The backing region, not owned.
+    virtual BaseInfo* GetMapInfo();
+
+    /// The sizes of chunks that this block takes, both included.
+    virtual void SetChunkSizeRange(unsigned int smallest, unsigned int largest);
+
+    /// Makes the descriptor of a new chunk of `block`.
+    virtual int create_info(BaseInfo** result, unsigned int alignment, Block* block) = 0;
+
+    /// Where the region goes when the block ends. Not owned.
+    ShmmHeap* GetSourceHeapOfBlock() const { return m_source_heap; }
+
+    void GetSpaceStatus(unsigned int* size, unsigned int* allocated,
+                        unsigned int* always_mapped) const;
+
+    /// The pager that the block was opened for; see ShmmHeap::SetClient().
+    const void* Client() const { return m_client; }
+    void SetClient(const void* client) { m_client = client; }
+
+protected:
+    friend struct Mem_TestAccess;
+
+    BaseInfo* m_map_info;
+    ShmmHeap* m_source_heap;
+    BlockSpaceLogic m_space_logic;
+    unsigned int m_largest_chunk = 0x40000000;
+    unsigned int m_smallest_chunk = 0;
+    unsigned int m_group_id = 0;
+    unsigned int m_always_mapped = 0;
+
+private:
+    void set_size_class(unsigned int size, unsigned int threshold);
+
+    const void* m_client = nullptr;
+};
+
+/// A block of the memory heap. Its chunks are the clients' pieces, described by MEM_MemInfo.
+class MemoryBlock : public Block
+{
+public:
+    MemoryBlock(BaseInfo* map_info, ShmmHeap* source_heap);
+    int create_info(BaseInfo** result, unsigned int alignment, Block* block) override;
+};
+
+/// What all heaps share: a list of blocks, newest first, and the walk over it.
+/// Owns its blocks. Lives until the process ends and leaves what it still holds alone then.
+class ShmmHeap
+{
+public:
+    ShmmHeap() = default;
+    virtual ~ShmmHeap();
+    ShmmHeap(const ShmmHeap&) = delete;
+    ShmmHeap& operator=(const ShmmHeap&) = delete;
+
+    /// A chunk of the first block in the list that takes the request, or of a new block.
+    /// @return 0 with `*result`, owned by the heap; else nothing has changed and a line at level
+    ///         5 tells the size.
+    virtual int Allocate(unsigned int size, unsigned int alignment, BaseInfo** result,
+                         unsigned int always_mapped, unsigned int group_id);
+    virtual int Allocate(unsigned int size, unsigned int alignment, BaseInfo** result);
+
+    /// Takes a chunk back and destroys `info`; the block's last chunk takes the block and its
+    /// region along. @return 0.
+    virtual int Free(BaseInfo* info);
+
+    /// Whole MB given out, as an estimate: alignment gaps count only on the way in.
+    virtual unsigned int GetSizeInMb();
+
+    /// Writes each block and a summary. On the memory heap only.
+    virtual void PrintStatus(std::ostream& os);
+    virtual RWCString Name();
+
+    /// Makes a block with room for `size` bytes, outside the list. -1 if that can't be had.
+    virtual int create_result_element(unsigned int size, Block** result, unsigned int always_mapped,
+                                      unsigned int group_id) = 0;
+    virtual int create_result_element(unsigned int size, Block** result) = 0;
+
+    /// Gives a block's backing back, before the block itself goes.
+    virtual int destroy_element(Block* block) = 0;
+
+    /// Tells on whose behalf the following calls are made. A request only goes into blocks that
+    /// were opened for the same client, so that two pagers on one heap never share a region.
+    void SetClient(const void* client) { m_client = client; }
+
+protected:
+    friend struct Mem_TestAccess;
+
+    using BlockList = boost::intrusive::list<Block>;
+
+    BlockList m_blocks;
+    std::uint64_t m_total_size = 0;
+
+private:
+    class NewBlock;
+
+    Block* find_block(unsigned int size, unsigned int alignment, unsigned int always_mapped,
+                      unsigned int group_id);
+    void close_block(Block* block);
+
+    const void* m_client = nullptr;
+};
+
+/// The heap that serves the pagers: pieces carved from regions of a source heap.
+class Memory_ShmmHeap : public ShmmHeap
+{
+public:
+    /// The process's memory heap, made at the first call.
+    static Memory_ShmmHeap* GetInstance();
+
+    int create_result_element(unsigned int size, Block** result, unsigned int always_mapped,
+                              unsigned int group_id) override;
+    int create_result_element(unsigned int size, Block** result) override;
+    int destroy_element(Block* block) override;
+
+private:
+    friend struct Mem_TestAccess;
+};
+
+/// The heap that the next region comes from.
+ShmmHeap* GetSourceHeap();
+
+#endif

@@ -1,0 +1,131 @@
+#include "Mem/Mem_ShmmHeap_Windows.h"
+
+#include "Mem/Mem_Configuration.h"
+#include "Mem/Mem_Units.h"
+#include "NRVlog/Zor_Log.h"
+#include "Platform/Platform.h"
+
+#include <algorithm>
+#include <memory>
+
+SwapMapInfo::SwapMapInfo(RWCString name, unsigned int size) : BaseMapInfo(size, 0), m_name(name) {}
+
+int SwapMapInfo::AllocateSwap()
+{
+    m_handle = Platform::Get().CreateSharedMapping(m_name.data(), Size());
+    if (m_handle != nullptr)
+        return 0;
+    ZOR_LOG("SwapMapInfo::AllocateSwap", 5,
+            "Allocate: Couldn't allocate shared memory from swap (Details: CreateFileMapping "
+            "failed, size %.1fMB. Errno [%lu]).\n",
+            InMb(Size()), Platform::Get().LastError());
+    return -1;
+}
+
+int SwapMapInfo::FreeSwap()
+{
+    Platform::Get().CloseMapping(m_handle);
+    m_handle = nullptr;
+    return 0;
+}
+
+int SwapMapInfo::Map()
+{
+    m_pointer = Platform::Get().MapView(m_handle, 0, Size());
+    if (m_pointer != nullptr)
+        return 0;
+    ZOR_LOG("SwapMapInfo::Map", 5,
+            "Map: Couldn't map swap to memory (Details: MapViewOfFile failed, Size %.1fMB, Errno "
+            "[%lu]).\n",
+            InMb(Size()), Platform::Get().LastError());
+    return -1;
+}
+
+int SwapMapInfo::Unmap()
+{
+    if (m_pointer == nullptr)
+        return -1;
+    if (!Platform::Get().UnmapView(m_pointer, Size()))
+        ZOR_LOG("SwapMapInfo::Unmap", 4,
+                "Unmap: Couldn't unmap shared memory to swap (Details: UnmapViewOfFile failed, "
+                "Size %1.fMB, Errno [%lu])\n",
+                InMb(Size()), Platform::Get().LastError());
+    m_pointer = nullptr;
+    return 0;
+}
+
+void* SwapMapInfo::Handle()
+{
+    return m_handle;
+}
+
+RWCString SwapMapInfo::Name()
+{
+    return m_name;
+}
+
+RWCString SwapMapInfo::MappingName()
+{
+    return m_name;
+}
+
+unsigned int SwapMapInfo::HandleOffset()
+{
+    return 0;
+}
+
+Swap_ShmmHeap* Swap_ShmmHeap::GetInstance()
+{
+    static Swap_ShmmHeap heap;
+    static const int removed = Platform::Get().RemoveDeadMappings(BaseMapInfo::s_BlockPrefix);
+    static_cast<void>(removed);
+    return &heap;
+}
+
+int Swap_ShmmHeap::Allocate(unsigned int size, unsigned int /*alignment*/, BaseInfo** result,
+                            unsigned int /*always_mapped*/, unsigned int /*group_id*/)
+{
+    const unsigned int region_size =
+        std::max(size, MEM_MemoryConfiguration::GetInstance()->BaseBlockSize());
+    auto region = std::make_unique<SwapMapInfo>(BaseMapInfo::CreateUniqueName(), region_size);
+    const int failure = region->AllocateSwap();
+    if (failure != 0)
+        return failure;
+    m_total_size += region_size;
+    *result = region.release();
+    return 0;
+}
+
+int Swap_ShmmHeap::Allocate(unsigned int size, unsigned int alignment, BaseInfo** result)
+{
+    return Allocate(size, alignment, result, 0, 0);
+}
+
+int Swap_ShmmHeap::Free(BaseInfo* info)
+{
+    m_total_size -= info->Size();
+    static_cast<SwapMapInfo*>(info)->FreeSwap();
+    delete info;
+    return 0;
+}
+
+RWCString Swap_ShmmHeap::Name()
+{
+    static const RWCString name("Windows_Swap");
+    return name;
+}
+
+int Swap_ShmmHeap::create_result_element(unsigned int, Block**, unsigned int, unsigned int)
+{
+    return -1;
+}
+
+int Swap_ShmmHeap::create_result_element(unsigned int, Block**)
+{
+    return -1;
+}
+
+int Swap_ShmmHeap::destroy_element(Block*)
+{
+    return -1;
+}

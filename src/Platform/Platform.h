@@ -1,0 +1,146 @@
+#ifndef PLATFORM_PLATFORM_H
+#define PLATFORM_PLATFORM_H
+
+#include <cstddef>
+#include <cstdint>
+
+/// All that the library needs of an operating system, in the words of its callers.
+///
+/// One instance serves the process; Get() returns it. Each system has a subclass of its own in a
+/// folder beside this header, and only those folders include system headers.
+///
+/// Common rules:
+/// - Any thread may call any operation.
+/// - No operation throws. A failure is told by the result; LastError() then gives the cause, on
+///   the same thread, until that thread's next failing operation.
+/// - Texts are zero-terminated byte strings and stay the caller's. Sizes and offsets are bytes.
+/// - Handles and views belong to whoever asked for them and end only through CloseMapping() and
+///   UnmapView(). These two, and whatever they call, allocate no memory.
+class Platform
+{
+public:
+    /// The instance that serves this process, made at the first call and never destroyed, so
+    /// that calls stay good in the destructors of static objects.
+    static Platform& Get();
+
+    /// Puts another instance in front and returns the one that served until now; null brings
+    /// the real one back. For tests; the caller keeps ownership and makes sure that no other
+    /// thread is inside the library.
+    static Platform* Replace(Platform* instance);
+
+    // Mappings ------------------------------------------------------------------------------
+
+    /// Makes a named mapping of exactly `size` bytes (at least 1) backed by shared memory, all
+    /// zeros. The memory is reserved before the call returns: touching a view of it later can't
+    /// fail for want of memory. Any process of any user can open it by `name` for reading while
+    /// the mapping is open; only this process can write to it.
+    ///
+    /// `name` has no separator and at most 255 bytes. A name that exists already is a failure,
+    /// and what bears it is left alone.
+    ///
+    /// @return a handle for MapView() and CloseMapping(); null on failure, with nothing left.
+    virtual void* CreateSharedMapping(const char* name, std::uint64_t size) = 0;
+
+    /// Maps the stretch [offset, offset + size) of an open mapping, readable and writable as the
+    /// mapping is. `offset` is a multiple of AllocationGranularity(). Several views of one
+    /// mapping can live at once. Works as well after somebody has removed the mapping's name.
+    ///
+    /// @return the view's first byte; null on failure (no address space, too many maps).
+    virtual void* MapView(void* mapping, std::uint64_t offset, std::uint64_t size) = 0;
+
+    /// Ends a view of `size` bytes that MapView() gave. The mapping and its bytes stay.
+    /// @return false on failure; the view then still exists.
+    virtual bool UnmapView(void* view, std::uint64_t size) = 0;
+
+    /// Ends this process's hold on a mapping and takes its name away, if this process made it.
+    /// Views of it, here and in other processes, live on; the memory goes with the last of them.
+    /// The handle is gone afterwards, also on failure.
+    virtual bool CloseMapping(void* mapping) = 0;
+
+    /// Removes mappings whose names begin with `prefix` and whose creator has ended without
+    /// closing them. Mappings of living processes, and anything that can't be judged, stay.
+    /// A system that does this by itself does nothing here.
+    /// @return how many were removed.
+    virtual int RemoveDeadMappings(const char* prefix) = 0;
+
+    // Errors --------------------------------------------------------------------------------
+
+    /// The system's number for the cause of this thread's last failure.
+    virtual unsigned long LastError() = 0;
+
+    /// Writes the system's text for `error` into `text`, cut to `size` bytes with its zero.
+    virtual void ErrorText(unsigned long error, char* text, std::size_t size) = 0;
+
+    // Processes and threads -----------------------------------------------------------------
+
+    /// This process's id; after a fork the child's own.
+    virtual long ProcessId() = 0;
+
+    /// A number that no other living thread of this process has.
+    virtual long ThreadId() = 0;
+
+    /// Registers functions that run around every fork from now on: `prepare` before it, in the
+    /// forking thread, then `parent` in the parent and `child` in the child. What is registered
+    /// later is prepared earlier. A system without fork does nothing. Never undone.
+    virtual void OnFork(void (*prepare)(), void (*parent)(), void (*child)()) = 0;
+
+    // Memory --------------------------------------------------------------------------------
+
+    /// Offsets of views, and the addresses that views get, are multiples of this.
+    virtual std::uint32_t AllocationGranularity() = 0;
+
+    /// Bytes of memory that this process could ever have: the machine's, or less where a limit
+    /// is set on the process's group.
+    virtual std::uint64_t PhysicalMemory() = 0;
+
+    /// Bytes of address space that this process may use.
+    virtual std::uint64_t AddressSpace() = 0;
+
+    /// A walk over views; see TrimWorkingSet().
+    class Views
+    {
+    public:
+        /// Gives the next view; false when there is none left.
+        virtual bool Next(void*& view, std::uint64_t& size) = 0;
+
+    protected:
+        ~Views() = default;
+    };
+
+    /// Asks the system to take the resident pages of this process back. A system that trims
+    /// single stretches trims those of `views`, which must be views of shared mappings; one that
+    /// only trims whole processes need not read them. Mappings and contents stay.
+    virtual bool TrimWorkingSet(Views& views) = 0;
+
+    /// What a failed allocation asks for help. `size` is what was asked for, 0 if that can't be
+    /// known; `reported` tells that an earlier call for the same failure has said all there is to
+    /// say. Returns not 0 for another try, or throws std::bad_alloc.
+    using AllocationHandler = int (*)(std::size_t size, bool reported);
+
+    /// Has `handler` called, from now on, whenever an allocation of this process fails, on the
+    /// thread that failed and as long as it asks for another try. A failure inside the handler
+    /// doesn't call it again. In force for `operator new`, in place of the handler that the host
+    /// had installed, and, where MallocIsHooked(), for malloc and its kin, which answer null when
+    /// the handler throws.
+    virtual void OnAllocationFailure(AllocationHandler handler) = 0;
+
+    /// Whether failures of malloc and its kin reach the handler in this process.
+    virtual bool MallocIsHooked() = 0;
+
+    // Folders and texts ---------------------------------------------------------------------
+
+    /// Where temp files go if nobody says otherwise.
+    virtual const char* DefaultTempFolder() = 0;
+
+    /// What parts folders and names in a path.
+    virtual char PathSeparator() = 0;
+
+    /// Writes bytes to the process's standard error. Takes no lock of the C library and
+    /// allocates nothing; a failure is ignored.
+    virtual void WriteStandardError(const char* text, std::size_t size) = 0;
+
+protected:
+    ~Platform() = default;
+};
+
+#endif

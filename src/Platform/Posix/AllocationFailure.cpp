@@ -1,0 +1,64 @@
+#include "Platform/Posix/AllocationFailure.h"
+
+#include "Platform/Posix/Scoped.h"
+
+#include <atomic>
+#include <new>
+#include <utility>
+
+namespace
+{
+
+constinit std::atomic<Platform::AllocationHandler> allocation_handler{nullptr};
+
+/// What is going on in a thread that ran out of memory. The model keeps the first touch in a
+/// thread from allocating.
+struct Trouble {
+    bool inside = false;   ///< in the handler
+    bool reported = false; ///< malloc's failure was told; operator new may be about to follow
+    std::size_t size = 0;  ///< what malloc was asked for then
+};
+[[gnu::tls_model("initial-exec")]] constinit thread_local Trouble trouble;
+
+bool ask_handler(std::size_t size, bool reported) noexcept
+{
+    const Platform::AllocationHandler handler = allocation_handler.load(std::memory_order_acquire);
+    if (handler == nullptr || trouble.inside)
+        return false;
+    trouble.inside = true;
+    bool again = false;
+    try {
+        again = handler(size, reported) != 0;
+    } catch (...) {
+        again = false; // it gave up, as std::bad_alloc tells
+    }
+    trouble.inside = false;
+    return again;
+}
+
+/// operator new asks malloc, so where malloc is hooked this is the second time that the same
+/// failure comes by.
+void on_new_failure()
+{
+    const bool reported = std::exchange(trouble.reported, false);
+    if (!ask_handler(std::exchange(trouble.size, 0), reported))
+        throw std::bad_alloc();
+}
+
+} // namespace
+
+void SetAllocationHandler(Platform::AllocationHandler handler)
+{
+    allocation_handler.store(handler, std::memory_order_release);
+    std::set_new_handler(on_new_failure);
+}
+
+bool ReclaimForMalloc(std::size_t size) noexcept
+{
+    const KeepErrno keep;
+    if (ask_handler(size, false))
+        return true;
+    trouble.reported = !trouble.inside && allocation_handler.load(std::memory_order_relaxed);
+    trouble.size = size;
+    return false;
+}

@@ -1,0 +1,18 @@
+#ifndef PLATFORM_POSIX_ALLOCATIONFAILURE_H
+#define PLATFORM_POSIX_ALLOCATIONFAILURE_H
+
+#include "Platform/Platform.h"
+
+#include <cstddef>
+
+/// Has `handler` called for failures of operator new, and of malloc where that is hooked.
+void SetAllocationHandler(Platform::AllocationHandler handler);
+
+/// Asks the handler for help after malloc, or one of its kin, has failed for `size` bytes.
+/// @return whether another try is worth it. Keeps errno.
+bool ReclaimForMalloc(std::size_t size) noexcept;
+
+/// Whether calls of malloc in this process come by this library.
+bool MallocComesByHere() noexcept;
+
+#endif

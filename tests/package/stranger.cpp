@@ -1,0 +1,14 @@
+// Fails to build if the package misses a header or an exported symbol that clients use.
+#include "Mem/Mem_Configuration.h"
+#include "Mem/Mem_MemPager.h"
+
+int main()
+{
+    MEM_MemoryConfiguration::GetInstance()->SetCacheSize(16);
+    MEM_PagerInfo piece;
+    if (MEM_MemPager::GetHandle()->Allocate(4096, &piece, 0) != 0)
+        return 1;
+    *static_cast<char*>(piece.Ptr()) = 1;
+    const MEM_PagerInfo copy(&piece, MEM_MemPager::GetHandle());
+    return piece.Unmap() == 0 && copy.IsValid() ? 0 : 1;
+}

@@ -1,0 +1,79 @@
+#ifndef SUPPORT_CHILDREN_H
+#define SUPPORT_CHILDREN_H
+
+#include <cstdio>
+
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+/// Ends the body of a child with 1, after telling what went wrong.
+#define CHILD_CHECK(condition)                                                                     \
+    if (!(condition))                                                                              \
+    return std::fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #condition), 1
+
+/// Starts a child whose body gives its exit code. It ends without the clean-up of a normal exit
+/// unless the body calls exit() itself. One that hangs, or that a failed test left behind, ends
+/// by SIGALRM after two minutes.
+template <class Body>
+pid_t StartChild(Body body)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(120);
+        _exit(body());
+    }
+    return child;
+}
+
+/// Waits for a child's end. @return its exit code; the negative number of a signal that ended it.
+inline int EndOfChild(pid_t child)
+{
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+template <class Body>
+int InChild(Body body)
+{
+    return EndOfChild(StartChild(body));
+}
+
+/// The exit code of a child that wasn't allowed to do what its test needs.
+constexpr int not_permitted = 77;
+
+#define SKIP_IF_NOT_PERMITTED(code)                                                                \
+    if ((code) == not_permitted)                                                                   \
+    GTEST_SKIP() << "the system doesn't permit it here"
+
+/// Runs the body in a child that may mount what it likes, unseen by others.
+template <class Body>
+int InChildAmongOwnMounts(Body body)
+{
+    return InChild([&body] {
+        if (unshare(CLONE_NEWNS) != 0 || mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+            return not_permitted;
+        return body();
+    });
+}
+
+/// Mounts a new file system of that type over `where`.
+inline bool Mount(const char* type, const char* where, const char* options = "",
+                  unsigned long flags = 0)
+{
+    return mount(type, where, type, flags, options) == 0;
+}
+
+/// Sets the soft limit.
+inline void Limit(__rlimit_resource what, rlim_t most)
+{
+    rlimit limit{};
+    getrlimit(what, &limit);
+    limit.rlim_cur = most;
+    setrlimit(what, &limit);
+}
+
+#endif

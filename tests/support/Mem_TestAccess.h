@@ -1,0 +1,87 @@
+#ifndef TESTS_MEM_TESTACCESS_H
+#define TESTS_MEM_TESTACCESS_H
+
+#include "Mem/Mem_BlockSpaceLogic.h"
+#include "Mem/Mem_BlockTable.h"
+#include "Mem/Mem_FifoQueue.h"
+#include "Mem/Mem_MemPager.h"
+#include "Mem/Mem_ShmmHeap.h"
+#include "Mem/Mem_SlotTable.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+/// The tests' way to private state: a friend of every class.
+struct Mem_TestAccess {
+    // The cache queue.
+    static std::vector<int>& Ring(MEM_FifoQueue& queue) { return queue.m_ring; }
+    static std::uint32_t& ReadPosition(MEM_FifoQueue& queue) { return queue.m_read.position; }
+    static std::uint32_t& WritePosition(MEM_FifoQueue& queue) { return queue.m_write.position; }
+    static std::uint32_t LiveCount(const MEM_FifoQueue& queue) { return queue.m_live; }
+
+    // The space logic.
+    static std::size_t Records(const BlockSpaceLogic& logic) { return logic.m_pool.size(); }
+
+    // Slot tables.
+    template <class T, T Empty>
+    static std::ptrdiff_t Segments(const Mem_SlotTable<T, Empty>& table)
+    {
+        return std::count_if(table.m_segments.begin(), table.m_segments.end(),
+                             [](const auto& segment) { return segment != nullptr; });
+    }
+    static std::ptrdiff_t Segments(const MEM_FifoQueue& queue) { return Segments(queue.m_index); }
+    static std::ptrdiff_t Segments(const Mem_BlockTable& table) { return Segments(table.m_slots); }
+    static int& Length(Mem_BlockTable& table) { return table.m_length; }
+
+    // The pager.
+    static std::unique_ptr<MEM_MemPager> MakePager(ShmmHeap* heap)
+    {
+        return std::unique_ptr<MEM_MemPager>(new MEM_MemPager(heap));
+    }
+    static const char* Broken(const MEM_MemPager& pager)
+    {
+        WindowUnixGuard lock(&MEM_MemPager::mutex);
+        return pager.broken_invariant();
+    }
+    static const Mem_BlockTable& Blocks(MEM_MemPager& pager) FIBREX_NO_THREAD_SAFETY_ANALYSIS
+    {
+        return pager.m_blocks;
+    }
+    static std::vector<int> QueueOrder(MEM_MemPager& pager) FIBREX_NO_THREAD_SAFETY_ANALYSIS
+    {
+        std::vector<int> order;
+        MEM_FifoQueue& queue = pager.m_cache_queue;
+        for (auto at = queue.m_read; !(at == queue.m_write); at.StepForward())
+            if (queue.m_ring[at.position] >= 0)
+                order.push_back(queue.m_ring[at.position]);
+        return order;
+    }
+    static const PagerInfoState* State(const MEM_PagerInfo& info) { return info.m_state; }
+    static int Stripe(const MEM_PagerInfo& info) { return info.m_mutex_index; }
+
+    // Whether no other thread holds any of the library's locks.
+    static bool TryAllLocks() FIBREX_NO_THREAD_SAFETY_ANALYSIS
+    {
+        bool all = try_lock(MEM_MemPager::mutex_vec) && try_lock(MEM_MemPager::mutex);
+        for (WindowUnixMutex& stripe : MEM_PagerInfo::mutex)
+            all = try_lock(stripe) && all;
+        return all;
+    }
+
+    // Heaps.
+    static bool HasNoBlocks(const ShmmHeap& heap) { return heap.m_blocks.empty(); }
+
+private:
+    static bool try_lock(WindowUnixMutex& mutex) FIBREX_NO_THREAD_SAFETY_ANALYSIS
+    {
+        const bool free = mutex.TryCatchMutex();
+        if (free)
+            mutex.ReleaseMutex();
+        return free;
+    }
+};
+
+#endif
