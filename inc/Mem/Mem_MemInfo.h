@@ -5,6 +5,8 @@
 #include "mempager_export.h"
 
 class Block;
+class Zor_iBuffer;
+class Zor_oBuffer;
 
 /// A stretch of a region: its size and its offset from the region's start, in bytes.
 struct MEMPAGER_EXPORT Mem_MemoryChunk {
@@ -109,6 +111,9 @@ public:
     /// Threads: the caller holds the pager's mutex, or no other thread is in the library.
     static RWCString CreateUniqueName();
 
+    /// Whether `name` has the form of a unique name, whoever made it. Threads: any.
+    static bool IsUniqueName(const RWCString& name);
+
 protected:
     /// A stretch that was carved from `block`.
     BaseMapInfo(unsigned int size, unsigned int offset, Block* block)
@@ -178,6 +183,9 @@ public:
 
 private:
     friend struct Mem_TestAccess;
+    friend class MEM_MemPager;
+    friend MEMPAGER_EXPORT Zor_oBuffer& operator<<(Zor_oBuffer& out, MEM_MemInfo& info);
+    friend MEMPAGER_EXPORT Zor_iBuffer& operator>>(Zor_iBuffer& in, MEM_MemInfo& info);
 
     BaseMapInfo* m_owner = nullptr;
     unsigned int m_alignment = 0;
@@ -187,6 +195,18 @@ private:
     unsigned int m_owner_size = 0;
     unsigned int m_owner_offset = 0;
     void* m_owner_handle = nullptr;
+    bool m_registered = false; // a pager's handle has the piece
 };
+
+/// Writes what another process needs to find the piece of `info`: ten items, see docs/sharing.md.
+/// The owner must be set. MEM_MemPager::StreamMemInfo() is the ordinary way here.
+/// Threads: any, while nobody frees the piece. Out of memory, the stream fails.
+MEMPAGER_EXPORT Zor_oBuffer& operator<<(Zor_oBuffer& out, MEM_MemInfo& info);
+
+/// Reads what the operator above has written into a descriptor made by its default constructor,
+/// for MEM_MemPager::Register(). A buffer that is short, or that claims a name of more than 255
+/// bytes, puts the stream into the failed state and leaves the descriptor as it was.
+/// Throws std::bad_alloc, and leaves the descriptor as it was then too.
+MEMPAGER_EXPORT Zor_iBuffer& operator>>(Zor_iBuffer& in, MEM_MemInfo& info);
 
 #endif

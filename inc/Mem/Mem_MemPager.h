@@ -17,6 +17,7 @@
 class MEM_MemInfo;
 class ShmmHeap;
 class Zor_PerformanceCounterData;
+class Zor_oBuffer;
 
 /// What a pager holds at one moment. `total_mapped` includes `total_cached`: what clients have
 /// mapped is the difference of the two.
@@ -103,6 +104,27 @@ public:
     /// next touch brings a page back. A failure goes to the log.
     void ReduceWorkingSet();
 
+    /// Makes a piece usable that another process has streamed to this one, read-only.
+    ///
+    /// `info` is what the stream operator has read; it stays the caller's and can be registered
+    /// again. Nothing is opened or mapped here: that a descriptor's region is gone shows at the
+    /// first Map(), as a failure with a line in the log. The bytes stay for as long as the handle
+    /// has been mapped once and lives, but what the maker does with the piece meanwhile is
+    /// between the two processes. See docs/sharing.md.
+    ///
+    /// @return a handle that holds no mapping. It is empty, and a line at level 3 says why, for a
+    ///         descriptor that was not read whole, has a name that is none of this library's, a
+    ///         piece that lies outside its region or a region that can't be, that describes
+    ///         memory which this process itself made, or a local piece that has its handle.
+    /// @throws std::bad_alloc; nothing has changed then.
+    MEM_PagerInfo Register(MEM_MemInfo& info);
+
+    /// Writes what another process needs for Register() to `out`. The piece has to live until
+    /// the other process has mapped it; the stream holds nothing. Nobody may free the piece during
+    /// the call.
+    /// @throws RWBoundsErr if the handle is empty or its piece was freed; nothing is written.
+    void StreamMemInfo(MEM_PagerInfo& info, Zor_oBuffer& out);
+
     /// Maps the pieces of `count` handles together: all of them, or none that wasn't mapped
     /// before. A handle may be mapped already, stand in the array several times, or share its
     /// piece with another. Nothing happens for a count of 0 or less. The array and its handles,
@@ -133,6 +155,7 @@ private:
     };
 
     class NextBlock;
+    class ForeignOwner;
     class BlockViews;
     class MappedSoFar;
 
@@ -149,10 +172,17 @@ private:
     void report_refused_piece(unsigned int size) FIBREX_REQUIRES(mutex);
     void give_back(MEM_MemInfo* piece) FIBREX_REQUIRES(mutex);
     int internal_register(MEM_MemInfo& info, MEM_PagerInfo* out) FIBREX_REQUIRES(mutex);
+    int register_local(MEM_MemInfo& info) FIBREX_REQUIRES(mutex);
     int register_on_block(int id, MEM_MemInfo& info) FIBREX_REQUIRES(mutex);
     int register_new_block(const RWCString& name, MEM_MemInfo& info) FIBREX_REQUIRES(mutex);
-    void forget_block(int id, RegisteredBlock& block, const RWCString& name, unsigned int size)
+    int register_foreign(MEM_MemInfo& info, MEM_PagerInfo* out) FIBREX_REQUIRES(mutex);
+    int register_foreign_block(MEM_MemInfo& info, MEM_MemInfo& piece) FIBREX_REQUIRES(mutex);
+    bool makes_locally(const RWCString& name) const;
+    const char* fault_of(MEM_MemInfo& info) const FIBREX_REQUIRES(mutex);
+    void free_piece(MEM_MemInfo* piece, bool local) FIBREX_REQUIRES(mutex);
+    void forget_block(int id, const RWCString& name, unsigned int size, bool local)
         FIBREX_REQUIRES(mutex);
+    void release_owner(BaseMapInfo* owner, RWCString name) FIBREX_REQUIRES(mutex);
 
     // Mapping, reached from the handles
     int Map(MEM_PagerInfo& info);

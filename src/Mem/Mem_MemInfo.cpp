@@ -1,10 +1,15 @@
 #include "Mem/Mem_MemInfo.h"
 
 #include "Mem/Mem_ShmmHeap.h"
+#include "NRVlog/Zor_Log.h"
 #include "Platform/Platform.h"
+#include "Zor/Zor_Buffer.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
+#include <string_view>
 
 namespace
 {
@@ -15,6 +20,17 @@ unsigned int bytes_up_to_multiple(const void* pointer, unsigned int alignment)
     const auto rest =
         static_cast<unsigned int>(reinterpret_cast<std::uintptr_t>(pointer) % alignment);
     return rest == 0 ? 0 : alignment - rest;
+}
+
+/// Takes "_" and a decimal number of a sane length off a name's front.
+bool take_number(std::string_view& rest)
+{
+    if (!rest.starts_with('_'))
+        return false;
+    rest.remove_prefix(rest.substr(1).starts_with('-') ? 2 : 1);
+    const std::size_t digits = std::min(rest.find_first_not_of("0123456789"), rest.size());
+    rest.remove_prefix(digits);
+    return digits >= 1 && digits <= 20;
 }
 } // namespace
 
@@ -97,6 +113,15 @@ RWCString BaseMapInfo::CreateUniqueName()
     return name;
 }
 
+bool BaseMapInfo::IsUniqueName(const RWCString& name)
+{
+    std::string_view rest(name.data(), name.length());
+    if (!rest.starts_with(s_BlockPrefix))
+        return false;
+    rest.remove_prefix(std::strlen(s_BlockPrefix));
+    return take_number(rest) && take_number(rest) && take_number(rest) && rest.empty();
+}
+
 MEM_MemInfo::MEM_MemInfo(BaseMapInfo* owner, unsigned int alignment, Block* block)
     : BaseMapInfo(0, 0, block), m_owner(owner), m_alignment(alignment)
 {
@@ -106,7 +131,8 @@ MEM_MemInfo::MEM_MemInfo(MEM_MemInfo& other)
     : BaseMapInfo(other),
       m_owner(other.m_owner),
       m_alignment(other.m_alignment),
-      m_SmallOffsetDueToAlignment(other.m_SmallOffsetDueToAlignment)
+      m_SmallOffsetDueToAlignment(other.m_SmallOffsetDueToAlignment),
+      m_registered(other.m_registered)
 {
 }
 
@@ -158,4 +184,79 @@ void MEM_MemInfo::UpdatePtrByBase(void* base)
     if (!Local())
         m_SmallOffsetDueToAlignment = bytes_up_to_multiple(pointer, m_alignment);
     m_pointer = pointer + m_SmallOffsetDueToAlignment;
+}
+
+namespace
+{
+constexpr int kLongestName = 255;
+
+void write_name(Zor_oBuffer& out, const RWCString& name)
+{
+    out << static_cast<int>(name.length());
+    out.write(name.data(), static_cast<std::streamsize>(name.length()));
+}
+
+/// Reads a name into `name`, which has room for the longest and a zero. @return its length; -1 if
+/// there is none to be had, and the stream has failed then.
+int read_name(Zor_iBuffer& in, char* name)
+{
+    int length = 0;
+    in >> length;
+    if (length < 0 || length > kLongestName) {
+        ZOR_LOG("operator >>", 7,
+                "Zor_iBuffer& operator >> ( Zor_iBuffer& in, MEM_MemInfo& mem_info), len too "
+                "long");
+        in.setstate(std::ios_base::failbit);
+        return -1;
+    }
+    in.read(name, length);
+    name[in ? length : 0] = 0;
+    return in ? length : -1;
+}
+} // namespace
+
+Zor_oBuffer& operator<<(Zor_oBuffer& out, MEM_MemInfo& info)
+{
+    BaseMapInfo& owner = *info.Owner();
+    out << info.Offset() << info.Size() << info.m_SmallOffsetDueToAlignment;
+    out << owner.Offset() << owner.Size();
+    out.Write64bitHandle(owner.Handle());
+    write_name(out, owner.MappingName());
+    write_name(out, owner.Name());
+    return out;
+}
+
+Zor_iBuffer& operator>>(Zor_iBuffer& in, MEM_MemInfo& info)
+{
+    Mem_MemoryChunk chunk;
+    unsigned int small_offset = 0;
+    unsigned int owner_offset = 0;
+    unsigned int owner_size = 0;
+    void* owner_handle = nullptr;
+    in >> chunk.m_Offset >> chunk.m_Size >> small_offset >> owner_offset >> owner_size;
+    in.Read64bitHandle(owner_handle);
+    ZOR_LOG("operator >>", 7,
+            " operator >> m_Offset %d, m_Size %d, m_SmallOffsetDueToAlignment %d  \n",
+            static_cast<int>(chunk.m_Offset), static_cast<int>(chunk.m_Size),
+            static_cast<int>(small_offset));
+    ZOR_LOG("operator >>", 7, " operator >> owner_offset %downer_size %d, owner_handle %p\n",
+            static_cast<int>(owner_offset), static_cast<int>(owner_size), owner_handle);
+
+    char mapping_name[kLongestName + 1];
+    const int mapping_length = read_name(in, mapping_name);
+    if (mapping_length < 0)
+        return in;
+    ZOR_LOG("operator >>", 7, " operator >> len %d mapping name %s \n", mapping_length,
+            static_cast<const char*>(mapping_name));
+    char name[kLongestName + 1];
+    const int length = read_name(in, name);
+    if (length < 0)
+        return in;
+    ZOR_LOG("operator >>", 7, " operator >> len %d name %s \n", length,
+            static_cast<const char*>(name));
+
+    info.SetMappingInfo(owner_handle, mapping_name, name, owner_size, owner_offset);
+    info.SetChunk(chunk);
+    info.m_SmallOffsetDueToAlignment = small_offset;
+    return in;
 }

@@ -2,10 +2,11 @@
 
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_MemInfo.h"
-#include "Mem/Mem_ShmmHeap.h"
+#include "Mem/Mem_ShmmHeap_Windows.h"
 #include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
 #include "Platform/Platform.h"
+#include "Zor/Zor_Buffer.h"
 #include "Zor/Zor_PerformanceCounters.h"
 
 #include <cassert>
@@ -33,6 +34,11 @@ void close(Zor_PerformanceCounterData* counter)
 {
     if (counter != nullptr)
         counter->End(-999, -1.0, nullptr);
+}
+
+bool piece_reaches_past(MEM_MemInfo& piece, BaseMapInfo& owner)
+{
+    return std::uint64_t{piece.Offset()} + piece.Size() > owner.Size();
 }
 
 unsigned long long cache_limit()
@@ -134,6 +140,7 @@ MEM_MemPager::MEM_MemPager(ShmmHeap* heap) : m_block_ids(kNameBuckets), m_heap(h
 {
     m_block_ids.max_load_factor(std::numeric_limits<float>::infinity());
     m_counters_on = ZorGLog.GetLogLevel(kCountersCode) == kCountersLevel;
+    GetStreamedOwnersRepository(); // made first, it outlives the pager
 }
 
 MEM_MemPager::~MEM_MemPager()
@@ -241,15 +248,28 @@ void MEM_MemPager::give_back(MEM_MemInfo* piece)
 
 int MEM_MemPager::internal_register(MEM_MemInfo& info, MEM_PagerInfo* out)
 {
+    if (info.Owner() == nullptr || !info.Local())
+        return register_foreign(info, out);
     auto state = std::make_unique<PagerInfoState>();
-    const RWCString name = info.Owner()->Name();
-    const auto known = m_block_ids.find(name);
-    const int id = known != m_block_ids.end() ? register_on_block(known->second, info)
-                                              : register_new_block(name, info);
+    const int id = register_local(info);
     if (id < 0)
         return -1;
     out->assign(std::move(state), id, this, &info, true);
     return 0;
+}
+
+int MEM_MemPager::register_local(MEM_MemInfo& info)
+{
+    if (info.m_registered) {
+        ZOR_LOG("MEM_MemPager::Register", 3, "Register: Refused a piece that has its handle\n");
+        return -1;
+    }
+    const RWCString name = info.Owner()->Name();
+    const auto known = m_block_ids.find(name);
+    const int id = known != m_block_ids.end() ? register_on_block(known->second, info)
+                                              : register_new_block(name, info);
+    info.m_registered = id >= 0;
+    return id;
 }
 
 int MEM_MemPager::register_on_block(int id, MEM_MemInfo& info)
@@ -334,6 +354,129 @@ int MEM_MemPager::register_new_block(const RWCString& name, MEM_MemInfo& info)
     return next.Use(block.release());
 }
 
+MEM_PagerInfo MEM_MemPager::Register(MEM_MemInfo& info)
+{
+    MEM_PagerInfo handle;
+    WindowUnixGuard lock(&mutex);
+    internal_register(info, &handle);
+    check_invariants();
+    return handle;
+}
+
+/// Whether a pager of this process has a region called `name` that this process made.
+bool MEM_MemPager::makes_locally(const RWCString& name) const FIBREX_NO_THREAD_SAFETY_ANALYSIS
+{
+    const MEM_MemPager* const pagers[] = {this, s_general, s_second};
+    for (const MEM_MemPager* const pager : pagers) {
+        if (pager == nullptr)
+            continue;
+        const auto known = pager->m_block_ids.find(name);
+        if (known != pager->m_block_ids.end() && pager->m_blocks.At(known->second).owner->Local())
+            return true;
+    }
+    return false;
+}
+
+/// What a descriptor from outside can't be registered for; null if it can.
+const char* MEM_MemPager::fault_of(MEM_MemInfo& info) const
+{
+    const std::uint64_t piece_end = std::uint64_t{info.Offset()} + info.Size();
+    const std::uint64_t owner_end = std::uint64_t{info.GetOwnerOffset()} + info.GetOwnerSize();
+    if (info.Owner() != nullptr)
+        return "its owner is set: it was registered, not read";
+    if (!BaseMapInfo::IsUniqueName(info.GetInfoName()) ||
+        !BaseMapInfo::IsUniqueName(info.GetMappingName()))
+        return "a name is not one that this library gives";
+    if (info.Size() == 0 || piece_end > info.GetOwnerSize())
+        return "the piece lies outside its region";
+    if (owner_end > std::numeric_limits<unsigned int>::max() ||
+        info.GetOwnerOffset() % Platform::Get().AllocationGranularity() != 0)
+        return "there can be no such region";
+    if (makes_locally(info.GetInfoName()))
+        return "this process made the memory";
+    return nullptr;
+}
+
+int MEM_MemPager::register_foreign(MEM_MemInfo& info, MEM_PagerInfo* out)
+{
+    if (const char* const fault = fault_of(info)) {
+        ZOR_LOG("MEM_MemPager::Register", 3, "Register: Refused a descriptor: %s\n", fault);
+        return -1;
+    }
+    auto state = std::make_unique<PagerInfoState>();
+    auto piece = std::make_unique<MEM_MemInfo>(info);
+    const auto known = m_block_ids.find(info.GetInfoName());
+    int id = -1;
+    if (known != m_block_ids.end()) {
+        id = known->second;
+        RegisteredBlock& block = m_blocks.At(id);
+        if (piece_reaches_past(*piece, *block.owner)) {
+            ZOR_LOG("MEM_MemPager::Register", 3,
+                    "Register: Refused a descriptor: the piece lies outside its region\n");
+            return -1;
+        }
+        piece->SetOwner(block.owner);
+        ++block.ref;
+    } else {
+        id = register_foreign_block(info, *piece);
+    }
+    m_foreign_pieces_size += piece->Size();
+    out->assign(std::move(state), id, this, piece.release(), false);
+    return 0;
+}
+
+/// The owner of a new foreign block. It goes again unless the block came to be.
+class MEM_MemPager::ForeignOwner
+{
+public:
+    ForeignOwner(MEM_MemPager& pager, MEM_MemInfo& info)
+        : m_pager(pager), m_name(info.GetInfoName())
+    {
+        RWCString mapping_name = info.GetMappingName();
+        StreamedOwnersRepository* const owners = GetStreamedOwnersRepository();
+        owners->SetClient(&pager);
+        m_owner = owners->GetOwner(info.GetOwnerHandle(), mapping_name, m_name,
+                                   info.GetOwnerOffset(), info.GetOwnerSize());
+    }
+    ~ForeignOwner() FIBREX_NO_THREAD_SAFETY_ANALYSIS
+    {
+        if (m_owner != nullptr)
+            m_pager.release_owner(m_owner, m_name);
+    }
+    ForeignOwner(const ForeignOwner&) = delete;
+    ForeignOwner& operator=(const ForeignOwner&) = delete;
+
+    BaseMapInfo* Get() const { return m_owner; }
+    void Keep() { m_owner = nullptr; }
+
+private:
+    MEM_MemPager& m_pager;
+    RWCString m_name;
+    BaseMapInfo* m_owner;
+};
+
+// A foreign block isn't mapped until a client maps a piece of it.
+int MEM_MemPager::register_foreign_block(MEM_MemInfo& info, MEM_MemInfo& piece)
+{
+    ForeignOwner owner(*this, info);
+    auto block = std::make_unique<RegisteredBlock>(owner.Get());
+    NextBlock next(*this, info.GetInfoName());
+    block->ref = 1;
+    m_foreign_blocks_size += block->owner->Size();
+    piece.SetOwner(owner.Get());
+    owner.Keep();
+    return next.Use(block.release());
+}
+
+void MEM_MemPager::StreamMemInfo(MEM_PagerInfo& info, Zor_oBuffer& out)
+{
+    {
+        WindowUnixGuard lock(&mutex);
+        m_blocks.At(info.Block()); // throws for a piece that is gone
+    }
+    out << *info.GetMemInfoPtr();
+}
+
 int MEM_MemPager::Free(MEM_PagerInfo& info)
 {
     WindowUnixGuard lock(&mutex);
@@ -341,35 +484,55 @@ int MEM_MemPager::Free(MEM_PagerInfo& info)
     if (id < 0)
         return 0;
     RegisteredBlock& block = m_blocks.At(id);
-    --block.ref;
 
     // With the last piece the heap destroys the owner.
     const RWCString name = block.owner->Name();
     const unsigned int size = block.owner->Size();
-    MEM_MemInfo* const piece = info.GetMemInfoPtr();
-    m_local_pieces_size -= piece->Size();
-    m_heap->Free(piece);
+    const bool local = block.owner->Local();
+    --block.ref;
+    free_piece(info.GetMemInfoPtr(), local);
     if (block.ref == 0)
-        forget_block(id, block, name, size);
+        forget_block(id, name, size, local);
     info.Reset();
     check_invariants();
     return 0;
 }
 
-void MEM_MemPager::forget_block(int id, RegisteredBlock& block, const RWCString& name,
-                                unsigned int size)
+void MEM_MemPager::free_piece(MEM_MemInfo* piece, bool local)
 {
+    if (local) {
+        m_local_pieces_size -= piece->Size();
+        m_heap->Free(piece);
+    } else {
+        m_foreign_pieces_size -= piece->Size();
+        delete piece;
+    }
+}
+
+void MEM_MemPager::forget_block(int id, const RWCString& name, unsigned int size, bool local)
+{
+    RegisteredBlock& block = m_blocks.At(id);
     if (block.stat != RegisteredBlock::kUnmapped)
         m_total_mapped -= size;
     if (block.stat == RegisteredBlock::kCached)
         m_total_cached -= size;
     m_cache_queue.Release(id);
     m_block_ids.erase(name);
-    m_local_blocks_size -= size;
+    (local ? m_local_blocks_size : m_foreign_blocks_size) -= size;
+    if (!local)
+        release_owner(block.owner, name);
     m_blocks.Erase(id);
     delete &block;
     if (--m_blocks_count == 0)
         m_blocks.Clear();
+}
+
+void MEM_MemPager::release_owner(BaseMapInfo* owner, RWCString name)
+{
+    owner->Free();
+    StreamedOwnersRepository* const owners = GetStreamedOwnersRepository();
+    owners->SetClient(this);
+    owners->ReleaseOwner(name);
 }
 
 // Mapping ---------------------------------------------------------------------------------------

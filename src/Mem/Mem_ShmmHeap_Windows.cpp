@@ -129,3 +129,114 @@ int Swap_ShmmHeap::destroy_element(Block*)
 {
     return -1;
 }
+
+StreamedMapInfo::StreamedMapInfo(const char* mappingName, const char* name, unsigned int offset,
+                                 unsigned int size)
+    : BaseMapInfo(size, offset), m_mapping_name(mappingName), m_name(name)
+{
+}
+
+StreamedMapInfo::~StreamedMapInfo()
+{
+    if (m_Handle != nullptr)
+        ZOR_LOG("StreamedMapInfo::~StreamedMapInfo", 7, "~StreamedMapInfo(), m_Handle is not NULL");
+}
+
+int StreamedMapInfo::Map()
+{
+    Platform& platform = Platform::Get();
+    if (m_Handle == nullptr)
+        m_Handle = platform.OpenMapping(m_mapping_name.data());
+    if (m_Handle == nullptr) {
+        ZOR_LOG("StreamedMapInfo::Map", 3,
+                "Couldn't open map to non-local memory (Details: OpenFileMapping failed, name %s, "
+                "Errno [%lu]).\n",
+                m_mapping_name.data(), platform.LastError());
+        return -1;
+    }
+    m_pointer = platform.MapView(m_Handle, Offset(), Size());
+    if (m_pointer != nullptr)
+        return 0;
+    ZOR_LOG("StreamedMapInfo::Map", 5,
+            "Couldn't map non-local memory to the process (Details: MapViewOfFile failed, Size "
+            "%.1fMB, Errno [%lu]).\n",
+            InMb(Size()), platform.LastError());
+    return -1;
+}
+
+int StreamedMapInfo::Unmap()
+{
+    if (m_pointer == nullptr)
+        return -1;
+    if (!Platform::Get().UnmapView(m_pointer, Size()))
+        ZOR_LOG("StreamedMapInfo::Unmap", 4,
+                "Unmap: Couldn't unmap shared non-local memory (Details: UnmapViewOfFile failed, "
+                "Size %.1fMB, Errno [%lu])\n",
+                InMb(Size()), Platform::Get().LastError());
+    m_pointer = nullptr;
+    return 0;
+}
+
+int StreamedMapInfo::Free()
+{
+    if (m_pointer != nullptr)
+        Platform::Get().UnmapView(m_pointer, Size());
+    m_pointer = nullptr;
+    if (m_Handle != nullptr)
+        Platform::Get().CloseMapping(m_Handle);
+    m_Handle = nullptr;
+    return 0;
+}
+
+bool StreamedMapInfo::Local()
+{
+    return false;
+}
+
+void* StreamedMapInfo::Handle()
+{
+    return m_Handle;
+}
+
+RWCString StreamedMapInfo::Name()
+{
+    return m_name;
+}
+
+RWCString StreamedMapInfo::MappingName()
+{
+    return m_mapping_name;
+}
+
+unsigned int StreamedMapInfo::HandleOffset()
+{
+    return 0;
+}
+
+BaseMapInfo* Windows_StreamedOwnersRepository::GetOwner(void* /*handle*/, RWCString& mappingName,
+                                                        RWCString& name, unsigned int offset,
+                                                        unsigned int size)
+{
+    const Key key(m_client, name);
+    const auto known = m_owners.find(key);
+    if (known != m_owners.end())
+        return known->second;
+    auto owner = std::make_unique<StreamedMapInfo>(mappingName.data(), name.data(), offset, size);
+    m_owners.emplace(key, owner.get());
+    return owner.release();
+}
+
+void Windows_StreamedOwnersRepository::ReleaseOwner(RWCString& name)
+{
+    const auto owner = m_owners.find(Key(m_client, name));
+    if (owner == m_owners.end())
+        return;
+    delete owner->second;
+    m_owners.erase(owner);
+}
+
+StreamedOwnersRepository* GetStreamedOwnersRepository()
+{
+    static Windows_StreamedOwnersRepository repository;
+    return &repository;
+}

@@ -3,6 +3,9 @@
 
 #include "Mem/Mem_ShmmHeap.h"
 
+#include <map>
+#include <utility>
+
 /// A region of its own: one named mapping on the paging file. Owned by the swap heap.
 ///
 /// States: created (no mapping), allocated (a mapping, no view), mapped (both).
@@ -64,5 +67,79 @@ public:
 private:
     friend struct Mem_TestAccess;
 };
+
+/// A region that another process made, seen read-only. Owned by the owners repository.
+///
+/// States: closed (no handle, no view), open (a handle), mapped (both). Unmap() leaves the handle,
+/// so that mapping anew opens nothing and works after the maker has closed the region.
+class StreamedMapInfo : public BaseMapInfo
+{
+public:
+    StreamedMapInfo(const char* mappingName, const char* name, unsigned int offset,
+                    unsigned int size);
+    ~StreamedMapInfo() override;
+
+    /// Opens the mapping by its name, unless it is open, and views the stretch for reading.
+    /// @return 0; -1 with a line at level 3 if it can't be opened, at level 5 if not viewed.
+    int Map() override;
+
+    /// As SwapMapInfo::Unmap().
+    int Unmap() override;
+
+    /// Ends view and handle. @return 0.
+    int Free() override;
+
+    bool Local() override;
+    void* Handle() override;
+    RWCString Name() override;
+    RWCString MappingName() override;
+    unsigned int HandleOffset() override;
+
+private:
+    friend struct Mem_TestAccess;
+
+    void* m_Handle = nullptr;
+    RWCString m_mapping_name;
+    RWCString m_name;
+};
+
+/// Keeps one owner for each foreign region and client: the first descriptor of a region fixes its
+/// coordinates. Two pagers get owners, and so views, of their own.
+class StreamedOwnersRepository
+{
+public:
+    /// The owner of the region called `name`, made if there is none. `handle` means nothing in
+    /// this process. Nothing is opened here. Throws std::bad_alloc.
+    virtual BaseMapInfo* GetOwner(void* handle, RWCString& mappingName, RWCString& name,
+                                  unsigned int offset, unsigned int size) = 0;
+
+    /// Destroys the owner of that region. Allocates nothing.
+    virtual void ReleaseOwner(RWCString& name) = 0;
+
+    /// Tells on whose behalf the following calls are made.
+    void SetClient(const void* client) { m_client = client; }
+
+protected:
+    ~StreamedOwnersRepository() = default;
+
+    const void* m_client = nullptr;
+};
+
+class Windows_StreamedOwnersRepository final : public StreamedOwnersRepository
+{
+public:
+    BaseMapInfo* GetOwner(void* handle, RWCString& mappingName, RWCString& name,
+                          unsigned int offset, unsigned int size) override;
+    void ReleaseOwner(RWCString& name) override;
+
+private:
+    friend struct Mem_TestAccess;
+
+    using Key = std::pair<const void*, RWCString>; // client and region
+    std::map<Key, StreamedMapInfo*> m_owners;
+};
+
+/// The process's repository. The pager calls it with its mutex held.
+StreamedOwnersRepository* GetStreamedOwnersRepository();
 
 #endif

@@ -41,8 +41,17 @@ public:
     /// @return a handle for MapView() and CloseMapping(); null on failure, with nothing left.
     virtual void* CreateSharedMapping(const char* name, std::uint64_t size) = 0;
 
+    /// Opens a mapping that CreateSharedMapping() made under `name`, in any process and for any
+    /// user, for reading only: no view of it can be made writable. Any text may be given: what
+    /// isn't the name of such a mapping, or no longer, is a failure and is not touched.
+    /// The bytes stay for as long as the handle or a view of it, whatever the maker does.
+    ///
+    /// @return a handle for MapView() and CloseMapping(); null on failure.
+    virtual void* OpenMapping(const char* name) = 0;
+
     /// Maps the stretch [offset, offset + size) of an open mapping, readable and writable as the
-    /// mapping is. `offset` is a multiple of AllocationGranularity(). Several views of one
+    /// mapping is. `offset` is a multiple of AllocationGranularity(), and the stretch lies within
+    /// the mapping, else that is a failure. Several views of one
     /// mapping can live at once. Works as well after somebody has removed the mapping's name.
     ///
     /// @return the view's first byte; null on failure (no address space, too many maps).

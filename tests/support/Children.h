@@ -60,6 +60,19 @@ int InChildAmongOwnMounts(Body body)
     });
 }
 
+/// A test whose body runs in a child of its own and returns 0 if all is well.
+/// `in_child` is InChild, or a function like it.
+#define CHILD_TEST(suite, name, in_child)                                                          \
+    int suite##_##name();                                                                          \
+    TEST(suite, name)                                                                              \
+    {                                                                                              \
+        const int code = in_child(suite##_##name);                                                 \
+        if (code == not_permitted)                                                                 \
+            GTEST_SKIP() << "the system doesn't permit it here";                                   \
+        EXPECT_EQ(code, 0);                                                                        \
+    }                                                                                              \
+    int suite##_##name()
+
 /// Mounts a new file system of that type over `where`.
 inline bool Mount(const char* type, const char* where, const char* options = "",
                   unsigned long flags = 0)

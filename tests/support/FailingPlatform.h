@@ -20,6 +20,7 @@ public:
     {
         return m_real.CreateSharedMapping(name, size);
     }
+    void* OpenMapping(const char* name) override { return m_real.OpenMapping(name); }
     void* MapView(void* mapping, std::uint64_t offset, std::uint64_t size) override
     {
         return m_real.MapView(mapping, offset, size);
@@ -104,6 +105,10 @@ public:
         if (fails(Create, no_space))
             return nullptr;
         return passed(m_real.CreateSharedMapping(name, size));
+    }
+    void* OpenMapping(const char* name) override
+    {
+        return fails(Create, no_space) ? nullptr : passed(m_real.OpenMapping(name));
     }
     void* MapView(void* mapping, std::uint64_t offset, std::uint64_t size) override
     {

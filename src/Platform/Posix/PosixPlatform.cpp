@@ -43,15 +43,26 @@ PosixPlatform& instance()
     return *made;
 }
 
+bool exists(const SharedMapping* mapping)
+{
+    if (mapping == nullptr)
+        errno = ENOMEM;
+    return mapping != nullptr;
+}
+
 bool make(SharedMapping* mapping, const char* name, std::uint64_t size)
 {
-    if (mapping == nullptr) {
-        errno = ENOMEM;
+    if (!exists(mapping))
         return false;
-    }
     mapping->creator = getpid();
     mapping->size = size;
     return mapping->file.path.Set(name) && MakeSharedFile(mapping->file, size);
+}
+
+bool open_existing(SharedMapping* mapping, const char* name)
+{
+    return exists(mapping) && mapping->file.path.Set(name) &&
+           OpenSharedFile(mapping->file, mapping->size);
 }
 
 bool lies_in(const SharedMapping& mapping, std::uint64_t offset, std::uint64_t size)
@@ -105,6 +116,16 @@ void* PosixPlatform::CreateSharedMapping(const char* name, std::uint64_t size)
 
     const std::lock_guard lock(m_mutex);
     if (!told(make(mapping.get(), name, size)))
+        return nullptr;
+    enlist(*mapping);
+    return mapping.release();
+}
+
+void* PosixPlatform::OpenMapping(const char* name)
+{
+    std::unique_ptr<SharedMapping> mapping(new (std::nothrow) SharedMapping);
+    const std::lock_guard lock(m_mutex);
+    if (!told(open_existing(mapping.get(), name)))
         return nullptr;
     enlist(*mapping);
     return mapping.release();

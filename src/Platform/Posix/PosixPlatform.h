@@ -13,7 +13,7 @@
 struct SharedMapping {
     SharedFile file;
     std::uint64_t size = 0;
-    pid_t creator = 0; ///< 0 in a forked child, whose parent's names are none of its business
+    pid_t creator = 0; ///< 0 where the name is another process's business
     SharedMapping* previous = nullptr;
     SharedMapping* next = nullptr;
 };
@@ -30,6 +30,7 @@ public:
     PosixPlatform();
 
     void* CreateSharedMapping(const char* name, std::uint64_t size) override;
+    void* OpenMapping(const char* name) override;
     void* MapView(void* mapping, std::uint64_t offset, std::uint64_t size) override;
     bool UnmapView(void* view, std::uint64_t size) override;
     bool CloseMapping(void* mapping) override;

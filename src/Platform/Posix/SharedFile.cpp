@@ -104,6 +104,18 @@ bool creator_lives(int file)
     return fcntl(file, F_OFD_GETLK, &lock) != 0 || lock.l_type != F_UNLCK;
 }
 
+/// Opens a file that may be anybody's. Opening anything else than a plain file could do something.
+int open_to_read(const char* path)
+{
+    struct stat status;
+    if (lstat(path, &status) != 0)
+        return -1;
+    if (S_ISREG(status.st_mode))
+        return open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+    errno = EINVAL;
+    return -1;
+}
+
 // Making a file --------------------------------------------------------------------------------
 
 enum class Outcome { made, failed, impossible };
@@ -214,6 +226,21 @@ bool MakeSharedFile(SharedFile& file, std::uint64_t size)
     return outcome == Outcome::made;
 }
 
+bool OpenSharedFile(SharedFile& file, std::uint64_t& size)
+{
+    struct stat status;
+    const ScopedFile opened(open_to_read(file.path.Text()));
+    if (!opened || fstat(opened.Get(), &status) != 0)
+        return false;
+    constexpr off_t block_size = 512;
+    if (!S_ISREG(status.st_mode) || status.st_size == 0 ||
+        status.st_blocks < status.st_size / block_size)
+        return fail(EINVAL);
+    file.identity = {status.st_dev, status.st_ino};
+    size = static_cast<std::uint64_t>(status.st_size);
+    return file.anchor.HoldForReading(opened.Get());
+}
+
 bool RemoveName(const char* path, const FileIdentity& identity)
 {
     return !stands_for(path, identity) || unlink(path) == 0 || errno == ENOENT;
@@ -221,10 +248,7 @@ bool RemoveName(const char* path, const FileIdentity& identity)
 
 bool RemoveIfDead(const char* path)
 {
-    struct stat status;
-    if (lstat(path, &status) != 0 || !S_ISREG(status.st_mode))
-        return false; // opening anything else could do something
-    const ScopedFile file(open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    const ScopedFile file(open_to_read(path));
     if (!file || creator_lives(file.Get()) || flock(file.Get(), LOCK_EX | LOCK_NB) != 0)
         return false;
 

@@ -43,6 +43,11 @@ struct SharedFile {
 /// @return false with errno, and with nothing left behind.
 bool MakeSharedFile(SharedFile& file, std::uint64_t size);
 
+/// Takes hold of the file of `file.path`, which another process may have made, for reading only.
+/// A file whose memory isn't all there is refused: a touch of it could end this process.
+/// @return false with errno, and with nothing held.
+bool OpenSharedFile(SharedFile& file, std::uint64_t& size);
+
 /// Takes the name away if it still stands for that file. Call it while the file is open, so that
 /// no other can have its identity. @return false with errno if the name is still there.
 bool RemoveName(const char* path, const FileIdentity& identity);
