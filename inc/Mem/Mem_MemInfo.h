@@ -102,13 +102,12 @@ public:
     /// The first part of every unique name.
     static const char* const s_BlockPrefix;
 
-    /// The number that the next unique name ends in. Changed under the pager's mutex.
+    /// The number that the next unique name ends in. It is changed in one step.
     static int s_unique_name_id;
 
     /// A name that nothing else on this machine has: "%s_%ld_%ld_%ld" over s_BlockPrefix, the
     /// process's id, the thread's id and s_unique_name_id, which goes up by one. At most 255
-    /// bytes. Throws std::bad_alloc, and the counter stays then.
-    /// Threads: the caller holds the pager's mutex, or no other thread is in the library.
+    /// bytes. Throws std::bad_alloc. Threads: any.
     static RWCString CreateUniqueName();
 
     /// Whether `name` has the form of a unique name, whoever made it. Threads: any.

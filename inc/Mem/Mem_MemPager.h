@@ -49,7 +49,8 @@ struct Mem_Status {
 /// of the configuration.
 ///
 /// Lifetime: a pager lives from the first GetHandle() until the process ends or the library is
-/// unloaded, and is never copied. Handles may outlive it; they can then only be destroyed.
+/// unloaded, and is never copied. Handles may outlive it; they can then only be destroyed, and the
+/// pager itself is then as dead as any object in static storage, though GetHandle() still gives it.
 class MEMPAGER_EXPORT MEM_MemPager
 {
 public:
@@ -158,6 +159,14 @@ private:
     class ForeignOwner;
     class BlockViews;
     class MappedSoFar;
+    struct ForkLocks;
+
+    /// Where one of the process's two pagers is found; good also when that has ended.
+    struct ProcessSlot {
+        MEM_MemPager* Living() const { return ended ? nullptr : pager.load(); }
+        std::atomic<MEM_MemPager*> pager = nullptr;
+        std::atomic<bool> ended = false;
+    };
 
     /// A pager on the process's memory heap.
     MEM_MemPager();
@@ -180,8 +189,7 @@ private:
     bool makes_locally(const RWCString& name) const;
     const char* fault_of(MEM_MemInfo& info) const FIBREX_REQUIRES(mutex);
     void free_piece(MEM_MemInfo* piece, bool local) FIBREX_REQUIRES(mutex);
-    void forget_block(int id, const RWCString& name, unsigned int size, bool local)
-        FIBREX_REQUIRES(mutex);
+    void forget_block(int id, RegisteredBlock& block, const RWCString& name) FIBREX_REQUIRES(mutex);
     void release_owner(BaseMapInfo* owner, RWCString name) FIBREX_REQUIRES(mutex);
 
     // Mapping, reached from the handles
@@ -205,15 +213,16 @@ private:
     }
 
     // Life
-    static MEM_MemPager* publish(MEM_MemPager& pager, std::atomic<MEM_MemPager*>& pointer)
-        FIBREX_REQUIRES(mutex);
-    static void lock_all();
-    static void unlock_all();
+    static MEM_MemPager* publish(MEM_MemPager& pager, ProcessSlot& slot) FIBREX_REQUIRES(mutex);
+    static bool HasEnded(const MEM_MemPager* pager);
+    static void before_fork();
+    static void after_fork_in_parent();
+    static void after_fork_in_child();
 
     // Reclaim
     static void set_new_memory_handler() FIBREX_REQUIRES(mutex);
     static int clear_cache_handler(std::size_t size, bool reported);
-    static unsigned long long clear_for_handler(MEM_MemPager* pager);
+    static unsigned long long clear_for_handler(MEM_MemPager* pager, bool reported);
     static void report_exhaustion(std::size_t size);
 
     // Diagnostics
@@ -230,10 +239,10 @@ private:
 
     static WindowUnixMutex mutex;
     static WindowUnixMutex mutex_vec;
-    static std::atomic<MEM_MemPager*> s_general;
-    static std::atomic<MEM_MemPager*> s_second;
+    static ProcessSlot s_general;
+    static ProcessSlot s_second;
     static std::atomic<bool> s_single_handle;
-    static std::atomic<bool> s_process_ends;
+    static ForkLocks s_fork_locks;
     static bool s_new_handler_handled FIBREX_GUARDED_BY(mutex);
 
     static const RWCString ALLOCATE_COUNTER_NAME;
@@ -265,7 +274,11 @@ private:
 /// between them. Every other thread that needs the pagers waits as long.
 ///
 /// Belongs to the thread that made it. The array and its handles stay the caller's, must outlive
-/// the guard and must not change. Guards nest. Makes no allocation and never throws.
+/// the guard and must not change. Makes no allocation and never throws.
+///
+/// Guards nest, but an inner one, and every handle that is used, copied or destroyed inside, may
+/// concern only pieces of the outer one's handles: any other would be locked against the order
+/// that keeps threads from waiting for each other.
 class MEMPAGER_EXPORT Mem_PagerInfoVecLockGuard
 {
 public:

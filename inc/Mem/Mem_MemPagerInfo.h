@@ -50,8 +50,9 @@ struct PagerInfoState {
 /// too; assigning to it, releasing it and destroying it aren't, and what Ptr() and its like
 /// return holds only as long as this handle's mapping does.
 ///
-/// Errors: Map(), Unmap() and Cache() on a handle whose piece was freed throw RWBoundsErr and
-/// change nothing.
+/// Errors: Map(), Unmap() and Cache() that need the pager throw RWBoundsErr and change nothing if
+/// the piece was freed. While any handle still counts a mapping of it, Map() and Unmap() need no
+/// pager and go on counting.
 class MEMPAGER_EXPORT MEM_PagerInfo
 {
 public:
@@ -161,6 +162,7 @@ private:
     int MapWithoutLocks();
     int UnmapWithoutLocks();
 
+    bool may_unmap(const char* function) const;
     int count_map(int (MEM_MemPager::*map_block)(MEM_PagerInfo&));
     int count_unmap(int (MEM_MemPager::*unmap_block)(MEM_PagerInfo&));
 

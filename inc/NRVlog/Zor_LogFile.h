@@ -23,7 +23,8 @@ struct Zor_LogRecord {
 /// failures and wrong use, 4 warnings, 5 shortages that can be mended, 6 routine, 7 detail. A
 /// line is written if its level is at most the one configured for its module.
 ///
-/// Threads: any, unless an operation says otherwise. Nothing here waits for another thread.
+/// Threads: any, unless an operation says otherwise. Nothing here waits for another thread, but
+/// setting a level for another thread that sets one.
 class MEMPAGER_EXPORT Zor_LogFile
 {
 public:

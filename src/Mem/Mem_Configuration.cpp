@@ -59,9 +59,10 @@ void MEM_MemoryConfiguration::SetInstance(MEM_MemoryConfiguration* instance)
     s_MemConfig = instance;
     if (old == nullptr)
         return;
-    // The object may be of a derived class with another size, so no sized delete.
+    // The object may be of a derived class: of another size, and with this one not at its front.
+    void* const memory = dynamic_cast<void*>(old);
     old->MEM_MemoryConfiguration::~MEM_MemoryConfiguration();
-    ::operator delete(static_cast<void*>(old));
+    ::operator delete(memory);
 }
 
 MEM_MemoryConfiguration::MEM_MemoryConfiguration()

@@ -6,6 +6,7 @@
 #include "Zor/Zor_Buffer.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -107,10 +108,9 @@ RWCString BaseMapInfo::CreateUniqueName()
     Platform& platform = Platform::Get();
     char text[256];
     std::snprintf(text, sizeof text, "%s_%ld_%ld_%ld", s_BlockPrefix, platform.ProcessId(),
-                  platform.ThreadId(), static_cast<long>(s_unique_name_id));
-    RWCString name(text);
-    ++s_unique_name_id;
-    return name;
+                  platform.ThreadId(),
+                  static_cast<long>(std::atomic_ref(s_unique_name_id).fetch_add(1)));
+    return RWCString(text);
 }
 
 bool BaseMapInfo::IsUniqueName(const RWCString& name)

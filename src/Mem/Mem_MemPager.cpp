@@ -9,6 +9,8 @@
 #include "Zor/Zor_Buffer.h"
 #include "Zor/Zor_PerformanceCounters.h"
 
+#include <algorithm>
+#include <bitset>
 #include <cassert>
 #include <chrono>
 #include <cstdlib>
@@ -41,9 +43,21 @@ bool piece_reaches_past(MEM_MemInfo& piece, BaseMapInfo& owner)
     return std::uint64_t{piece.Offset()} + piece.Size() > owner.Size();
 }
 
-unsigned long long cache_limit()
+/// Reads a setting where nothing may fail. The settings are made anew after a host took them away,
+/// and where there is no memory for that, there is none to keep either: 0.
+template <class Setting>
+unsigned long long setting_or_none(Setting setting) noexcept
 {
-    return MEM_MemoryConfiguration::GetInstance()->HeapCacheInBytes();
+    try {
+        return (MEM_MemoryConfiguration::GetInstance()->*setting)();
+    } catch (...) {
+        return 0;
+    }
+}
+
+unsigned long long cache_limit() noexcept
+{
+    return setting_or_none(&MEM_MemoryConfiguration::HeapCacheInBytes);
 }
 
 /// Which pagers a failed allocation clears: 2 the general one, 1 the second one, 3 both.
@@ -56,10 +70,9 @@ int pagers_to_clear()
 
 WindowUnixMutex MEM_MemPager::mutex;
 WindowUnixMutex MEM_MemPager::mutex_vec;
-std::atomic<MEM_MemPager*> MEM_MemPager::s_general = nullptr;
-std::atomic<MEM_MemPager*> MEM_MemPager::s_second = nullptr;
+MEM_MemPager::ProcessSlot MEM_MemPager::s_general;
+MEM_MemPager::ProcessSlot MEM_MemPager::s_second;
 std::atomic<bool> MEM_MemPager::s_single_handle = false;
-std::atomic<bool> MEM_MemPager::s_process_ends = false;
 bool MEM_MemPager::s_new_handler_handled = false;
 
 const RWCString MEM_MemPager::ALLOCATE_COUNTER_NAME("MEM_Allocate");
@@ -72,22 +85,27 @@ const RWCString MEM_MemPager::UNMAP_TO_SHARED_COUNTER_NAME("MEM_UnmapToSharedMem
 
 // Life ------------------------------------------------------------------------------------------
 
-/// A pager that serves the process until its end.
+/// A pager that serves the process until its end, which it leaves word of.
 struct Mem_ProcessPager {
+    explicit Mem_ProcessPager(MEM_MemPager::ProcessSlot& its_slot) : slot(its_slot) {}
     ~Mem_ProcessPager()
     {
         WindowUnixGuard lock(&MEM_MemPager::mutex);
-        MEM_MemPager::s_process_ends = true;
+        slot.ended = true;
     }
+    Mem_ProcessPager(const Mem_ProcessPager&) = delete;
+    Mem_ProcessPager& operator=(const Mem_ProcessPager&) = delete;
+
+    MEM_MemPager::ProcessSlot& slot;
     MEM_MemPager pager;
 };
 
 MEM_MemPager* MEM_MemPager::GetHandle()
 {
-    if (MEM_MemPager* const pager = s_general.load(std::memory_order_acquire))
+    if (MEM_MemPager* const pager = s_general.pager.load(std::memory_order_acquire))
         return pager;
     WindowUnixGuard lock(&mutex);
-    static Mem_ProcessPager general;
+    static Mem_ProcessPager general(s_general);
     return publish(general.pager, s_general);
 }
 
@@ -95,10 +113,10 @@ MEM_MemPager* MEM_MemPager::GetHandleForMP()
 {
     if (s_single_handle)
         return GetHandle();
-    if (MEM_MemPager* const pager = s_second.load(std::memory_order_acquire))
+    if (MEM_MemPager* const pager = s_second.pager.load(std::memory_order_acquire))
         return pager;
     WindowUnixGuard lock(&mutex);
-    static Mem_ProcessPager second;
+    static Mem_ProcessPager second(s_second);
     return publish(second.pager, s_second);
 }
 
@@ -107,40 +125,95 @@ void MEM_MemPager::SetSingleHandleInMemPager()
     s_single_handle = true;
 }
 
-MEM_MemPager* MEM_MemPager::publish(MEM_MemPager& pager, std::atomic<MEM_MemPager*>& pointer)
+MEM_MemPager* MEM_MemPager::publish(MEM_MemPager& pager, ProcessSlot& slot)
 {
     if (!s_new_handler_handled) {
-        Platform::Get().OnFork(lock_all, unlock_all, unlock_all);
+        if (!Platform::Get().OnFork(before_fork, after_fork_in_parent, after_fork_in_child))
+            ZOR_LOG("MEM_MemPager::GetHandle", 3,
+                    "Couldn't guard the locks over a fork: a child may find them held\n");
         set_new_memory_handler();
     }
-    pointer.store(&pager, std::memory_order_release);
+    slot.pager.store(&pager, std::memory_order_release);
     return &pager;
 }
 
-// A child of a process with several threads finds the tables whole and the locks free.
-void MEM_MemPager::lock_all() FIBREX_NO_THREAD_SAFETY_ANALYSIS
+bool MEM_MemPager::HasEnded(const MEM_MemPager* pager)
 {
-    mutex_vec.CatchMutex();
-    for (WindowUnixMutex& stripe : MEM_PagerInfo::mutex)
-        stripe.CatchMutex();
+    return (pager == s_general.pager && s_general.ended) ||
+           (pager == s_second.pager && s_second.ended);
+}
+
+/// The locks that the forking thread could take. One that another thread holds, while that thread
+/// waits for one of ours, is made anew in the child, where that thread isn't.
+struct MEM_MemPager::ForkLocks {
+    bool vec = false;
+    std::bitset<MEM_PagerInfo::kStripes> stripes;
+};
+MEM_MemPager::ForkLocks MEM_MemPager::s_fork_locks;
+
+namespace
+{
+/// In order, waiting is safe; against the order, a lock is only tried.
+FIBREX_NO_THREAD_SAFETY_ANALYSIS bool take(WindowUnixMutex& mutex, bool against_order)
+{
+    if (against_order)
+        return mutex.TryCatchMutex();
+    mutex.CatchMutex();
+    return true;
+}
+
+FIBREX_NO_THREAD_SAFETY_ANALYSIS void make_anew(WindowUnixMutex& mutex)
+{
+    new (&mutex) WindowUnixMutex;
+}
+} // namespace
+
+// A child of a process with several threads finds the tables whole and the locks free. The thread
+// that forks may hold some of them, in a guard or in the log's sink.
+FIBREX_NO_THREAD_SAFETY_ANALYSIS void MEM_MemPager::before_fork()
+{
+    bool holds_stripe = false;
+    for (const WindowUnixMutex& stripe : MEM_PagerInfo::mutex)
+        holds_stripe = holds_stripe || stripe.HeldByThisThread();
+    const bool holds_last = mutex.HeldByThisThread();
+    s_fork_locks.vec = take(mutex_vec, holds_last || holds_stripe);
+    for (std::size_t i = 0; i < MEM_PagerInfo::kStripes; ++i)
+        s_fork_locks.stripes[i] = take(MEM_PagerInfo::mutex[i], holds_last || holds_stripe);
     mutex.CatchMutex();
 }
 
-void MEM_MemPager::unlock_all() FIBREX_NO_THREAD_SAFETY_ANALYSIS
+FIBREX_NO_THREAD_SAFETY_ANALYSIS void MEM_MemPager::after_fork_in_parent()
 {
     mutex.ReleaseMutex();
-    for (WindowUnixMutex& stripe : MEM_PagerInfo::mutex)
-        stripe.ReleaseMutex();
-    mutex_vec.ReleaseMutex();
+    for (std::size_t i = 0; i < MEM_PagerInfo::kStripes; ++i)
+        if (s_fork_locks.stripes[i])
+            MEM_PagerInfo::mutex[i].ReleaseMutex();
+    if (s_fork_locks.vec)
+        mutex_vec.ReleaseMutex();
+}
+
+FIBREX_NO_THREAD_SAFETY_ANALYSIS void MEM_MemPager::after_fork_in_child()
+{
+    for (std::size_t i = 0; i < MEM_PagerInfo::kStripes; ++i)
+        if (!s_fork_locks.stripes[i])
+            make_anew(MEM_PagerInfo::mutex[i]);
+    if (!s_fork_locks.vec) {
+        make_anew(mutex_vec);
+        for (MEM_MemPager* const pager : {s_general.Living(), s_second.Living()})
+            if (pager != nullptr)
+                std::fill_n(pager->m_stripe_held, MEM_PagerInfo::kStripes, false);
+    }
+    after_fork_in_parent();
 }
 
 MEM_MemPager::MEM_MemPager() : MEM_MemPager(Memory_ShmmHeap::GetInstance()) {}
 
 MEM_MemPager::MEM_MemPager(ShmmHeap* heap) : m_block_ids(kNameBuckets), m_heap(heap)
 {
-    m_block_ids.max_load_factor(std::numeric_limits<float>::infinity());
+    m_block_ids.max_load_factor(1e9F); // the number of buckets stays
     m_counters_on = ZorGLog.GetLogLevel(kCountersCode) == kCountersLevel;
     GetStreamedOwnersRepository(); // made first, it outlives the pager
+    MEM_MemoryConfiguration::GetInstance();
 }
 
 MEM_MemPager::~MEM_MemPager()
@@ -266,6 +339,12 @@ int MEM_MemPager::register_local(MEM_MemInfo& info)
     }
     const RWCString name = info.Owner()->Name();
     const auto known = m_block_ids.find(name);
+    if (known != m_block_ids.end() && !m_blocks.At(known->second).owner->Local()) {
+        // Names can be foreseen, and so forged; a piece on the foreign view couldn't be written to.
+        ZOR_LOG("MEM_MemPager::Register", 3,
+                "Register: Refused a new region: a descriptor from outside bears its name\n");
+        return -1;
+    }
     const int id = known != m_block_ids.end() ? register_on_block(known->second, info)
                                               : register_new_block(name, info);
     info.m_registered = id >= 0;
@@ -291,7 +370,7 @@ int MEM_MemPager::register_on_block(int id, MEM_MemInfo& info)
 }
 
 /// What a new block needs in the pager's tables, set aside before anything else happens and
-/// taken back unless it was used.
+/// taken back unless it was used; the next block will want the table's slot again.
 class MEM_MemPager::NextBlock
 {
 public:
@@ -357,16 +436,18 @@ int MEM_MemPager::register_new_block(const RWCString& name, MEM_MemInfo& info)
 MEM_PagerInfo MEM_MemPager::Register(MEM_MemInfo& info)
 {
     MEM_PagerInfo handle;
-    WindowUnixGuard lock(&mutex);
-    internal_register(info, &handle);
-    check_invariants();
-    return handle;
+    {
+        WindowUnixGuard lock(&mutex);
+        internal_register(info, &handle);
+        check_invariants();
+    }
+    return handle; // copying or destroying it takes a stripe, which comes before the mutex
 }
 
 /// Whether a pager of this process has a region called `name` that this process made.
 bool MEM_MemPager::makes_locally(const RWCString& name) const FIBREX_NO_THREAD_SAFETY_ANALYSIS
 {
-    const MEM_MemPager* const pagers[] = {this, s_general, s_second};
+    const MEM_MemPager* const pagers[] = {this, s_general.Living(), s_second.Living()};
     for (const MEM_MemPager* const pager : pagers) {
         if (pager == nullptr)
             continue;
@@ -470,10 +551,8 @@ int MEM_MemPager::register_foreign_block(MEM_MemInfo& info, MEM_MemInfo& piece)
 
 void MEM_MemPager::StreamMemInfo(MEM_PagerInfo& info, Zor_oBuffer& out)
 {
-    {
-        WindowUnixGuard lock(&mutex);
-        m_blocks.At(info.Block()); // throws for a piece that is gone
-    }
+    WindowUnixGuard lock(&mutex); // another thread may map the piece meanwhile
+    m_blocks.At(info.Block());    // throws for a piece that is gone
     out << *info.GetMemInfoPtr();
 }
 
@@ -485,14 +564,17 @@ int MEM_MemPager::Free(MEM_PagerInfo& info)
         return 0;
     RegisteredBlock& block = m_blocks.At(id);
 
-    // With the last piece the heap destroys the owner.
-    const RWCString name = block.owner->Name();
-    const unsigned int size = block.owner->Size();
-    const bool local = block.owner->Local();
-    --block.ref;
+    // The heap destroys the owner with the last piece, so the block leaves the tables before:
+    // whatever comes in between, they are whole.
+    BaseMapInfo* const owner = block.owner;
+    const RWCString name = owner->Name();
+    const bool local = owner->Local();
+    const bool last = --block.ref == 0;
+    if (last)
+        forget_block(id, block, name);
     free_piece(info.GetMemInfoPtr(), local);
-    if (block.ref == 0)
-        forget_block(id, name, size, local);
+    if (last && !local)
+        release_owner(owner, name);
     info.Reset();
     check_invariants();
     return 0;
@@ -509,18 +591,16 @@ void MEM_MemPager::free_piece(MEM_MemInfo* piece, bool local)
     }
 }
 
-void MEM_MemPager::forget_block(int id, const RWCString& name, unsigned int size, bool local)
+void MEM_MemPager::forget_block(int id, RegisteredBlock& block, const RWCString& name)
 {
-    RegisteredBlock& block = m_blocks.At(id);
+    const unsigned int size = block.owner->Size();
     if (block.stat != RegisteredBlock::kUnmapped)
         m_total_mapped -= size;
     if (block.stat == RegisteredBlock::kCached)
         m_total_cached -= size;
     m_cache_queue.Release(id);
     m_block_ids.erase(name);
-    (local ? m_local_blocks_size : m_foreign_blocks_size) -= size;
-    if (!local)
-        release_owner(block.owner, name);
+    (block.owner->Local() ? m_local_blocks_size : m_foreign_blocks_size) -= size;
     m_blocks.Erase(id);
     delete &block;
     if (--m_blocks_count == 0)
@@ -671,7 +751,8 @@ unsigned int MEM_MemPager::drop_view(RegisteredBlock* block)
 
 unsigned int MEM_MemPager::unmap_block(RegisteredBlock* block)
 {
-    const unsigned long long limit = MEM_MemoryConfiguration::GetInstance()->UnmapWorkingSetLimit();
+    const unsigned long long limit =
+        setting_or_none(&MEM_MemoryConfiguration::UnmapWorkingSetLimit);
     const unsigned int unmapped = block->owner->Unmap() == 0 ? block->owner->Size() : 0;
     block->stat = RegisteredBlock::kUnmapped;
     m_unmapped_since_trim += unmapped;
@@ -764,23 +845,24 @@ void MEM_MemPager::set_new_memory_handler()
 
 int MEM_MemPager::clear_cache_handler(std::size_t size, bool reported)
 {
+    if (!reported)
+        ZOR_LOG("clear_cache_handler", 5,
+                "clear_cache_handler: Couldn't allocate with new, but we can still free MEM cache "
+                "and try again (Details: AllocatedSize=<%d bytes>)\n",
+                static_cast<int>(size));
     // The thread that failed may hold a lock of the host's that whoever holds `mutex` waits for.
-    if (!mutex.CatchMutexFor(kLongestWaitInHandler))
+    if (!mutex.CatchMutexFor(kLongestWaitInHandler)) {
+        ZOR_LOG("clear_cache_handler", 3,
+                "clear_cache_handler: The pager is busy, so no cache could be freed\n");
         throw std::bad_alloc();
+    }
     WindowUnixGuard lock(&mutex, std::adopt_lock);
-    if (s_process_ends)
-        throw std::bad_alloc();
-
-    ZOR_LOG("clear_cache_handler", 5,
-            "clear_cache_handler: Couldn't allocate with new, but we can still free MEM cache and "
-            "try again (Details: AllocatedSize=<%d bytes>)\n",
-            static_cast<int>(size));
     const int mask = pagers_to_clear();
     unsigned long long freed = 0;
     if ((mask & 2) != 0)
-        freed += clear_for_handler(s_general);
+        freed += clear_for_handler(s_general.Living(), reported);
     if ((mask & 1) != 0)
-        freed += clear_for_handler(s_single_handle ? s_general : s_second);
+        freed += clear_for_handler((s_single_handle ? s_general : s_second).Living(), reported);
     if (freed != 0) {
         ZOR_LOG("clear_cache_handler", 5,
                 "clear_cache_handler: Succeeded clearing cache, everything is ok now. Will try to "
@@ -793,7 +875,7 @@ int MEM_MemPager::clear_cache_handler(std::size_t size, bool reported)
 }
 
 // A pager that doesn't exist yet has nothing to clear, and this is no time to make one.
-unsigned long long MEM_MemPager::clear_for_handler(MEM_MemPager* pager)
+unsigned long long MEM_MemPager::clear_for_handler(MEM_MemPager* pager, bool reported)
 {
     const unsigned long long freed = pager != nullptr ? pager->ClearCache() : 0;
     if (freed != 0)
@@ -801,7 +883,7 @@ unsigned long long MEM_MemPager::clear_for_handler(MEM_MemPager* pager)
                 "clear_cache_handler: Succeeded freeing mem cache (Details: Freed %.2fMB from "
                 "Other cached memory)\n",
                 InMb(freed));
-    else
+    else if (!reported)
         ZOR_LOG("clear_cache_handler", 5,
                 "clear_cache_handler: Didn't find any cache to free...\n");
     return freed;
@@ -925,8 +1007,8 @@ void MEM_MemPager::PrintSharedMemoryStatus()
 
 void MEM_MemPager::PrintVirtualMemoryStatus()
 {
-    print_usage(s_second);
-    print_usage(s_general);
+    print_usage(s_second.Living());
+    print_usage(s_general.Living());
 }
 
 void MEM_MemPager::print_usage(MEM_MemPager* pager)

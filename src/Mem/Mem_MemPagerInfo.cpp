@@ -121,11 +121,13 @@ void MEM_PagerInfo::copy(const MEM_PagerInfo& other, bool map)
     m_state = nullptr;
     m_map_count = 0;
 
-    WindowUnixGuard lock(&other.stripe());
     if (other.m_state == nullptr) {
         m_mutex_index = 0;
         return;
     }
+    WindowUnixGuard lock(&other.stripe());
+    if (other.m_state == nullptr)
+        return;
     m_state = other.m_state;
     ++m_state->ref_count;
     if (map && m_state->map_count > 0) {
@@ -150,7 +152,7 @@ void MEM_PagerInfo::release()
 void MEM_PagerInfo::free_piece()
 {
     // A handle in static storage can outlive the pager; the piece went with the process then.
-    if (!MEM_MemPager::s_process_ends)
+    if (!MEM_MemPager::HasEnded(m_pager))
         m_pager->Free(*this);
     delete m_state;
     m_state = nullptr;
@@ -201,18 +203,22 @@ int MEM_PagerInfo::MapWithoutLocks()
     return count_map(&MEM_MemPager::MapWithoutLocks);
 }
 
-int MEM_PagerInfo::count_unmap(int (MEM_MemPager::*unmap_block)(MEM_PagerInfo&))
+bool MEM_PagerInfo::may_unmap(const char* function) const
 {
     if (m_state == nullptr) {
-        ZOR_LOG("MEM_PagerInfo::Unmap", 3, "Unmap: Tried to unmap an invalid PagerInfo!\n");
-        return -1;
+        ZOR_LOG(function, 3, "Unmap: Tried to unmap an invalid PagerInfo!\n");
+        return false;
     }
     if (m_map_count.load(std::memory_order_relaxed) <= 0) {
-        ZOR_LOG("MEM_PagerInfo::Unmap", 6,
-                "Unmap: Tried to unmap an already unmapped PagerInfo!\n");
-        return -1;
+        ZOR_LOG(function, 6, "Unmap: Tried to unmap an already unmapped PagerInfo!\n");
+        return false;
     }
-    // The pager's part throws for a piece that was freed, so it comes before the counts.
+    return true;
+}
+
+// The pager's part throws for a piece that was freed, so it comes before the counts.
+int MEM_PagerInfo::count_unmap(int (MEM_MemPager::*unmap_block)(MEM_PagerInfo&))
+{
     const int result = m_state->map_count == 1 ? (m_pager->*unmap_block)(*this) : 0;
     --m_state->map_count;
     m_map_count.fetch_sub(1, std::memory_order_relaxed);
@@ -221,12 +227,18 @@ int MEM_PagerInfo::count_unmap(int (MEM_MemPager::*unmap_block)(MEM_PagerInfo&))
 
 int MEM_PagerInfo::Unmap()
 {
+    if (!may_unmap("MEM_PagerInfo::Unmap"))
+        return -1;
     WindowUnixGuard lock(&stripe());
+    if (!holds_mapping()) // another thread was faster
+        return -1;
     return count_unmap(&MEM_MemPager::Unmap);
 }
 
 int MEM_PagerInfo::UnmapWithoutLocks()
 {
+    if (!may_unmap("MEM_PagerInfo::UnmapWithoutLocks"))
+        return -1;
     return count_unmap(&MEM_MemPager::UnmapWithoutLocks);
 }
 

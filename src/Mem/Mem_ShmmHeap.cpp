@@ -206,7 +206,7 @@ unsigned int ShmmHeap::GetSizeInMb()
 
 RWCString ShmmHeap::Name()
 {
-    static const RWCString name("Undefined");
+    static const RWCString& name = *new RWCString("Undefined");
     return name;
 }
 
@@ -252,8 +252,8 @@ void ShmmHeap::PrintStatus(std::ostream& os)
 
 Memory_ShmmHeap* Memory_ShmmHeap::GetInstance()
 {
-    static Memory_ShmmHeap heap;
-    return &heap;
+    static auto* const heap = new Memory_ShmmHeap;
+    return heap;
 }
 
 int Memory_ShmmHeap::create_result_element(unsigned int size, Block** result,

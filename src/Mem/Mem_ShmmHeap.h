@@ -94,7 +94,8 @@ public:
 };
 
 /// What all heaps share: a list of blocks, newest first, and the walk over it.
-/// Owns its blocks. Lives until the process ends and leaves what it still holds alone then.
+/// Owns its blocks. The process's heaps are never destroyed, since a handle in static storage can
+/// give its piece back late; what they still hold at the end is left alone.
 class ShmmHeap
 {
 public:

@@ -76,10 +76,10 @@ unsigned int SwapMapInfo::HandleOffset()
 
 Swap_ShmmHeap* Swap_ShmmHeap::GetInstance()
 {
-    static Swap_ShmmHeap heap;
+    static auto* const heap = new Swap_ShmmHeap;
     static const int removed = Platform::Get().RemoveDeadMappings(BaseMapInfo::s_BlockPrefix);
     static_cast<void>(removed);
-    return &heap;
+    return heap;
 }
 
 int Swap_ShmmHeap::Allocate(unsigned int size, unsigned int /*alignment*/, BaseInfo** result,
@@ -111,7 +111,7 @@ int Swap_ShmmHeap::Free(BaseInfo* info)
 
 RWCString Swap_ShmmHeap::Name()
 {
-    static const RWCString name("Windows_Swap");
+    static const RWCString& name = *new RWCString("Windows_Swap");
     return name;
 }
 
@@ -237,6 +237,6 @@ void Windows_StreamedOwnersRepository::ReleaseOwner(RWCString& name)
 
 StreamedOwnersRepository* GetStreamedOwnersRepository()
 {
-    static Windows_StreamedOwnersRepository repository;
-    return &repository;
+    static auto* const repository = new Windows_StreamedOwnersRepository;
+    return repository;
 }

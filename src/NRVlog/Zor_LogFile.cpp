@@ -1,6 +1,7 @@
 #include "NRVlog/Zor_LogFile.h"
 
 #include "Fibrex/WindowUnixMutex.h"
+#include "Platform/KeepErrno.h"
 #include "Platform/Platform.h"
 
 #include <algorithm>
@@ -182,16 +183,6 @@ struct Params {
 };
 
 NRVLOG_THREAD Params granted{};
-
-/// Whatever logging does, the caller's errno is what it was.
-struct KeepErrno {
-    KeepErrno() noexcept : m_errno(errno) {}
-    ~KeepErrno() { errno = m_errno; }
-    KeepErrno(const KeepErrno&) = delete;
-    KeepErrno& operator=(const KeepErrno&) = delete;
-
-    const int m_errno;
-};
 
 /// Room for a message, with room before it for the default sink's head and behind it for a
 /// newline; on the stack as long as the message is short.

@@ -91,7 +91,8 @@ public:
     /// Registers functions that run around every fork from now on: `prepare` before it, in the
     /// forking thread, then `parent` in the parent and `child` in the child. What is registered
     /// later is prepared earlier. A system without fork does nothing. Never undone.
-    virtual void OnFork(void (*prepare)(), void (*parent)(), void (*child)()) = 0;
+    /// @return false if there was no memory for it.
+    virtual bool OnFork(void (*prepare)(), void (*parent)(), void (*child)()) = 0;
 
     // Memory --------------------------------------------------------------------------------
 

@@ -38,9 +38,9 @@ public:
     }
     long ProcessId() override { return m_real.ProcessId(); }
     long ThreadId() override { return m_real.ThreadId(); }
-    void OnFork(void (*prepare)(), void (*parent)(), void (*child)()) override
+    bool OnFork(void (*prepare)(), void (*parent)(), void (*child)()) override
     {
-        m_real.OnFork(prepare, parent, child);
+        return m_real.OnFork(prepare, parent, child);
     }
     std::uint32_t AllocationGranularity() override { return m_real.AllocationGranularity(); }
     std::uint64_t PhysicalMemory() override { return m_real.PhysicalMemory(); }

@@ -25,6 +25,7 @@ bool ask_handler(std::size_t size, bool reported) noexcept
     const Platform::AllocationHandler handler = allocation_handler.load(std::memory_order_acquire);
     if (handler == nullptr || trouble.inside)
         return false;
+    const NoCancellation calm; // malloc and its kin let nothing out
     trouble.inside = true;
     bool again = false;
     try {

@@ -13,7 +13,8 @@ std::size_t page_size()
     return static_cast<std::size_t>(getpagesize());
 }
 
-/// Cuts the first `size` bytes off a view. @return what is left; null with nothing left.
+/// Cuts the first `front` bytes off a view, of which `size` are to stay. @return what is left; null
+/// with nothing left.
 void* without_front(void* view, std::size_t front, std::size_t size)
 {
     if (front == 0)

@@ -166,9 +166,14 @@ MEMPAGER_EXPORT int posix_memalign(void** result, std::size_t alignment, std::si
 
 } // extern "C"
 
+// Told by the object that holds it: the name itself may stand for another definition here, too.
 bool MallocComesByHere() noexcept
 {
-    return dlsym(RTLD_DEFAULT, "malloc") == reinterpret_cast<void*>(&malloc);
+    Dl_info used{};
+    Dl_info own{};
+    return dladdr(dlsym(RTLD_DEFAULT, "malloc"), &used) != 0 &&
+           dladdr(reinterpret_cast<void*>(&MallocComesByHere), &own) != 0 &&
+           used.dli_fbase == own.dli_fbase;
 }
 
 #else

@@ -225,9 +225,9 @@ void PosixPlatform::after_fork_in_child()
     instance().m_mutex.unlock();
 }
 
-void PosixPlatform::OnFork(void (*prepare)(), void (*parent)(), void (*child)())
+bool PosixPlatform::OnFork(void (*prepare)(), void (*parent)(), void (*child)())
 {
-    pthread_atfork(prepare, parent, child);
+    return pthread_atfork(prepare, parent, child) == 0;
 }
 
 // Errors -----------------------------------------------------------------------------------------
@@ -307,9 +307,10 @@ char PosixPlatform::PathSeparator()
 void PosixPlatform::WriteStandardError(const char* text, std::size_t size)
 {
     const KeepErrno keep;
+    const NoCancellation calm; // its callers let nothing out
     while (size != 0) {
         const ssize_t written = write(STDERR_FILENO, text, size);
-        if (written < 0 && errno != EINTR)
+        if (written == 0 || (written < 0 && errno != EINTR))
             return;
         const auto done = static_cast<std::size_t>(std::max<ssize_t>(written, 0));
         text += done;

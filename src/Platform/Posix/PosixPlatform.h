@@ -41,7 +41,7 @@ public:
 
     long ProcessId() override;
     long ThreadId() override;
-    void OnFork(void (*prepare)(), void (*parent)(), void (*child)()) override;
+    bool OnFork(void (*prepare)(), void (*parent)(), void (*child)()) override;
 
     std::uint32_t AllocationGranularity() override;
     std::uint64_t PhysicalMemory() override;

@@ -1,21 +1,22 @@
 #ifndef PLATFORM_POSIX_SCOPED_H
 #define PLATFORM_POSIX_SCOPED_H
 
-#include <cerrno>
+#include "Platform/KeepErrno.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
-/// Keeps clean-up from hiding the cause of a failure.
-class KeepErrno
+/// Keeps the thread from being cancelled for a scope.
+class NoCancellation
 {
 public:
-    KeepErrno() : m_errno(errno) {}
-    ~KeepErrno() { errno = m_errno; }
-    KeepErrno(const KeepErrno&) = delete;
-    KeepErrno& operator=(const KeepErrno&) = delete;
+    NoCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_state); }
+    ~NoCancellation() { pthread_setcancelstate(m_state, &m_state); }
+    NoCancellation(const NoCancellation&) = delete;
+    NoCancellation& operator=(const NoCancellation&) = delete;
 
 private:
-    const int m_errno;
+    int m_state = PTHREAD_CANCEL_ENABLE;
 };
 
 /// Owns a descriptor; negative means that there is none. Leaves errno alone at its end.

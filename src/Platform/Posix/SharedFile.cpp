@@ -234,7 +234,7 @@ bool OpenSharedFile(SharedFile& file, std::uint64_t& size)
         return false;
     constexpr off_t block_size = 512;
     if (!S_ISREG(status.st_mode) || status.st_size == 0 ||
-        status.st_blocks < status.st_size / block_size)
+        status.st_blocks * block_size < status.st_size)
         return fail(EINVAL);
     file.identity = {status.st_dev, status.st_ino};
     size = static_cast<std::uint64_t>(status.st_size);
