@@ -9,6 +9,7 @@
 #include <limits>
 #include <system_error>
 
+#include <linux/magic.h>
 #include <sys/resource.h>
 #include <sys/statfs.h>
 #include <sys/wait.h>
@@ -17,6 +18,7 @@
 namespace
 {
 
+constexpr std::uint64_t kMegabyte = 1 << 20;
 constexpr std::uint64_t kNoLimit = std::numeric_limits<std::uint64_t>::max();
 
 /// What stays of `bytes` when `taken` of them are gone.
@@ -55,12 +57,31 @@ std::uint64_t memory_in_group()
     return rest(limit, used);
 }
 
-std::uint64_t free_in(const char* folder)
+std::uint64_t free_in(const struct statfs& status)
 {
-    struct statfs status;
-    if (statfs(folder, &status) != 0)
-        return 0;
     return std::uint64_t{status.f_bavail} * static_cast<std::uint64_t>(status.f_bsize);
+}
+
+/// What shared memory may take without a shortage of memory.
+std::uint64_t room_in_shared_memory()
+{
+    const std::uint64_t memory =
+        std::min(kilobytes_in("/proc/meminfo", "MemAvailable:"), memory_in_group());
+    struct statfs status;
+    return statfs("/dev/shm", &status) == 0
+               ? std::min(rest(free_in(status), 16 * kMegabyte), rest(memory, 512 * kMegabyte))
+               : 0;
+}
+
+/// What the pager may put into the temp folder when shared memory has no room. It doesn't, if that
+/// folder is memory, too.
+std::uint64_t room_on_disk()
+{
+    const char* const folder = std::getenv("TEMP");
+    struct statfs status;
+    if (statfs(folder != nullptr ? folder : "/var/tmp", &status) != 0)
+        return 0;
+    return status.f_type == TMPFS_MAGIC ? 0 : rest(free_in(status), 1024 * kMegabyte);
 }
 
 /// The child's part of TryMalloc(): what it gets goes with it.
@@ -81,12 +102,8 @@ std::size_t take_blocks(const std::vector<std::uint64_t>& sizes)
 
 std::uint64_t FindRoom()
 {
-    constexpr std::uint64_t megabyte = 1 << 20;
-    const std::uint64_t memory =
-        std::min(kilobytes_in("/proc/meminfo", "MemAvailable:"), memory_in_group());
-    const std::uint64_t shared = free_in("/dev/shm");
-    // Regions are a little larger than the pieces in them.
-    return std::min(rest(shared, shared / 8 + 16 * megabyte), rest(memory, 512 * megabyte));
+    const std::uint64_t room = room_in_shared_memory() + room_on_disk();
+    return room - room / 8; // regions are a little larger than the pieces in them
 }
 
 void LimitAddressSpace(std::uint64_t bytes)

@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-/// What the pager's regions can take of shared memory, in bytes, with a margin left for others.
+/// What the pager's regions can take of shared memory and, where that has no room, of the temp
+/// folder's disk, in bytes, with a margin left for others.
 std::uint64_t FindRoom();
 
 /// Limits this process and its children to `bytes` of address space.

@@ -27,7 +27,7 @@ constexpr std::uint64_t kAddressSpace = 700 * kMegabyte;
 constexpr std::uint64_t kGoal = 2048 * kMegabyte;
 constexpr std::uint64_t kMostPerVolume = 160 * kMegabyte; // the check holds three at once
 constexpr unsigned kCacheInMb = 256;
-constexpr unsigned kSharedMemoryInMb = 4000; // above the goal: nothing moves to files too early
+constexpr unsigned kSharedMemoryInMb = 4000; // above the goal: files only where there is no room
 const char* const kDefaultFolder = "/usr/share/mricron/templates";
 
 double mb(std::uint64_t bytes)
@@ -81,10 +81,10 @@ Plan plan_job(const std::string& folder)
     const std::uint64_t room = FindRoom();
     Plan plan = MakePlan(survey(folder), kGoal, room);
     if (plan.copies.empty())
-        throw std::runtime_error("no volume that can be read and fits into shared memory");
+        throw std::runtime_error("no volume that can be read and fits into shared memory or the "
+                                 "temp folder");
     if (plan.Bytes() < kGoal)
-        std::printf("There is room for %.0f MB of shared memory here: the job is smaller\n",
-                    mb(room));
+        std::printf("There is room for %.0f MB here: the job is smaller\n", mb(room));
     std::printf("%zu volumes from %zu files, %.0f MB; address space limited to %.0f MB\n",
                 plan.copies.size(), plan.files.size(), mb(plan.Bytes()), mb(kAddressSpace));
     return plan;

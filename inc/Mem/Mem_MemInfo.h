@@ -110,6 +110,11 @@ public:
     /// bytes. Throws std::bad_alloc. Threads: any.
     static RWCString CreateUniqueName();
 
+    /// The process id in a unique name, or in the path of a temp file whose name ends in one; 0 if
+    /// there is none. The folder, of either kind of path, plays no part. Threads: any. Throws
+    /// std::bad_alloc.
+    static int GetProcessIdFromUniqueName(RWCString name);
+
     /// Whether `name` has the form of a unique name, whoever made it. Threads: any.
     static bool IsUniqueName(const RWCString& name);
 

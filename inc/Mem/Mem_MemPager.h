@@ -12,12 +12,14 @@
 #include <atomic>
 #include <bitset>
 #include <cstddef>
+#include <iosfwd>
 #include <unordered_map>
 
 class MEM_MemInfo;
 class ShmmHeap;
 class Zor_PerformanceCounterData;
 class Zor_oBuffer;
+struct Zor_OSMemoryInfo;
 
 /// What a pager holds at one moment. `total_mapped` includes `total_cached`: what clients have
 /// mapped is the difference of the two.
@@ -40,6 +42,9 @@ struct Mem_Status {
 /// HeapCacheInBytes() and room is needed; the oldest go first. Memory that clients hold mapped
 /// counts against that limit but is never dropped for it.
 ///
+/// docs/architecture.md follows one request through all layers, docs/reclaim.md tells what happens
+/// when memory runs short, and docs/sharing.md how a piece is read by another process.
+///
 /// When memory runs short, the cache is given up and the operation tried once more. What still
 /// fails is told by the result, after log lines that say what was asked and what is in use.
 ///
@@ -47,6 +52,9 @@ struct Mem_Status {
 /// class-wide, taken in this order: `mutex_vec` (vector operations), a stripe of the handles,
 /// `mutex`. Nothing is called back with them held, but for the log's sink and the virtual getters
 /// of the configuration.
+///
+/// fork: a child has its parent's pieces, and what it writes there the parent sees; the names and
+/// files stay the parent's. New pieces of the child get regions of their own.
 ///
 /// Lifetime: a pager lives from the first GetHandle() until the process ends or the library is
 /// unloaded, and is never copied. Handles may outlive it; they can then only be destroyed, and the
@@ -145,6 +153,15 @@ public:
     /// block to the log at level 2.
     void PrintDebugStatus();
 
+    /// Leaves a picture of this pager's shared memory behind: lines at level 2 in the log and a
+    /// record in the file mem_dump.log of the log folder, which is emptied above 10 MB. Runs by
+    /// itself when an Allocate() has failed for good. Never throws.
+    void PrintSharedMemoryStatus();
+
+    /// The same of the process's address space. Runs by itself when a mapping or an allocation of
+    /// the host's has failed for good. Never throws.
+    static void PrintVirtualMemoryStatus();
+
 private:
     friend struct Mem_TestAccess;
     friend class MEM_PagerInfo;
@@ -227,8 +244,10 @@ private:
 
     // Diagnostics
     Zor_PerformanceCounterData* get_mem_counter(const RWCString& name);
-    void PrintSharedMemoryStatus();
-    static void PrintVirtualMemoryStatus();
+    void report_shared_memory() FIBREX_REQUIRES(mutex);
+    void write_dump_record(std::ostream& dump, const Zor_OSMemoryInfo& machine)
+        FIBREX_REQUIRES(mutex);
+    static void report_address_space();
     static void print_usage(MEM_MemPager* pager);
     void debug_print_status() FIBREX_REQUIRES(mutex);
 
@@ -278,7 +297,8 @@ private:
 ///
 /// Guards nest, but an inner one, and every handle that is used, copied or destroyed inside, may
 /// concern only pieces of the outer one's handles: any other would be locked against the order
-/// that keeps threads from waiting for each other.
+/// that keeps threads from waiting for each other. In a child forked inside a guard, pieces that
+/// other threads were mapping at that moment may be left half mapped.
 class MEMPAGER_EXPORT Mem_PagerInfoVecLockGuard
 {
 public:

@@ -3,12 +3,14 @@
 #include "Mem/Mem_ShmmHeap.h"
 #include "NRVlog/Zor_Log.h"
 #include "Platform/Platform.h"
+#include "Rw/RWTokenizer.h"
 #include "Zor/Zor_Buffer.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
@@ -111,6 +113,17 @@ RWCString BaseMapInfo::CreateUniqueName()
                   platform.ThreadId(),
                   static_cast<long>(std::atomic_ref(s_unique_name_id).fetch_add(1)));
     return RWCString(text);
+}
+
+int BaseMapInfo::GetProcessIdFromUniqueName(RWCString name)
+{
+    const std::string_view path(name.data(), name.length());
+    const std::size_t separator = path.find_last_of("/\\");
+    const std::size_t begin = separator == path.npos ? 0 : separator + 1;
+    const RWCString file = name(begin, name.length() - begin);
+    RWCTokenizer next(file);
+    next("_");
+    return std::atoi(RWCString(next("_")).data());
 }
 
 bool BaseMapInfo::IsUniqueName(const RWCString& name)

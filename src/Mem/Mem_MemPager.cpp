@@ -8,12 +8,16 @@
 #include "Platform/Platform.h"
 #include "Zor/Zor_Buffer.h"
 #include "Zor/Zor_PerformanceCounters.h"
+#include "Zor/Zor_StackTrace.h"
+#include "Zor/Zor_System.h"
 
 #include <algorithm>
 #include <bitset>
 #include <cassert>
 #include <chrono>
 #include <cstdlib>
+#include <ctime>
+#include <fstream>
 #include <iostream>
 #include <limits>
 #include <memory>
@@ -203,6 +207,7 @@ FIBREX_NO_THREAD_SAFETY_ANALYSIS void MEM_MemPager::after_fork_in_child()
             if (pager != nullptr)
                 std::fill_n(pager->m_stripe_held, MEM_PagerInfo::kStripes, false);
     }
+    RetireInheritedBlocks();
     after_fork_in_parent();
 }
 
@@ -993,22 +998,128 @@ void MEM_MemPager::debug_print_status()
     ZOR_LOG("MEM_MemPager::debug_print_status", 2, "END ***debug_print_status*** \n");
 }
 
+namespace
+{
+constexpr long long kLongestDump = 10485760;
+constexpr int kReportsCode = 5610000;
+const char kSeventyStars[] =
+    "**********************************************************************";
+
+/// The path of the dump file, worked out by each report at its first run.
+RWCString dump_path()
+{
+    return RWCString(Zor_LogFile::GetLogConfigDir()) + "/mem_dump.log";
+}
+
+void empty_dump_if_too_long(const char* function, const RWCString& path)
+{
+    if (Platform::Get().FileLength(path.data()) <= kLongestDump)
+        return;
+    ZOR_LOG(function, 5, "mem_debug log file has reached it's maximal size. Truncating it...\n");
+    Platform::Get().TruncateFile(path.data());
+}
+
+void trace_and_point_to_dump(const char* function, const RWCString& path)
+{
+    if (ZorGLog.GetLogLevel(kReportsCode) >= 2)
+        Zor_StackTrace::TraceStack(nullptr, nullptr, -1, 1);
+    ZOR_LOG(function, 2, "\tSee debug information in: <%s>\n", path.data());
+}
+
+/// These are the last words of a process in trouble: what they can't say, they leave out.
+void without_throwing(auto report) noexcept
+{
+    try {
+        report();
+    } catch (...) {
+        ZOR_LOG("MEM_MemPager::PrintVirtualMemoryStatus", 2,
+                "\tThere is no memory for the whole report\n");
+    }
+}
+} // namespace
+
 void MEM_MemPager::PrintSharedMemoryStatus()
 {
     WindowUnixGuard lock(&mutex);
+    without_throwing([this]() FIBREX_NO_THREAD_SAFETY_ANALYSIS { report_shared_memory(); });
+}
+
+void MEM_MemPager::report_shared_memory()
+{
+    constexpr char function[] = "MEM_MemPager::PrintSharedMemoryStatus";
+    Zor_OSMemoryInfo machine;
+    Zor_System::GetHandle()->GetOsMemInfo(machine);
     MEM_MemoryConfiguration* const configuration = MEM_MemoryConfiguration::GetInstance();
-    const unsigned int most =
-        configuration->GetSwapMaxSizeInMb() + configuration->FileHeap_MaxTotalSpaceInMb();
-    ZOR_LOG("MEM_MemPager::PrintSharedMemoryStatus", 2,
+    ZOR_LOG(function, 2,
             "\tMEM Shared memory estimated size: %dMB; Maximal (Configured) Shared memory size is "
             "%uMB\n",
-            static_cast<int>(m_heap->GetSizeInMb()), most);
+            static_cast<int>(m_heap->GetSizeInMb()),
+            configuration->GetSwapMaxSizeInMb() + configuration->FileHeap_MaxTotalSpaceInMb());
+    ZOR_LOG(function, 2, "\tMaximal OS Swap size: %IuMB, Available OS Swap size: %IuMB\n",
+            machine.total_swap, machine.available_swap);
+    static const RWCString& path = *new RWCString(dump_path());
+    empty_dump_if_too_long(function, path);
+    std::ofstream dump(path.data(), std::ios::app);
+    if (dump.is_open())
+        write_dump_record(dump, machine);
+    dump.close();
+    trace_and_point_to_dump(function, path);
+}
+
+void MEM_MemPager::write_dump_record(std::ostream& dump, const Zor_OSMemoryInfo& machine)
+{
+    unsigned long process = 0;
+    RWCString name;
+    Zor_System::GetCurrentProcessInfo(process, name);
+    const std::time_t now = std::time(nullptr);
+    const char* const time = std::ctime(&now); // with its line end
+    using std::endl;                           // line by line, so that as much as possible arrives
+    dump << endl << endl << kSeventyStars << endl;
+    dump << "Shared Memory Debug Information for PID <" << process << ">, Process Name <" << name
+         << ">" << endl;
+    dump << "Time and Date:\t\t\t" << (time != nullptr ? time : "\n") << endl << endl;
+    dump << "Total Mapped = " << m_total_mapped << "; Total Cached = " << m_total_cached << endl
+         << endl;
+    m_heap->PrintStatus(dump);
+    dump << endl << endl << "System Information:" << endl;
+    dump << "OSVersion: <" << Zor_System::GetHandle()->GetOsName() << ">; Address Space Size: <"
+         << machine.address_space << "MB>;" << endl;
+    dump << "Total Swap Size: <" << machine.total_swap << "; Available Swap Size: <"
+         << machine.available_swap << "MB>;" << endl;
+    dump << "Total RAM Size: <" << machine.total_ram << "; Available RAM Size: <"
+         << machine.available_ram << "MB>;" << endl;
+    dump << endl << endl << endl << kSeventyStars << endl;
 }
 
 void MEM_MemPager::PrintVirtualMemoryStatus()
 {
+    WindowUnixGuard lock(&mutex);
+    without_throwing([] { report_address_space(); });
+}
+
+void MEM_MemPager::report_address_space()
+{
+    constexpr char function[] = "MEM_MemPager::PrintVirtualMemoryStatus";
+    static const RWCString& path = *new RWCString(dump_path());
+    empty_dump_if_too_long(function, path);
+    Zor_OSMemoryInfo machine;
+    Zor_System::GetHandle()->GetOsMemInfo(machine);
+    Zor_ProcessMemoryInfo process;
+    if (Zor_System::GetHandle()->GetZorProcessMemoryInfo(process, 0, path.data(), false, nullptr) !=
+        0) {
+        ZOR_LOG(function, 2,
+                "debug_print_memory_status: Couldn't get process memory information!\n");
+        return;
+    }
+    ZOR_LOG(function, 2,
+            "\tProcess current used address space size: %.2fMB;  Maximal address space size: "
+            "%IuMB\n",
+            InMb(process.used_address_space), machine.address_space);
+    ZOR_LOG(function, 2, "\tMaximal free memory block size: %.2fMB\n",
+            InMb(process.largest_free_block));
     print_usage(s_second.Living());
     print_usage(s_general.Living());
+    trace_and_point_to_dump(function, path);
 }
 
 void MEM_MemPager::print_usage(MEM_MemPager* pager)

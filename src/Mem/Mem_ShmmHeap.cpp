@@ -4,7 +4,10 @@
 #include "Mem/Mem_ShmmHeap_Windows.h"
 #include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
+#include "Platform/Platform.h"
+#include "Zor/Zor_FileSystemUtils.h"
 
+#include <algorithm>
 #include <memory>
 #include <ostream>
 
@@ -19,17 +22,25 @@ int Block::Allocate(unsigned int size, unsigned int alignment, BaseInfo** result
                     unsigned int always_mapped, unsigned int group_id, unsigned int* actual_size)
 {
     const unsigned int threshold = MEM_MemoryConfiguration::GetInstance()->BlockSizeThreshold();
+    const int failure = carve(size, alignment, alignment, result, actual_size);
+    if (failure != 0)
+        return failure;
+    set_size_class(size, threshold);
+    m_always_mapped = always_mapped;
+    m_group_id = group_id;
+    return 0;
+}
+
+int Block::carve(unsigned int size, unsigned int alignment, unsigned int offset_alignment,
+                 BaseInfo** result, unsigned int* actual_size)
+{
     BaseInfo* info = nullptr;
     if (create_info(&info, alignment, this) != 0)
         return -1;
     std::unique_ptr<BaseInfo> owned(info);
-
     Mem_MemoryChunk chunk;
-    if (!m_space_logic.Allocate(size, &chunk, alignment, actual_size))
+    if (!m_space_logic.Allocate(size, &chunk, offset_alignment, actual_size))
         return -1;
-    set_size_class(size, threshold);
-    m_always_mapped = always_mapped;
-    m_group_id = group_id;
     owned->SetChunk(chunk);
     *result = owned.release();
     return 0;
@@ -199,6 +210,13 @@ void ShmmHeap::close_block(Block* block)
     delete block;
 }
 
+void ShmmHeap::RetireBlocks()
+{
+    static const char nobody = 0;
+    for (Block& block : m_blocks)
+        block.SetClient(&nobody);
+}
+
 unsigned int ShmmHeap::GetSizeInMb()
 {
     return static_cast<unsigned int>(m_total_size >> 20);
@@ -291,8 +309,159 @@ int Memory_ShmmHeap::destroy_element(Block* block)
     return result;
 }
 
+namespace
+{
+/// Null until the first region.
+ShmmHeap* the_file_heap = nullptr;
+
+bool too_much_is_committed(unsigned int limit)
+{
+    return limit != 0 && static_cast<std::int64_t>(Platform::Get().CommittedMemory() / 1048576) >
+                             static_cast<std::int64_t>(limit);
+}
+} // namespace
+
 ShmmHeap* GetSourceHeap()
 {
-    static Swap_ShmmHeap* const swap_heap = Swap_ShmmHeap::GetInstance();
-    return swap_heap;
+    static ShmmHeap* const swap_heap = Swap_ShmmHeap::GetInstance();
+    static ShmmHeap* const file_heap = the_file_heap = Windows_File_ShmmHeap::GetInstance();
+    MEM_MemoryConfiguration* const settings = MEM_MemoryConfiguration::GetInstance();
+    if (swap_heap->GetSizeInMb() >= settings->GetSwapMaxSizeInMb())
+        return file_heap;
+    return too_much_is_committed(settings->GetSwapFileComitAdaptiveLimitMB()) ? file_heap
+                                                                              : swap_heap;
+}
+
+void RetireInheritedBlocks()
+{
+    Memory_ShmmHeap::GetInstance()->RetireBlocks();
+    if (the_file_heap != nullptr)
+        the_file_heap->RetireBlocks();
+}
+
+void* FileMapInfo::Handle()
+{
+    return nullptr;
+}
+
+RWCString FileMapInfo::Name()
+{
+    return m_name;
+}
+
+RWCString FileMapInfo::MappingName()
+{
+    return m_file->MappingName();
+}
+
+namespace
+{
+unsigned int region_size(unsigned int size)
+{
+    return std::max(size, MEM_MemoryConfiguration::GetInstance()->BaseBlockSize());
+}
+} // namespace
+
+int FileBlock::CanAllocate(unsigned int size, unsigned int /*always_mapped*/,
+                           unsigned int /*group_id*/, unsigned int /*alignment*/,
+                           unsigned int* actual_size)
+{
+    return m_space_logic.CanAllocate(region_size(size), GetAllocationGranularity(), actual_size)
+               ? 0
+               : -1;
+}
+
+int FileBlock::Allocate(unsigned int size, unsigned int alignment, BaseInfo** result,
+                        unsigned int /*always_mapped*/, unsigned int /*group_id*/,
+                        unsigned int* actual_size)
+{
+    return carve(region_size(size), alignment, GetAllocationGranularity(), result, actual_size);
+}
+
+File_ShmmHeap::File_ShmmHeap()
+{
+    MEM_MemoryConfiguration* const settings = MEM_MemoryConfiguration::GetInstance();
+    m_file_size = settings->FileHeap_FileSizeInMb();
+    m_max_total_space = settings->FileHeap_MaxTotalSpaceInMb();
+    m_min_space_to_leave = settings->FileHeap_MinSpaceToLeaveInMb();
+    m_temp_file_name = settings->FileHeap_TempFileName();
+}
+
+namespace
+{
+constexpr std::uint64_t kLeastFileInMb = 64;
+
+std::uint64_t free_space_in_mb(const RWCString& folder)
+{
+    double bytes = 0;
+    Zor_FileSystemUtils().GetFreeSpace(folder.data(), bytes);
+    return static_cast<std::uint64_t>(bytes * 9.5367431640625e-7);
+}
+
+std::uint64_t refuse_file(const char* why, std::uint64_t mb)
+{
+    ZOR_LOG("File_ShmmHeap::create_result_element", 5,
+            "Allocate: No new temp file (Details: %s, %Iu MB)\n", why, mb);
+    return 0;
+}
+} // namespace
+
+/// The size in MB that a new file for a region of `size` bytes gets; 0 if there is no room.
+std::uint64_t File_ShmmHeap::new_file_size(unsigned int size) const
+{
+    const std::uint64_t needed = (size >> 20) + 1;
+    const std::uint64_t wanted = std::max<std::uint64_t>(needed, m_file_size);
+    const std::uint64_t current = m_current_space;
+    if (current + needed > m_max_total_space)
+        return refuse_file("FileHeap_MaxTotalSpaceInMb leaves too little",
+                           m_max_total_space - std::min<std::uint64_t>(current, m_max_total_space));
+    const std::uint64_t room = m_max_total_space - current;
+    const std::uint64_t free = free_space_in_mb(m_temp_path);
+    if (free < m_min_space_to_leave + needed)
+        return refuse_file("the disk of the temp folder has too little free for "
+                           "FileHeap_MinSpaceToLeaveInMb to stay",
+                           free);
+    const std::uint64_t available =
+        free >= wanted + m_min_space_to_leave ? wanted : free - m_min_space_to_leave;
+    const std::uint64_t mb = std::min(available, room);
+    if (mb < kLeastFileInMb)
+        return refuse_file("a temp file has at least 64 MB, and there would be", mb);
+    return mb;
+}
+
+int File_ShmmHeap::create_result_element(unsigned int size, Block** result,
+                                         unsigned int /*always_mapped*/, unsigned int /*group_id*/)
+{
+    // A size of 4096 MB and more doesn't go into 32 bits: what is left may be too small.
+    const auto bytes = static_cast<unsigned int>(new_file_size(size) << 20);
+    if (bytes == 0 || bytes < size)
+        return -1;
+    const RWCString name = m_temp_path + m_temp_file_name + BaseMapInfo::CreateUniqueName();
+    std::unique_ptr<FileInfo> file(create_file(name, bytes));
+    const int failure = file->AllocateFile();
+    if (failure != 0)
+        return failure;
+    try {
+        *result = create_block(file.get());
+    } catch (...) {
+        file->DestroyFile();
+        throw;
+    }
+    file.release();
+    m_current_space += bytes >> 20;
+    return 0;
+}
+
+int File_ShmmHeap::create_result_element(unsigned int size, Block** result)
+{
+    return create_result_element(size, result, 0, 0);
+}
+
+int File_ShmmHeap::destroy_element(Block* block)
+{
+    auto* const file = static_cast<FileInfo*>(block->GetMapInfo());
+    const int result = file->DestroyFile();
+    m_current_space -= file->Size() >> 20;
+    delete file;
+    return result;
 }

@@ -7,12 +7,14 @@
 
 #include <algorithm>
 #include <memory>
+#include <utility>
 
 SwapMapInfo::SwapMapInfo(RWCString name, unsigned int size) : BaseMapInfo(size, 0), m_name(name) {}
 
 int SwapMapInfo::AllocateSwap()
 {
-    m_handle = Platform::Get().CreateSharedMapping(m_name.data(), Size());
+    const RWCString spare = MEM_MemoryConfiguration::GetInstance()->FileHeap_TempPath();
+    m_handle = Platform::Get().CreateSharedMapping(m_name.data(), Size(), spare.data());
     if (m_handle != nullptr)
         return 0;
     ZOR_LOG("SwapMapInfo::AllocateSwap", 5,
@@ -77,8 +79,11 @@ unsigned int SwapMapInfo::HandleOffset()
 Swap_ShmmHeap* Swap_ShmmHeap::GetInstance()
 {
     static auto* const heap = new Swap_ShmmHeap;
-    static const int removed = Platform::Get().RemoveDeadMappings(BaseMapInfo::s_BlockPrefix);
-    static_cast<void>(removed);
+    static bool first = true;
+    if (std::exchange(first, false)) {
+        const RWCString spare = MEM_MemoryConfiguration::GetInstance()->FileHeap_TempPath();
+        Platform::Get().RemoveDeadMappings(BaseMapInfo::s_BlockPrefix, spare.data());
+    }
     return heap;
 }
 
@@ -130,6 +135,183 @@ int Swap_ShmmHeap::destroy_element(Block*)
     return -1;
 }
 
+unsigned int GetAllocationGranularity()
+{
+    static const unsigned int granularity = Platform::Get().AllocationGranularity();
+    return granularity;
+}
+
+int Windows_FileInfo::AllocateFile()
+{
+    Platform& platform = Platform::Get();
+    m_mapping_name = BaseMapInfo::CreateUniqueName();
+    m_maker = platform.ProcessId();
+    Platform::FileFault fault = Platform::FileFault::None;
+    m_mapping_handle =
+        platform.CreateFileMapping(FileName().data(), m_mapping_name.data(), Size(), &fault);
+    if (m_mapping_handle != nullptr)
+        return 0;
+    if (fault == Platform::FileFault::File)
+        ZOR_LOG("Windows_FileInfo::AllocateFile", 5,
+                "Allocate: Couldn't allocate shared memory from private files (Details: "
+                "CreateFile failed. Errno [%lu]).\n",
+                platform.LastError());
+    else
+        ZOR_LOG("Windows_FileInfo::AllocateFile", 5,
+                "Allocate: Couldn't allocate shared memory from private files (Details: "
+                "CreateFileMapping failed, size %.1fMB. Errno [%lu]).\n",
+                InMb(Size()), platform.LastError());
+    return -1;
+}
+
+namespace
+{
+void log_destroy_failure(const char* what)
+{
+    char text[256];
+    Platform::Get().ErrorText(Platform::Get().LastError(), text, sizeof text);
+    ZOR_LOG("Windows_FileInfo::DestroyFile", 4, "%s  ; Msg: %s", what,
+            static_cast<const char*>(text));
+}
+} // namespace
+
+int Windows_FileInfo::DestroyFile()
+{
+    Platform& platform = Platform::Get();
+    if (!platform.CloseMapping(m_mapping_handle))
+        log_destroy_failure("In FileInfo::DestroyFile(), CloseHandle");
+    m_mapping_handle = nullptr;
+    if (platform.ProcessId() != m_maker || platform.RemoveFile(FileName().data()))
+        return 0;
+    log_destroy_failure("In FileInfo::DestroyFile(), DeleteFile");
+    ZOR_LOG("Windows_FileInfo::DestroyFile", 7, "Filename: %s\n", FileName().data());
+    return -1;
+}
+
+RWCString Windows_FileInfo::MappingName()
+{
+    return m_mapping_name;
+}
+
+int Windows_FileMapInfo::Map()
+{
+    // The block that makes the regions has such a file.
+    auto* const file = static_cast<Windows_FileInfo*>(m_file);
+    m_pointer = Platform::Get().MapView(file->GetMappingHandle(), Offset(), Size());
+    if (m_pointer != nullptr)
+        return 0;
+    ZOR_LOG("Windows_FileMapInfo::Map", 5,
+            "Map: Couldn't map private file to memory (Details: MapViewOfFile failed, size %.1fMB, "
+            "Errno [%lu])\n",
+            InMb(Size()), Platform::Get().LastError());
+    return -1;
+}
+
+int Windows_FileMapInfo::Unmap()
+{
+    if (m_pointer == nullptr)
+        return -1;
+    if (!Platform::Get().UnmapView(m_pointer, Size()))
+        ZOR_LOG("Windows_FileMapInfo::Unmap", 4,
+                "Unmap: Couldn't unmap shared memory to private files (Details: UnmapViewOfFile "
+                "failed, Size %.1fMB, Errno [%lu])\n",
+                InMb(Size()), Platform::Get().LastError());
+    m_pointer = nullptr;
+    return 0;
+}
+
+unsigned int Windows_FileMapInfo::HandleOffset()
+{
+    return Offset();
+}
+
+int Windows_FileBlock::create_info(BaseInfo** result, unsigned int /*alignment*/, Block* block)
+{
+    *result = new Windows_FileMapInfo(static_cast<Windows_FileInfo*>(m_map_info), block);
+    return 0;
+}
+
+Windows_File_ShmmHeap* Windows_File_ShmmHeap::GetInstance()
+{
+    static auto* const heap = new Windows_File_ShmmHeap;
+    static bool first = true;
+    if (std::exchange(first, false))
+        heap->crash_recovery();
+    return heap;
+}
+
+Windows_File_ShmmHeap::Windows_File_ShmmHeap()
+{
+    const char separator[] = {Platform::Get().PathSeparator(), 0};
+    m_temp_path = MEM_MemoryConfiguration::GetInstance()->FileHeap_TempPath() + separator;
+}
+
+RWCString Windows_File_ShmmHeap::Name()
+{
+    static const RWCString& name = *new RWCString("Windows_Files");
+    return name;
+}
+
+FileInfo* Windows_File_ShmmHeap::create_file(RWCString name, unsigned int size)
+{
+    return new Windows_FileInfo(name, size);
+}
+
+Block* Windows_File_ShmmHeap::create_block(FileInfo* file)
+{
+    return new Windows_FileBlock(static_cast<Windows_FileInfo*>(file));
+}
+
+/// Judges each file of the temp folder that may be a leftover.
+class Windows_File_ShmmHeap::Leftovers final : public Platform::Names
+{
+public:
+    explicit Leftovers(Windows_File_ShmmHeap& heap) : m_heap(heap) {}
+    void Take(const char* name) override { m_heap.delete_file(m_heap.m_temp_path + name); }
+
+private:
+    Windows_File_ShmmHeap& m_heap;
+};
+
+int Windows_File_ShmmHeap::crash_recovery()
+{
+    const RWCString pattern = m_temp_path + m_temp_file_name + "*";
+    ZOR_LOG("Windows_File_ShmmHeap::crash_recovery", 5, "Mem do clean for path %s  %s \n",
+            pattern.data(), m_temp_path.data());
+    Leftovers leftovers(*this);
+    Platform::Get().ListFiles(m_temp_path.data(), m_temp_file_name.data(), leftovers);
+    return 0;
+}
+
+int Windows_File_ShmmHeap::delete_file(RWCString file)
+{
+    Platform& platform = Platform::Get();
+    const int process = BaseMapInfo::GetProcessIdFromUniqueName(file);
+    const auto shown = static_cast<unsigned int>(process);
+    ZOR_LOG("Windows_File_ShmmHeap::delete_file", 5, "Mem: try to clean file %s creator pid %u  \n",
+            file.data(), shown);
+    if (process == 0)
+        return 0;
+    const Platform::Maker maker = platform.MakerOf(file.data(), process);
+    if (maker == Platform::Maker::Gone) {
+        ZOR_LOG("Windows_File_ShmmHeap::delete_file", 4,
+                "Handle of process with PID <%u> is NULL, call Os to remove file <%s>   \n", shown,
+                file.data());
+        platform.RemoveDeadFile(file.data());
+        return 0;
+    }
+    ZOR_LOG("Windows_File_ShmmHeap::delete_file", 5,
+            "Handle is not NULL, check if process ended or still active for file <%s>   \n",
+            file.data());
+    if (maker == Platform::Maker::Ended) {
+        ZOR_LOG("Windows_File_ShmmHeap::delete_file", 4,
+                "Process with PID <%u> is not active, call Os to remove file <%s>   \n", shown,
+                file.data());
+        platform.RemoveDeadFile(file.data());
+    }
+    return 0;
+}
+
 StreamedMapInfo::StreamedMapInfo(const char* mappingName, const char* name, unsigned int offset,
                                  unsigned int size)
     : BaseMapInfo(size, offset), m_mapping_name(mappingName), m_name(name)
@@ -145,8 +327,10 @@ StreamedMapInfo::~StreamedMapInfo()
 int StreamedMapInfo::Map()
 {
     Platform& platform = Platform::Get();
-    if (m_Handle == nullptr)
-        m_Handle = platform.OpenMapping(m_mapping_name.data());
+    if (m_Handle == nullptr) {
+        const RWCString spare = MEM_MemoryConfiguration::GetInstance()->FileHeap_TempPath();
+        m_Handle = platform.OpenMapping(m_mapping_name.data(), spare.data());
+    }
     if (m_Handle == nullptr) {
         ZOR_LOG("StreamedMapInfo::Map", 3,
                 "Couldn't open map to non-local memory (Details: OpenFileMapping failed, name %s, "

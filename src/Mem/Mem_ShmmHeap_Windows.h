@@ -68,6 +68,76 @@ private:
     friend struct Mem_TestAccess;
 };
 
+/// What offsets of regions in a temp file are multiples of: the system's allocation granularity,
+/// asked once.
+unsigned int GetAllocationGranularity();
+
+/// A temp file with its named mapping.
+class Windows_FileInfo : public FileInfo
+{
+public:
+    Windows_FileInfo(RWCString name, unsigned int size) : FileInfo(name, size) {}
+
+    int AllocateFile() override;
+    int DestroyFile() override;
+    RWCString MappingName() override;
+
+    /// The platform's handle; null without a file.
+    void* GetMappingHandle() const { return m_mapping_handle; }
+
+private:
+    friend struct Mem_TestAccess;
+
+    void* m_mapping_handle = nullptr;
+    RWCString m_mapping_name;
+    long m_maker = 0; // a forked child has the object, but not the file
+};
+
+class Windows_FileMapInfo : public FileMapInfo
+{
+public:
+    Windows_FileMapInfo(Windows_FileInfo* file, Block* block) : FileMapInfo(file, block) {}
+
+    /// Views the region for reading and writing. @return 0; -1 with a line at level 5.
+    int Map() override;
+
+    /// As SwapMapInfo::Unmap().
+    int Unmap() override;
+
+    /// The region's place in the file.
+    unsigned int HandleOffset() override;
+};
+
+class Windows_FileBlock : public FileBlock
+{
+public:
+    explicit Windows_FileBlock(Windows_FileInfo* file) : FileBlock(file) {}
+    int create_info(BaseInfo** result, unsigned int alignment, Block* block) override;
+};
+
+class Windows_File_ShmmHeap : public File_ShmmHeap
+{
+public:
+    /// The process's file heap. The first call makes it and runs crash recovery.
+    static Windows_File_ShmmHeap* GetInstance();
+
+    Windows_File_ShmmHeap();
+
+    RWCString Name() override;
+    FileInfo* create_file(RWCString name, unsigned int size) override;
+    Block* create_block(FileInfo* file) override;
+
+    /// Looks through the temp folder for files that begin with the temp file name, and deletes
+    /// those whose maker, by the process id in the name and the platform's word, is gone.
+    int crash_recovery() override;
+
+private:
+    friend struct Mem_TestAccess;
+    class Leftovers;
+
+    int delete_file(RWCString file);
+};
+
 /// A region that another process made, seen read-only. Owned by the owners repository.
 ///
 /// States: closed (no handle, no view), open (a handle), mapped (both). Unmap() leaves the handle,

@@ -38,21 +38,40 @@ public:
     /// `name` has no separator and at most 255 bytes. A name that exists already is a failure,
     /// and what bears it is left alone.
     ///
+    /// Where shared memory has no room, or what memory is left to this process wouldn't bear it,
+    /// the mapping lies in a file in `spare_folder` instead, if that is on a disk; only processes
+    /// of the same user can open it then.
+    ///
     /// @return a handle for MapView() and CloseMapping(); null on failure, with nothing left.
-    virtual void* CreateSharedMapping(const char* name, std::uint64_t size) = 0;
+    virtual void* CreateSharedMapping(const char* name, std::uint64_t size,
+                                      const char* spare_folder) = 0;
 
-    /// Opens a mapping that CreateSharedMapping() made under `name`, in any process and for any
-    /// user, for reading only: no view of it can be made writable. Any text may be given: what
-    /// isn't the name of such a mapping, or no longer, is a failure and is not touched.
+    /// What of a mapping over a file could not be had.
+    enum class FileFault { None, File, Mapping };
+
+    /// Makes a new file of `size` bytes at `path`, private to this user, its disk space reserved,
+    /// and a mapping of it that processes of the same user can open by `name` for reading, as
+    /// above. A path or a name that exists already is a failure. The file belongs to the caller,
+    /// who ends it with RemoveFile() after CloseMapping(). Openers know the two by each other: the
+    /// file's own name holds the beginning of `name` up to its second "_", else that is a failure.
+    ///
+    /// @return a handle as above; null on failure, with nothing left and `*fault` telling of what.
+    virtual void* CreateFileMapping(const char* path, const char* name, std::uint64_t size,
+                                    FileFault* fault) = 0;
+
+    /// Opens a mapping that another process, or this one, has made under `name`, for reading
+    /// only: no view of it can be made writable. Any text may be given: what isn't the name of
+    /// such a mapping, or no longer, is a failure and is not touched. `spare_folder` is where to
+    /// look, too, for mappings that shared memory had no room for.
     /// The bytes stay for as long as the handle or a view of it, whatever the maker does.
     ///
     /// @return a handle for MapView() and CloseMapping(); null on failure.
-    virtual void* OpenMapping(const char* name) = 0;
+    virtual void* OpenMapping(const char* name, const char* spare_folder) = 0;
 
     /// Maps the stretch [offset, offset + size) of an open mapping, readable and writable as the
     /// mapping is. `offset` is a multiple of AllocationGranularity(), and the stretch lies within
-    /// the mapping, else that is a failure. Several views of one
-    /// mapping can live at once. Works as well after somebody has removed the mapping's name.
+    /// the mapping, else that is a failure. Several views of one mapping can live at once. Works
+    /// as well after somebody has removed the mapping's name.
     ///
     /// @return the view's first byte; null on failure (no address space, too many maps).
     virtual void* MapView(void* mapping, std::uint64_t offset, std::uint64_t size) = 0;
@@ -68,9 +87,42 @@ public:
 
     /// Removes mappings whose names begin with `prefix` and whose creator has ended without
     /// closing them. Mappings of living processes, and anything that can't be judged, stay.
-    /// A system that does this by itself does nothing here.
+    /// A system that does this by itself does nothing here. Looks at `spare_folder` too.
     /// @return how many were removed.
-    virtual int RemoveDeadMappings(const char* prefix) = 0;
+    virtual int RemoveDeadMappings(const char* prefix, const char* spare_folder) = 0;
+
+    // Files ---------------------------------------------------------------------------------
+
+    /// A walk over the names of a folder.
+    class Names
+    {
+    public:
+        /// Takes one name, without the folder.
+        virtual void Take(const char* name) = 0;
+
+    protected:
+        ~Names() = default;
+    };
+
+    /// Gives `names` each entry of `folder` whose name begins with `prefix`. None for a folder
+    /// that can't be read.
+    virtual void ListFiles(const char* folder, const char* prefix, Names& names) = 0;
+
+    /// What is known of a process that made a file.
+    enum class Maker { Gone, Ended, Running };
+
+    /// Whether the maker of the file at `path`, a process whose id was `process`, still has it:
+    /// Gone if no process has that id, Ended if one has but it isn't the maker or runs no more.
+    virtual Maker MakerOf(const char* path, long process) = 0;
+
+    /// Removes a file whose maker isn't running. One that is in use stays.
+    virtual bool RemoveDeadFile(const char* path) = 0;
+
+    /// Removes a file that this process made with CreateFileMapping().
+    virtual bool RemoveFile(const char* path) = 0;
+
+    /// Free bytes, for this user, on the disk that holds `folder`. @return false on failure.
+    virtual bool FreeSpace(const char* folder, double* bytes) = 0;
 
     // Errors --------------------------------------------------------------------------------
 
@@ -103,8 +155,24 @@ public:
     /// is set on the process's group.
     virtual std::uint64_t PhysicalMemory() = 0;
 
+    /// Bytes of memory that the machine has promised to its processes.
+    virtual std::uint64_t CommittedMemory() = 0;
+
     /// Bytes of address space that this process may use.
     virtual std::uint64_t AddressSpace() = 0;
+
+    /// The machine's memory and swap at this moment, in bytes.
+    struct Machine {
+        std::uint64_t memory = 0;
+        std::uint64_t available_memory = 0;
+        std::uint64_t swap = 0;
+        std::uint64_t available_swap = 0;
+    };
+    virtual Machine MachineMemory() = 0;
+
+    /// Bytes of address space that this process takes, and of the largest stretch that is free.
+    /// Allocates nothing. @return false if that can't be found out.
+    virtual bool AddressSpaceUse(std::uint64_t& used, std::uint64_t& largest_free) = 0;
 
     /// A walk over views; see TrimWorkingSet().
     class Views
@@ -144,6 +212,21 @@ public:
 
     /// What parts folders and names in a path.
     virtual char PathSeparator() = 0;
+
+    /// Writes the system's name and version, cut to `size` bytes with its zero.
+    virtual void SystemName(char* text, std::size_t size) = 0;
+
+    /// Writes the name of this process's program in the same way.
+    virtual void ProcessName(char* text, std::size_t size) = 0;
+
+    /// Bytes of the plain file at `path`; -1 if it can't be opened.
+    virtual long long FileLength(const char* path) = 0;
+
+    /// Cuts the plain file at `path` to nothing. @return whether it was.
+    virtual bool TruncateFile(const char* path) = 0;
+
+    /// Writes the calls that led here to standard error. Allocates nothing.
+    virtual void StackTrace() = 0;
 
     /// Writes bytes to the process's standard error. Takes no lock of the C library and
     /// allocates nothing; a failure is ignored.

@@ -67,8 +67,7 @@ int InChildAmongOwnMounts(Body body)
     TEST(suite, name)                                                                              \
     {                                                                                              \
         const int code = in_child(suite##_##name);                                                 \
-        if (code == not_permitted)                                                                 \
-            GTEST_SKIP() << "the system doesn't permit it here";                                   \
+        SKIP_IF_NOT_PERMITTED(code);                                                               \
         EXPECT_EQ(code, 0);                                                                        \
     }                                                                                              \
     int suite##_##name()

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <malloc.h>
 #include <new>
 
 namespace
@@ -9,21 +10,18 @@ namespace
 constinit thread_local FailingNew* t_guard = nullptr;
 constinit thread_local std::uint64_t t_attempts = 0;
 
-void* try_once(std::size_t size, std::size_t alignment)
-{
-    if (FailingNew::FailsNow())
-        return nullptr;
-    size = size == 0 ? 1 : size;
-    if (alignment <= alignof(std::max_align_t))
-        return std::malloc(size);
-    const std::size_t rounded = (size + alignment - 1) / alignment * alignment;
-    return rounded < size ? nullptr : std::aligned_alloc(alignment, rounded);
-}
+using Size = std::size_t;
+using Align = std::align_val_t;
+using Nothrow = std::nothrow_t;
 
-void* allocate(std::size_t size, std::size_t alignment = 1)
+void* allocate(Size size, Align to = Align{1})
 {
     for (;;) {
-        if (void* const memory = try_once(size, alignment))
+        void* memory = nullptr;
+        if (!FailingNew::FailsNow())
+            memory = to <= Align{alignof(std::max_align_t)} ? std::malloc(size)
+                                                            : memalign(static_cast<Size>(to), size);
+        if (memory != nullptr)
             return memory;
         const std::new_handler handler = std::get_new_handler();
         if (handler == nullptr)
@@ -32,18 +30,11 @@ void* allocate(std::size_t size, std::size_t alignment = 1)
     }
 }
 
-void* allocate_or_null(std::size_t size, std::size_t alignment = 1) noexcept
-{
-    try {
-        return allocate(size, alignment);
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
-}
-
-std::size_t number(std::align_val_t alignment)
-{
-    return static_cast<std::size_t>(alignment);
+void* allocate_or_null(Size size) noexcept
+try {
+    return allocate(size);
+} catch (const std::bad_alloc&) {
+    return nullptr;
 }
 } // namespace
 
@@ -73,19 +64,14 @@ std::uint64_t AllocationsOfThisThread()
     return t_attempts;
 }
 
-// All forms, since a sanitizer's own would not match the rest.
-using Size = std::size_t;
-using Align = std::align_val_t;
-using Nothrow = std::nothrow_t;
+// All forms in use, since a sanitizer's own would not match the rest.
 // clang-format off
 void* operator new(Size size) { return allocate(size); }
 void* operator new[](Size size) { return allocate(size); }
-void* operator new(Size size, Align to) { return allocate(size, number(to)); }
-void* operator new[](Size size, Align to) { return allocate(size, number(to)); }
+void* operator new(Size size, Align to) { return allocate(size, to); }
+void* operator new[](Size size, Align to) { return allocate(size, to); }
 void* operator new(Size size, const Nothrow&) noexcept { return allocate_or_null(size); }
 void* operator new[](Size size, const Nothrow&) noexcept { return allocate_or_null(size); }
-void* operator new(Size size, Align to, const Nothrow&) noexcept { return allocate_or_null(size, number(to)); }
-void* operator new[](Size size, Align to, const Nothrow&) noexcept { return allocate_or_null(size, number(to)); }
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete[](void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, Size) noexcept { std::free(memory); }
@@ -94,8 +80,4 @@ void operator delete(void* memory, Align) noexcept { std::free(memory); }
 void operator delete[](void* memory, Align) noexcept { std::free(memory); }
 void operator delete(void* memory, Size, Align) noexcept { std::free(memory); }
 void operator delete[](void* memory, Size, Align) noexcept { std::free(memory); }
-void operator delete(void* memory, const Nothrow&) noexcept { std::free(memory); }
-void operator delete[](void* memory, const Nothrow&) noexcept { std::free(memory); }
-void operator delete(void* memory, Align, const Nothrow&) noexcept { std::free(memory); }
-void operator delete[](void* memory, Align, const Nothrow&) noexcept { std::free(memory); }
 // clang-format on

@@ -3,10 +3,6 @@
 
 #include "Platform/Platform.h"
 
-#include <array>
-#include <atomic>
-#include <bit>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -16,47 +12,47 @@ class ForwardingPlatform : public Platform
 public:
     explicit ForwardingPlatform(Platform& real) : m_real(real) {}
 
-    void* CreateSharedMapping(const char* name, std::uint64_t size) override
-    {
-        return m_real.CreateSharedMapping(name, size);
+#define FORWARD(result, name, parameters, arguments)                                               \
+    result name parameters override                                                                \
+    {                                                                                              \
+        return m_real.name arguments;                                                              \
     }
-    void* OpenMapping(const char* name) override { return m_real.OpenMapping(name); }
-    void* MapView(void* mapping, std::uint64_t offset, std::uint64_t size) override
-    {
-        return m_real.MapView(mapping, offset, size);
-    }
-    bool UnmapView(void* view, std::uint64_t size) override { return m_real.UnmapView(view, size); }
-    bool CloseMapping(void* mapping) override { return m_real.CloseMapping(mapping); }
-    int RemoveDeadMappings(const char* prefix) override
-    {
-        return m_real.RemoveDeadMappings(prefix);
-    }
-    unsigned long LastError() override { return m_real.LastError(); }
-    void ErrorText(unsigned long error, char* text, std::size_t size) override
-    {
-        m_real.ErrorText(error, text, size);
-    }
-    long ProcessId() override { return m_real.ProcessId(); }
-    long ThreadId() override { return m_real.ThreadId(); }
-    bool OnFork(void (*prepare)(), void (*parent)(), void (*child)()) override
-    {
-        return m_real.OnFork(prepare, parent, child);
-    }
-    std::uint32_t AllocationGranularity() override { return m_real.AllocationGranularity(); }
-    std::uint64_t PhysicalMemory() override { return m_real.PhysicalMemory(); }
-    std::uint64_t AddressSpace() override { return m_real.AddressSpace(); }
-    bool TrimWorkingSet(Views& views) override { return m_real.TrimWorkingSet(views); }
-    void OnAllocationFailure(AllocationHandler handler) override
-    {
-        m_real.OnAllocationFailure(handler);
-    }
-    bool MallocIsHooked() override { return m_real.MallocIsHooked(); }
-    const char* DefaultTempFolder() override { return m_real.DefaultTempFolder(); }
-    char PathSeparator() override { return m_real.PathSeparator(); }
-    void WriteStandardError(const char* text, std::size_t size) override
-    {
-        m_real.WriteStandardError(text, size);
-    }
+    FORWARD(void*, CreateSharedMapping, (const char* n, std::uint64_t s, const char* f), (n, s, f))
+    FORWARD(void*, CreateFileMapping, (const char* p, const char* n, std::uint64_t s, FileFault* f),
+            (p, n, s, f))
+    FORWARD(void*, OpenMapping, (const char* n, const char* f), (n, f))
+    FORWARD(void*, MapView, (void* m, std::uint64_t o, std::uint64_t s), (m, o, s))
+    FORWARD(bool, UnmapView, (void* v, std::uint64_t s), (v, s))
+    FORWARD(bool, CloseMapping, (void* m), (m))
+    FORWARD(int, RemoveDeadMappings, (const char* p, const char* f), (p, f))
+    FORWARD(void, ListFiles, (const char* f, const char* p, Names& n), (f, p, n))
+    FORWARD(Maker, MakerOf, (const char* p, long i), (p, i))
+    FORWARD(bool, RemoveDeadFile, (const char* p), (p))
+    FORWARD(bool, RemoveFile, (const char* p), (p))
+    FORWARD(bool, FreeSpace, (const char* f, double* b), (f, b))
+    FORWARD(unsigned long, LastError, (), ())
+    FORWARD(void, ErrorText, (unsigned long e, char* t, std::size_t s), (e, t, s))
+    FORWARD(long, ProcessId, (), ())
+    FORWARD(long, ThreadId, (), ())
+    FORWARD(bool, OnFork, (void (*b)(), void (*p)(), void (*c)()), (b, p, c))
+    FORWARD(std::uint32_t, AllocationGranularity, (), ())
+    FORWARD(std::uint64_t, PhysicalMemory, (), ())
+    FORWARD(std::uint64_t, CommittedMemory, (), ())
+    FORWARD(std::uint64_t, AddressSpace, (), ())
+    FORWARD(Machine, MachineMemory, (), ())
+    FORWARD(bool, AddressSpaceUse, (std::uint64_t & u, std::uint64_t& l), (u, l))
+    FORWARD(void, SystemName, (char* t, std::size_t s), (t, s))
+    FORWARD(void, ProcessName, (char* t, std::size_t s), (t, s))
+    FORWARD(long long, FileLength, (const char* p), (p))
+    FORWARD(bool, TruncateFile, (const char* p), (p))
+    FORWARD(void, StackTrace, (), ())
+    FORWARD(bool, TrimWorkingSet, (Views & v), (v))
+    FORWARD(void, OnAllocationFailure, (AllocationHandler h), (h))
+    FORWARD(bool, MallocIsHooked, (), ())
+    FORWARD(const char*, DefaultTempFolder, (), ())
+    FORWARD(char, PathSeparator, (), ())
+    FORWARD(void, WriteStandardError, (const char* t, std::size_t s), (t, s))
+#undef FORWARD
 
 protected:
     ~ForwardingPlatform() = default;
@@ -66,15 +62,13 @@ protected:
 
 /// Stands in front of the platform for as long as it lives and lets chosen calls fail.
 ///
-/// A failing Create or View does nothing and gives null. A failing Close really closes and
-/// answers false. A failing Unview leaves the view, which then ends with this object: views that
-/// must outlive it can't be tested so.
+/// A failing Create or View does nothing and gives null. A failing Close is really done and
+/// answers false. A failing Unview leaves the view, which then ends with this object: views
+/// that must outlive it can't be tested so. Threads: one at a time.
 class FailingPlatform final : public ForwardingPlatform
 {
 public:
     enum Kind : unsigned { Create = 1, View = 2, Unview = 4, Close = 8 };
-    static constexpr unsigned Acquiring = Create | View;
-    static constexpr unsigned Any = Create | View | Unview | Close;
 
     /// The `n`-th call (from 1) of the `kinds`, counted together, fails, and the `count` - 1
     /// calls after it.
@@ -97,54 +91,43 @@ public:
     /// Whether a call has failed by this object.
     bool Fired() const { return m_fired; }
 
-    /// How many calls of that kind came by, failed ones too.
-    int Calls(Kind kind) const { return m_calls[index(kind)]; }
-
-    void* CreateSharedMapping(const char* name, std::uint64_t size) override
+    void* CreateSharedMapping(const char* name, std::uint64_t size, const char* spare) override
     {
-        if (fails(Create, no_space))
-            return nullptr;
-        return passed(m_real.CreateSharedMapping(name, size));
+        return fails(Create, 28) ? nullptr : passed(m_real.CreateSharedMapping(name, size, spare));
     }
-    void* OpenMapping(const char* name) override
+    void* CreateFileMapping(const char* path, const char* name, std::uint64_t size,
+                            FileFault* fault) override
     {
-        return fails(Create, no_space) ? nullptr : passed(m_real.OpenMapping(name));
+        *fault = FileFault::Mapping;
+        return fails(Create, 28) ? nullptr
+                                 : passed(m_real.CreateFileMapping(path, name, size, fault));
+    }
+    void* OpenMapping(const char* name, const char* spare) override
+    {
+        return fails(Create, 28) ? nullptr : passed(m_real.OpenMapping(name, spare));
     }
     void* MapView(void* mapping, std::uint64_t offset, std::uint64_t size) override
     {
-        if (fails(View, no_memory))
-            return nullptr;
-        return passed(m_real.MapView(mapping, offset, size));
+        return fails(View, 12) ? nullptr : passed(m_real.MapView(mapping, offset, size));
     }
     bool UnmapView(void* view, std::uint64_t size) override
     {
-        if (!fails(Unview, no_memory))
+        if (!fails(Unview, 12))
             return passed(m_real.UnmapView(view, size));
-        const std::lock_guard lock(m_mutex);
         m_left.emplace_back(view, size);
         return false;
     }
     bool CloseMapping(void* mapping) override
     {
-        const bool failing = fails(Close, no_memory);
-        const bool closed = m_real.CloseMapping(mapping);
-        return failing ? false : passed(closed);
+        const bool failing = fails(Close, 12);
+        return passed(m_real.CloseMapping(mapping)) && !failing;
     }
     unsigned long LastError() override { return s_error != 0 ? s_error : m_real.LastError(); }
 
 private:
-    static constexpr unsigned long no_memory = 12;
-    static constexpr unsigned long no_space = 28;
-
-    static std::size_t index(Kind kind)
-    {
-        return static_cast<std::size_t>(std::countr_zero<unsigned>(kind));
-    }
-
     /// Counts the call. @return whether it is to fail; LastError() tells `error` then.
     bool fails(Kind kind, unsigned long error)
     {
-        ++m_calls[index(kind)];
         const int distance = (m_kinds & kind) != 0 ? ++m_seen - m_first : -1;
         if (distance < 0 || distance >= m_count)
             return false;
@@ -157,8 +140,7 @@ private:
     template <class Result>
     static Result passed(Result result)
     {
-        if (!result)
-            s_error = 0;
+        s_error = result ? s_error : 0;
         return result;
     }
 
@@ -167,10 +149,8 @@ private:
     const unsigned m_kinds;
     const int m_first;
     const int m_count;
-    std::array<std::atomic<int>, 4> m_calls{};
-    std::atomic<int> m_seen = 0;
-    std::atomic<bool> m_fired = false;
-    std::mutex m_mutex;
+    int m_seen = 0;
+    bool m_fired = false;
     std::vector<std::pair<void*, std::uint64_t>> m_left; ///< views whose end failed
 };
 

@@ -18,12 +18,10 @@
 struct Mem_TestAccess {
     // The cache queue.
     static std::vector<int>& Ring(MEM_FifoQueue& queue) { return queue.m_ring; }
-    static std::uint32_t& ReadPosition(MEM_FifoQueue& queue) { return queue.m_read.position; }
     static std::uint32_t& WritePosition(MEM_FifoQueue& queue) { return queue.m_write.position; }
     static std::uint32_t LiveCount(const MEM_FifoQueue& queue) { return queue.m_live; }
 
     // The space logic.
-    static std::size_t Records(const BlockSpaceLogic& logic) { return logic.m_pool.size(); }
 
     // Slot tables.
     template <class T, T Empty>
@@ -33,8 +31,6 @@ struct Mem_TestAccess {
                              [](const auto& segment) { return segment != nullptr; });
     }
     static std::ptrdiff_t Segments(const MEM_FifoQueue& queue) { return Segments(queue.m_index); }
-    static std::ptrdiff_t Segments(const Mem_BlockTable& table) { return Segments(table.m_slots); }
-    static int& Length(Mem_BlockTable& table) { return table.m_length; }
 
     // The pager.
     static std::unique_ptr<MEM_MemPager> MakePager(ShmmHeap* heap)
@@ -59,8 +55,8 @@ struct Mem_TestAccess {
                 order.push_back(queue.m_ring[at.position]);
         return order;
     }
+    static bool HasNoBlocks(const ShmmHeap& heap) { return heap.m_blocks.empty(); }
     static const PagerInfoState* State(const MEM_PagerInfo& info) { return info.m_state; }
-    static int Stripe(const MEM_PagerInfo& info) { return info.m_mutex_index; }
 
     // Whether no other thread holds any of the library's locks.
     static bool TryAllLocks() FIBREX_NO_THREAD_SAFETY_ANALYSIS
@@ -70,9 +66,6 @@ struct Mem_TestAccess {
             all = try_lock(stripe) && all;
         return all;
     }
-
-    // Heaps.
-    static bool HasNoBlocks(const ShmmHeap& heap) { return heap.m_blocks.empty(); }
 
 private:
     static bool try_lock(WindowUnixMutex& mutex) FIBREX_NO_THREAD_SAFETY_ANALYSIS

@@ -2,6 +2,9 @@
 
 #include "Platform/Posix/Scoped.h"
 
+#include <utility>
+
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -35,26 +38,37 @@ Anchor::~Anchor()
     Drop();
 }
 
-bool Anchor::Hold(int descriptor)
+bool Anchor::Hold(int descriptor, Rights rights, By by)
 {
-    return hold(descriptor, PROT_READ | PROT_WRITE);
+    m_protection = rights == Rights::Read ? PROT_READ : PROT_READ | PROT_WRITE;
+    return by == By::Page ? hold_page(descriptor) : hold_descriptor(descriptor);
 }
 
-bool Anchor::HoldForReading(int descriptor)
+bool Anchor::hold_page(int descriptor)
 {
-    return hold(descriptor, PROT_READ);
-}
-
-bool Anchor::hold(int descriptor, int protection)
-{
-    void* page = mmap(nullptr, page_size(), protection, MAP_SHARED, descriptor, 0);
+    void* page = mmap(nullptr, page_size(), m_protection, MAP_SHARED, descriptor, 0);
     if (page == MAP_FAILED)
         return false;
     m_page = page;
     return true;
 }
 
+bool Anchor::hold_descriptor(int descriptor)
+{
+    m_descriptor = fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+    return m_descriptor >= 0;
+}
+
 void* Anchor::View(std::uint64_t offset, std::uint64_t size) const
+{
+    if (m_descriptor < 0)
+        return view_from_page(offset, size);
+    void* view =
+        mmap(nullptr, size, m_protection, MAP_SHARED, m_descriptor, static_cast<off_t>(offset));
+    return view == MAP_FAILED ? nullptr : view;
+}
+
+void* Anchor::view_from_page(std::uint64_t offset, std::uint64_t size) const
 {
     // An old size of 0 leaves the anchor where it is and maps its object once more. The new view
     // begins where the anchor does, at the file's first byte.
@@ -67,5 +81,6 @@ bool Anchor::Drop()
     if (m_page != nullptr && munmap(m_page, page_size()) != 0)
         return false;
     m_page = nullptr;
-    return true;
+    const int descriptor = std::exchange(m_descriptor, -1);
+    return descriptor < 0 || close(descriptor) == 0;
 }

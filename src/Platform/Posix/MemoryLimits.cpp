@@ -1,13 +1,15 @@
 #include "Platform/Posix/MemoryLimits.h"
 
-#include "Platform/Posix/Scoped.h"
+#include "Platform/Posix/Lines.h"
 
 #include <algorithm>
 #include <charconv>
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <limits>
+#include <optional>
 #include <string_view>
 
 #include <fcntl.h>
@@ -15,67 +17,37 @@
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
+/// Files of one form: a line is "key number", with spaces before and a unit behind the number.
+struct Table {
+    const char* file;
+    std::string_view keys[2]; ///< whose numbers are added up
+};
+
+/// How one version of control groups tells what is needed here.
+struct GroupVersion {
+    const char* file_system;
+    const char* controller; ///< that bounds memory; "" where one tree serves all
+    const char* limit_file;
+    const char* usage_file;
+    Table reclaimable;
+};
+
 namespace
 {
 
+constexpr GroupVersion versions[] = {
+    {"cgroup",
+     "memory",
+     "memory.limit_in_bytes",
+     "memory.usage_in_bytes",
+     {"memory.stat", {"total_inactive_file", "total_active_file"}}},
+    {"cgroup2",
+     "",
+     "memory.max",
+     "memory.current",
+     {"memory.stat", {"inactive_file", "active_file"}}}};
+
 constexpr std::uint64_t no_limit = std::numeric_limits<std::uint64_t>::max();
-
-/// The lines of a file, read through a buffer of fixed size. A longer line comes in pieces.
-class Lines
-{
-public:
-    explicit Lines(const char* path) : m_file(open(path, O_RDONLY | O_CLOEXEC)) {}
-
-    bool Next(std::string_view& line)
-    {
-        if (line_length() == none)
-            fill();
-        if (m_begin == m_end)
-            return false;
-        line = {m_buffer + m_begin, std::min(line_length(), m_end - m_begin)};
-        m_begin = std::min(m_begin + line.size() + 1, m_end);
-        return true;
-    }
-
-private:
-    static constexpr std::size_t none = std::string_view::npos;
-
-    std::size_t line_length() const
-    {
-        return std::string_view(m_buffer + m_begin, m_end - m_begin).find('\n');
-    }
-
-    /// Moves the rest to the front and reads behind it.
-    void fill()
-    {
-        std::memmove(m_buffer, m_buffer + m_begin, m_end - m_begin);
-        m_end -= m_begin;
-        m_begin = 0;
-        while (m_end < sizeof m_buffer && read_more()) {
-        }
-    }
-
-    bool read_more()
-    {
-        const ssize_t got = read(m_file.Get(), m_buffer + m_end, sizeof m_buffer - m_end);
-        m_end += static_cast<std::size_t>(std::max<ssize_t>(got, 0));
-        return got > 0 || (got < 0 && errno == EINTR);
-    }
-
-    const ScopedFile m_file;
-    char m_buffer[8192];
-    std::size_t m_begin = 0;
-    std::size_t m_end = 0;
-};
-
-/// Takes the part before `separator` off the front; all if there is none.
-std::string_view take(std::string_view& text, std::string_view separator)
-{
-    const std::size_t at = text.find(separator);
-    const std::string_view part = text.substr(0, at);
-    text.remove_prefix(at == text.npos ? text.size() : at + separator.size());
-    return part;
-}
 
 bool lists(std::string_view list, std::string_view wanted)
 {
@@ -86,24 +58,14 @@ bool lists(std::string_view list, std::string_view wanted)
     return false;
 }
 
-/// How one version of control groups tells what is needed here.
-struct Version {
-    const char* file_system;
-    const char* controller; ///< that bounds memory; "" where one tree serves all
-    const char* limit_file;
-};
-
-constexpr Version versions[] = {{"cgroup", "memory", "memory.limit_in_bytes"},
-                                {"cgroup2", "", "memory.max"}};
-
-bool serves(const Version& version, std::string_view controllers)
+bool serves(const GroupVersion& version, std::string_view controllers)
 {
     return version.controller[0] == '\0' ? controllers.empty()
                                          : lists(controllers, version.controller);
 }
 
 /// This process's group: a line is "number:controllers:path". @return false if there is none.
-bool find_group(const char* groups, const Version& version, char (&group)[PATH_MAX])
+bool find_group(const char* groups, const GroupVersion& version, char (&group)[PATH_MAX])
 {
     Lines lines(groups);
     for (std::string_view line; lines.Next(line);) {
@@ -139,24 +101,47 @@ Mount parse_mount(std::string_view line)
     return mount;
 }
 
-bool bears(const Mount& mount, const Version& version)
+bool bears(const Mount& mount, const GroupVersion& version)
 {
     return mount.file_system == version.file_system &&
            (version.controller[0] == '\0' || lists(mount.options, version.controller));
 }
 
-/// "max", and a file that isn't there, are no limit.
-std::uint64_t read_limit(std::string_view folder, std::string_view group, const char* file)
-{
+/// The path of a file in a group's folder.
+struct GroupFile {
+    GroupFile(const char* folder, const char* file)
+    {
+        std::snprintf(path, sizeof path, "%s/%s", folder, file);
+    }
     char path[2 * PATH_MAX];
-    std::snprintf(path, sizeof path, "%.*s%.*s/%s", static_cast<int>(folder.size()), folder.data(),
-                  static_cast<int>(group.size()), group.data(), file);
-    Lines lines(path);
+};
+
+std::uint64_t number_at_front(std::string_view text, std::uint64_t otherwise)
+{
+    text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+    std::from_chars(text.data(), text.data() + text.size(), otherwise);
+    return otherwise;
+}
+
+/// "max", and a file that isn't there, are no limit.
+std::uint64_t read_limit(const char* folder, const char* file)
+{
+    Lines lines(GroupFile(folder, file).path);
     std::string_view line;
-    std::uint64_t limit = no_limit;
-    if (lines.Next(line))
-        std::from_chars(line.data(), line.data() + line.size(), limit);
-    return limit;
+    return lines.Next(line) ? number_at_front(line, no_limit) : no_limit;
+}
+
+/// @return none if neither key is there.
+std::optional<std::uint64_t> sum(const char* path, const Table& table)
+{
+    std::optional<std::uint64_t> total;
+    Lines lines(path);
+    for (std::string_view line; lines.Next(line);) {
+        const std::string_view key = take(line, " ");
+        if (key == table.keys[0] || key == table.keys[1])
+            total = total.value_or(0) + number_at_front(line, 0);
+    }
+    return total;
 }
 
 /// The group's path below the mount point; just the mount point if it isn't below it, as in a
@@ -170,26 +155,41 @@ std::string_view path_below(std::string_view root, std::string_view group)
     return group.starts_with('/') ? group : std::string_view();
 }
 
-std::uint64_t least_limit_upwards(const Mount& mount, std::string_view group, const char* file)
+/// Calls `visit` with the version and the folder of a group and of those above it.
+template <class Visitor>
+void visit_upwards(const GroupVersion& version, const Mount& mount, std::string_view group,
+                   Visitor& visit)
 {
-    std::string_view below = path_below(mount.root, group);
-    std::uint64_t limit = read_limit(mount.point, below, file);
-    while (!below.empty()) {
-        below = below.substr(0, below.rfind('/'));
-        limit = std::min(limit, read_limit(mount.point, below, file));
+    char folder[2 * PATH_MAX];
+    const std::size_t top = mount.point.copy(folder, PATH_MAX);
+    std::size_t length = top + path_below(mount.root, group).copy(folder + top, PATH_MAX - 1);
+    folder[length] = '\0';
+    visit(version, folder);
+    while (length > top) {
+        length = std::string_view(folder, length).rfind('/');
+        folder[length] = '\0';
+        visit(version, folder);
     }
-    return limit;
 }
 
-std::uint64_t limit_under(const Mount& mount, const char* groups)
+/// The same for each group that bounds this process.
+template <class Visitor>
+void visit_groups(const char* groups, const char* mounts, Visitor visit)
 {
-    std::uint64_t limit = no_limit;
-    for (const Version& version : versions) {
-        char group[PATH_MAX];
-        if (bears(mount, version) && find_group(groups, version, group))
-            limit = std::min(limit, least_limit_upwards(mount, group, version.limit_file));
+    Lines lines(mounts);
+    for (std::string_view line; lines.Next(line);) {
+        const Mount mount = parse_mount(line);
+        for (const GroupVersion& version : versions) {
+            char group[PATH_MAX];
+            if (bears(mount, version) && find_group(groups, version, group))
+                visit_upwards(version, mount, group, visit);
+        }
     }
-    return limit;
+}
+
+std::uint64_t kibibytes(std::uint64_t number)
+{
+    return number << 10;
 }
 
 } // namespace
@@ -197,9 +197,9 @@ std::uint64_t limit_under(const Mount& mount, const char* groups)
 std::uint64_t ControlGroupLimit(const char* groups, const char* mounts)
 {
     std::uint64_t limit = no_limit;
-    Lines lines(mounts);
-    for (std::string_view line; lines.Next(line);)
-        limit = std::min(limit, limit_under(parse_mount(line), groups));
+    visit_groups(groups, mounts, [&limit](const GroupVersion& version, const char* folder) {
+        limit = std::min(limit, read_limit(folder, version.limit_file));
+    });
     return limit;
 }
 
@@ -211,9 +211,72 @@ std::uint64_t MachineMemory()
     return static_cast<std::uint64_t>(information.totalram) * information.mem_unit;
 }
 
+std::uint64_t MachineCommitment()
+{
+    return kibibytes(sum("/proc/meminfo", {"", {"Committed_AS:", ""}}).value_or(0));
+}
+
+MachineNow ReadMachine()
+{
+    const auto row = [](std::string_view key) {
+        return kibibytes(sum("/proc/meminfo", {"", {key, ""}}).value_or(0));
+    };
+    return {row("MemTotal:"), row("MemAvailable:"), row("SwapTotal:"), row("SwapFree:")};
+}
+
 std::uint64_t AddressSpaceLimit()
 {
     constexpr std::uint64_t all = std::uint64_t{1} << 47;
     rlimit limit{};
     return getrlimit(RLIMIT_AS, &limit) == 0 ? std::min<std::uint64_t>(limit.rlim_cur, all) : all;
+}
+
+MemoryRoom::MemoryRoom(const char* groups, const char* mounts, const char* machine)
+    : m_machine(machine)
+{
+    const std::uint64_t most = MachineMemory(); // a limit above is none
+    visit_groups(groups, mounts, [this, most](const GroupVersion& version, const char* folder) {
+        const std::uint64_t limit = read_limit(folder, version.limit_file);
+        if (limit < most)
+            add(version, folder, limit);
+    });
+}
+
+void MemoryRoom::add(const GroupVersion& version, const char* folder, std::uint64_t limit)
+{
+    const std::size_t size = std::strlen(folder) + 1;
+    if (m_count == std::size(m_groups) || size > sizeof m_folders - m_used)
+        return;
+    char* kept = static_cast<char*>(std::memcpy(m_folders + m_used, folder, size));
+    m_used += size;
+    m_groups[m_count++] = {&version, kept, limit};
+}
+
+bool MemoryRoom::Bears(std::uint64_t more) const
+{
+    constexpr std::uint64_t margin = std::uint64_t{16} << 20;
+    const auto bears = [wanted = more + margin](const Group& group) {
+        return group_bears(group, wanted);
+    };
+    if (machine_bears(more + margin) && std::all_of(m_groups, m_groups + m_count, bears))
+        return true;
+    errno = ENOMEM;
+    return false;
+}
+
+/// The table of pages is long: it is read only if it matters.
+bool MemoryRoom::group_bears(const Group& group, std::uint64_t wanted)
+{
+    const std::uint64_t usage = read_limit(group.folder, group.version->usage_file);
+    if (usage == no_limit || usage + wanted <= group.limit)
+        return true;
+    const Table& table = group.version->reclaimable;
+    return usage + wanted <=
+           group.limit + sum(GroupFile(group.folder, table.file).path, table).value_or(0);
+}
+
+bool MemoryRoom::machine_bears(std::uint64_t wanted) const
+{
+    const std::optional<std::uint64_t> left = sum(m_machine, {"", {"MemAvailable:", "SwapFree:"}});
+    return !left || wanted <= kibibytes(*left);
 }

@@ -1,6 +1,8 @@
 #ifndef PLATFORM_POSIX_MEMORYLIMITS_H
 #define PLATFORM_POSIX_MEMORYLIMITS_H
 
+#include <climits>
+#include <cstddef>
 #include <cstdint>
 
 /// The least memory limit in bytes that is set on this process's control group or on one above
@@ -12,7 +14,52 @@ std::uint64_t ControlGroupLimit(const char* groups = "/proc/self/cgroup",
 /// Bytes of the machine's memory.
 std::uint64_t MachineMemory();
 
+/// Bytes of memory that the machine has promised to its processes; 0 if that isn't told.
+std::uint64_t MachineCommitment();
+
+/// The machine's memory and swap at this moment, in bytes.
+struct MachineNow {
+    std::uint64_t memory;
+    std::uint64_t available_memory;
+    std::uint64_t swap;
+    std::uint64_t available_swap;
+};
+MachineNow ReadMachine();
+
 /// Bytes of address space that the process may have.
 std::uint64_t AddressSpaceLimit();
+
+/// How much memory this process can still take without the system having to end one. Remembers
+/// the groups that bound this process, and the texts given, so it is meant for a short life.
+/// Allocates nothing.
+class MemoryRoom
+{
+public:
+    explicit MemoryRoom(const char* groups = "/proc/self/cgroup",
+                        const char* mounts = "/proc/self/mountinfo",
+                        const char* machine = "/proc/meminfo");
+
+    /// Whether `more` bytes leave a margin, for what other processes take meanwhile, in each of
+    /// the groups and on the machine. Pages that hold a copy of what is on disk count as free.
+    /// @return false with errno, ENOMEM.
+    bool Bears(std::uint64_t more) const;
+
+private:
+    struct Group {
+        const struct GroupVersion* version;
+        const char* folder;
+        std::uint64_t limit;
+    };
+
+    void add(const GroupVersion& version, const char* folder, std::uint64_t limit);
+    static bool group_bears(const Group& group, std::uint64_t wanted);
+    bool machine_bears(std::uint64_t wanted) const;
+
+    const char* const m_machine;
+    Group m_groups[16];
+    std::size_t m_count = 0;
+    char m_folders[2 * PATH_MAX]; ///< their texts, one behind the other
+    std::size_t m_used = 0;
+};
 
 #endif

@@ -1,6 +1,9 @@
 #include "Platform/Posix/PosixPlatform.h"
 
 #include "Platform/Posix/AllocationFailure.h"
+#include "Platform/Posix/Diagnosis.h"
+#include "Platform/Posix/Folder.h"
+#include "Platform/Posix/Liveness.h"
 #include "Platform/Posix/MemoryLimits.h"
 #include "Platform/Posix/Scoped.h"
 #include "Platform/Posix/ThreadId.h"
@@ -11,13 +14,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <limits>
 #include <new>
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/mman.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace
@@ -43,26 +46,32 @@ PosixPlatform& instance()
     return *made;
 }
 
-bool exists(const SharedMapping* mapping)
+using MappingOwner = std::unique_ptr<SharedMapping>;
+
+/// @return null with errno.
+MappingOwner allocate()
 {
+    MappingOwner mapping(new (std::nothrow) SharedMapping);
     if (mapping == nullptr)
         errno = ENOMEM;
-    return mapping != nullptr;
+    return mapping;
 }
 
-bool make(SharedMapping* mapping, const char* name, std::uint64_t size)
+/// What needs memory, done before the lock is taken. @return null with errno.
+MappingOwner prepare(const char* name, std::uint64_t size)
 {
-    if (!exists(mapping))
-        return false;
+    MappingOwner mapping = allocate();
+    if (mapping == nullptr || !mapping->name.Prepare(SharedFolder, name))
+        return nullptr;
     mapping->creator = getpid();
     mapping->size = size;
-    return mapping->file.path.Set(name) && MakeSharedFile(mapping->file, size);
+    return mapping;
 }
 
-bool open_existing(SharedMapping* mapping, const char* name)
+/// A spare folder that can't be one is none.
+bool prepare_spare(SharedMapping& mapping, const char* name, const char* spare_folder)
 {
-    return exists(mapping) && mapping->file.path.Set(name) &&
-           OpenSharedFile(mapping->file, mapping->size);
+    return mapping.spare_name.Prepare(spare_folder, name) || errno != ENOMEM;
 }
 
 bool lies_in(const SharedMapping& mapping, std::uint64_t offset, std::uint64_t size)
@@ -74,25 +83,21 @@ bool lies_in(const SharedMapping& mapping, std::uint64_t offset, std::uint64_t s
     return lies;
 }
 
-bool remove_own_name(const SharedMapping& mapping)
+int remove_dead(const char* folder, const char* prefix)
 {
-    return mapping.creator != getpid() ||
-           RemoveName(mapping.file.path.Text(), mapping.file.identity);
+    int removed = 0;
+    ForEachName(folder, prefix, [&](const char* name) {
+        Path path;
+        if (path.Join(folder, name) && (RemoveIfDead(path.Text()) || RemoveLinkIfDead(path.Text())))
+            ++removed;
+    });
+    return removed;
 }
 
-/// Calls `visit` with the names in the folder of shared memory, allocating nothing.
-template <class Visitor>
-void for_each_name(Visitor visit)
+bool has_process(long id)
 {
-    const ScopedFile folder(open(SharedPath::Folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    alignas(dirent64) char buffer[8192];
-    for (ssize_t size; (size = getdents64(folder.Get(), buffer, sizeof buffer)) > 0;) {
-        for (ssize_t at = 0; at < size;) {
-            const auto* entry = reinterpret_cast<const dirent64*>(buffer + at);
-            visit(entry->d_name);
-            at += entry->d_reclen;
-        }
-    }
+    return id > 0 && id <= std::numeric_limits<pid_t>::max() &&
+           (kill(static_cast<pid_t>(id), 0) == 0 || errno != ESRCH);
 }
 
 } // namespace
@@ -109,26 +114,44 @@ PosixPlatform::PosixPlatform()
 
 // Mappings ---------------------------------------------------------------------------------------
 
-void* PosixPlatform::CreateSharedMapping(const char* name, std::uint64_t size)
+void* PosixPlatform::CreateSharedMapping(const char* name, std::uint64_t size,
+                                         const char* spare_folder)
 {
-    std::unique_ptr<SharedMapping> mapping(new (std::nothrow) SharedMapping);
+    MappingOwner mapping = prepare(name, size);
+    if (!told(mapping != nullptr && prepare_spare(*mapping, name, spare_folder)))
+        return nullptr;
     clean_up_at_exit();
 
     const std::lock_guard lock(m_mutex);
-    if (!told(make(mapping.get(), name, size)))
-        return nullptr;
-    enlist(*mapping);
-    return mapping.release();
+    return told(MakeInSharedMemory(*mapping, spare_folder)) ? handed_out(mapping) : nullptr;
 }
 
-void* PosixPlatform::OpenMapping(const char* name)
+void* PosixPlatform::CreateFileMapping(const char* path, const char* name, std::uint64_t size,
+                                       FileFault* fault)
 {
-    std::unique_ptr<SharedMapping> mapping(new (std::nothrow) SharedMapping);
-    const std::lock_guard lock(m_mutex);
-    if (!told(open_existing(mapping.get(), name)))
+    MappingOwner mapping = prepare(name, size);
+    *fault = FileFault::Mapping;
+    if (!told(mapping != nullptr))
         return nullptr;
-    enlist(*mapping);
-    return mapping.release();
+    clean_up_at_exit();
+
+    const std::lock_guard lock(m_mutex);
+    const Making outcome = MakeOverFile(*mapping, path);
+    if (outcome == Making::NoFile)
+        *fault = FileFault::File;
+    if (!told(outcome == Making::Done))
+        return nullptr;
+    *fault = FileFault::None;
+    return handed_out(mapping);
+}
+
+void* PosixPlatform::OpenMapping(const char* name, const char* spare_folder)
+{
+    MappingOwner mapping = allocate();
+    const std::lock_guard lock(m_mutex);
+    const bool opened =
+        told(mapping != nullptr && OpenFile(name, spare_folder, mapping->file, mapping->size));
+    return opened ? handed_out(mapping) : nullptr;
 }
 
 void* PosixPlatform::MapView(void* mapping, std::uint64_t offset, std::uint64_t size)
@@ -144,33 +167,28 @@ bool PosixPlatform::UnmapView(void* view, std::uint64_t size)
 
 bool PosixPlatform::CloseMapping(void* mapping)
 {
-    const std::unique_ptr<SharedMapping> shared(static_cast<SharedMapping*>(mapping));
+    const MappingOwner shared(static_cast<SharedMapping*>(mapping));
     const std::lock_guard lock(m_mutex);
     delist(*shared);
     // The name goes first: it must not be seen without the creator's lock.
-    const bool name_is_gone = told(remove_own_name(*shared));
+    const bool name_is_gone = told(RemoveOwnNames(*shared));
     return told(shared->file.anchor.Drop()) && name_is_gone;
 }
 
-int PosixPlatform::RemoveDeadMappings(const char* prefix)
+int PosixPlatform::RemoveDeadMappings(const char* prefix, const char* spare_folder)
 {
     const std::lock_guard lock(m_mutex);
-    const std::size_t length = std::strlen(prefix);
-    int removed = 0;
-    for_each_name([&](const char* name) {
-        SharedPath path;
-        if (std::strncmp(name, prefix, length) == 0 && path.Set(name) && RemoveIfDead(path.Text()))
-            ++removed;
-    });
-    return removed;
+    return remove_dead(SharedFolder, prefix) + remove_dead(spare_folder, prefix);
 }
 
-void PosixPlatform::enlist(SharedMapping& mapping)
+/// From here on the mapping ends by CloseMapping().
+void* PosixPlatform::handed_out(MappingOwner& mapping)
 {
-    mapping.next = m_mappings;
-    if (mapping.next != nullptr)
-        mapping.next->previous = &mapping;
-    m_mappings = &mapping;
+    mapping->next = m_mappings;
+    if (mapping->next != nullptr)
+        mapping->next->previous = mapping.get();
+    m_mappings = mapping.get();
+    return mapping.release();
 }
 
 void PosixPlatform::delist(SharedMapping& mapping)
@@ -178,6 +196,52 @@ void PosixPlatform::delist(SharedMapping& mapping)
     (mapping.previous != nullptr ? mapping.previous->next : m_mappings) = mapping.next;
     if (mapping.next != nullptr)
         mapping.next->previous = mapping.previous;
+}
+
+// Files ------------------------------------------------------------------------------------------
+
+/// Read as a whole first: the lock is for the time of an open folder, and who takes a name may
+/// come back here, or allocate.
+void PosixPlatform::ListFiles(const char* folder, const char* prefix, Names& names)
+{
+    NameList list;
+    do {
+        if (!list.Grow())
+            return;
+        const std::lock_guard lock(m_mutex);
+        ForEachName(folder, prefix, [&list](const char* name) { list.Add(name); });
+    } while (!list.IsComplete());
+    list.ForEach([&names](const char* name) { names.Take(name); });
+}
+
+/// The lock on the file decides, not the id: another process may have that by now.
+Platform::Maker PosixPlatform::MakerOf(const char* path, long process)
+{
+    const std::lock_guard lock(m_mutex);
+    const ScopedFile file(OpenToRead(path));
+    if (!file || CreatorLives(file.Get()))
+        return Maker::Running;
+    return has_process(process) ? Maker::Ended : Maker::Gone;
+}
+
+bool PosixPlatform::RemoveDeadFile(const char* path)
+{
+    const std::lock_guard lock(m_mutex);
+    return told(RemoveIfDead(path));
+}
+
+bool PosixPlatform::RemoveFile(const char* path)
+{
+    return told(unlink(path) == 0);
+}
+
+bool PosixPlatform::FreeSpace(const char* folder, double* bytes)
+{
+    struct statvfs status;
+    if (!told(statvfs(folder, &status) == 0))
+        return false;
+    *bytes = static_cast<double>(status.f_bavail) * static_cast<double>(status.f_frsize);
+    return true;
 }
 
 // Exit and fork ----------------------------------------------------------------------------------
@@ -199,7 +263,7 @@ void PosixPlatform::remove_own_names()
     m_cleans_up = false;
     const std::lock_guard lock(m_mutex);
     for (const SharedMapping* mapping = m_mappings; mapping != nullptr; mapping = mapping->next)
-        remove_own_name(*mapping);
+        RemoveOwnNames(*mapping);
 }
 
 /// A process id alone doesn't tell a child apart: in a namespace of its own it may be the same.
@@ -264,12 +328,28 @@ std::uint32_t PosixPlatform::AllocationGranularity()
 
 std::uint64_t PosixPlatform::PhysicalMemory()
 {
-    return std::min(MachineMemory(), ControlGroupLimit());
+    return std::min(::MachineMemory(), ControlGroupLimit());
+}
+
+std::uint64_t PosixPlatform::CommittedMemory()
+{
+    return MachineCommitment();
 }
 
 std::uint64_t PosixPlatform::AddressSpace()
 {
     return AddressSpaceLimit();
+}
+
+Platform::Machine PosixPlatform::MachineMemory()
+{
+    const MachineNow now = ReadMachine();
+    return {now.memory, now.available_memory, now.swap, now.available_swap};
+}
+
+bool PosixPlatform::AddressSpaceUse(std::uint64_t& used, std::uint64_t& largest_free)
+{
+    return ReadAddressSpace(AddressSpaceLimit(), used, largest_free);
 }
 
 bool PosixPlatform::TrimWorkingSet(Views& views)
@@ -302,6 +382,32 @@ const char* PosixPlatform::DefaultTempFolder()
 char PosixPlatform::PathSeparator()
 {
     return '/';
+}
+
+void PosixPlatform::SystemName(char* text, std::size_t size)
+{
+    WriteSystemName(text, size);
+}
+
+void PosixPlatform::ProcessName(char* text, std::size_t size)
+{
+    WriteProcessName(text, size);
+}
+
+long long PosixPlatform::FileLength(const char* path)
+{
+    return LengthOfFile(path);
+}
+
+bool PosixPlatform::TruncateFile(const char* path)
+{
+    return EmptyFile(path);
+}
+
+void PosixPlatform::StackTrace()
+{
+    const KeepErrno keep;
+    WriteStackTrace();
 }
 
 void PosixPlatform::WriteStandardError(const char* text, std::size_t size)

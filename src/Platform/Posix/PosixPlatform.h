@@ -2,24 +2,15 @@
 #define PLATFORM_POSIX_POSIXPLATFORM_H
 
 #include "Platform/Platform.h"
-#include "Platform/Posix/SharedFile.h"
+#include "Platform/Posix/SharedMapping.h"
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 
-#include <sys/types.h>
-
-/// What stands behind the handle of a shared mapping.
-struct SharedMapping {
-    SharedFile file;
-    std::uint64_t size = 0;
-    pid_t creator = 0; ///< 0 where the name is another process's business
-    SharedMapping* previous = nullptr;
-    SharedMapping* next = nullptr;
-};
-
-/// Linux. A mapping is a file in /dev/shm, held by an anchor instead of a descriptor. Each file
-/// carries a lock that ends with its last holder, so leftovers of killed processes are known.
+/// Linux. A mapping is a file in /dev/shm, or one elsewhere with a link to it in /dev/shm. It is
+/// held by an anchor, not by a descriptor, unless it is a temp file. Each file carries a lock that
+/// ends with its last holder, so leftovers of killed processes are known.
 ///
 /// m_mutex guards the list of mappings and is held while a descriptor is open, so that no forked
 /// child gets one. Under it nothing is allocated: a hook of a failing allocation may come back
@@ -29,12 +20,21 @@ class PosixPlatform final : public Platform
 public:
     PosixPlatform();
 
-    void* CreateSharedMapping(const char* name, std::uint64_t size) override;
-    void* OpenMapping(const char* name) override;
+    void* CreateSharedMapping(const char* name, std::uint64_t size,
+                              const char* spare_folder) override;
+    void* CreateFileMapping(const char* path, const char* name, std::uint64_t size,
+                            FileFault* fault) override;
+    void* OpenMapping(const char* name, const char* spare_folder) override;
     void* MapView(void* mapping, std::uint64_t offset, std::uint64_t size) override;
     bool UnmapView(void* view, std::uint64_t size) override;
     bool CloseMapping(void* mapping) override;
-    int RemoveDeadMappings(const char* prefix) override;
+    int RemoveDeadMappings(const char* prefix, const char* spare_folder) override;
+
+    void ListFiles(const char* folder, const char* prefix, Names& names) override;
+    Maker MakerOf(const char* path, long process) override;
+    bool RemoveDeadFile(const char* path) override;
+    bool RemoveFile(const char* path) override;
+    bool FreeSpace(const char* folder, double* bytes) override;
 
     unsigned long LastError() override;
     void ErrorText(unsigned long error, char* text, std::size_t size) override;
@@ -45,13 +45,21 @@ public:
 
     std::uint32_t AllocationGranularity() override;
     std::uint64_t PhysicalMemory() override;
+    std::uint64_t CommittedMemory() override;
     std::uint64_t AddressSpace() override;
+    Machine MachineMemory() override;
+    bool AddressSpaceUse(std::uint64_t& used, std::uint64_t& largest_free) override;
     bool TrimWorkingSet(Views& views) override;
     void OnAllocationFailure(AllocationHandler handler) override;
     bool MallocIsHooked() override;
 
     const char* DefaultTempFolder() override;
     char PathSeparator() override;
+    void SystemName(char* text, std::size_t size) override;
+    void ProcessName(char* text, std::size_t size) override;
+    long long FileLength(const char* path) override;
+    bool TruncateFile(const char* path) override;
+    void StackTrace() override;
     void WriteStandardError(const char* text, std::size_t size) override;
 
 private:
@@ -63,7 +71,7 @@ private:
     void clean_up_at_exit();
     void remove_own_names();
     void disown_all();
-    void enlist(SharedMapping& mapping);
+    void* handed_out(std::unique_ptr<SharedMapping>& mapping);
     void delist(SharedMapping& mapping);
 
     std::mutex m_mutex;

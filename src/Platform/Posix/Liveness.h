@@ -1,0 +1,24 @@
+#ifndef PLATFORM_POSIX_LIVENESS_H
+#define PLATFORM_POSIX_LIVENESS_H
+
+/// Each file that backs a mapping bears its creator's mark, a write lock of the open file. It
+/// ends with the last anchor, descriptor or view of that open file, so also when the process is
+/// killed, and stays with a forked child that has them. Readers of the file can't take it.
+bool MarkAsLiving(int file);
+
+/// Whether somebody holds the mark of the file that `file` is a descriptor of. What can't be
+/// judged counts as living.
+bool CreatorLives(int file);
+
+/// Opens a file that may be anybody's, for reading. What isn't a plain file isn't opened.
+/// @return a descriptor; -1 with errno.
+int OpenToRead(const char* path);
+
+/// Removes the file if nobody holds it open who made it. @return true if it is gone by this.
+bool RemoveIfDead(const char* path);
+
+/// Removes a link that this user has made to a file, if that is gone or dead; a file of the same
+/// name as the link, made by the same user, goes with it. @return true if the link is gone by this.
+bool RemoveLinkIfDead(const char* path);
+
+#endif

@@ -1,0 +1,102 @@
+#include "Platform/Posix/Reserve.h"
+
+#include "Platform/Posix/MemoryLimits.h"
+#include "Platform/Posix/Paths.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/resource.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr std::uint64_t disk_step = std::uint64_t{1} << 30;
+constexpr std::uint64_t memory_step = std::uint64_t{1} << 20;
+constexpr std::uint64_t least_step = std::uint64_t{1} << 16;
+
+bool is_memory(const struct statfs& status)
+{
+    const auto type = static_cast<unsigned long>(status.f_type);
+    return type == TMPFS_MAGIC || type == RAMFS_MAGIC;
+}
+
+bool lies_in_memory(int file)
+{
+    struct statfs status;
+    return fstatfs(file, &status) != 0 || is_memory(status);
+}
+
+/// Past the limit the system would send a signal that ends the process.
+bool check_file_limit(std::uint64_t size)
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_FSIZE, &limit) != 0)
+        return false;
+    const std::uint64_t largest = std::numeric_limits<off_t>::max();
+    return size <= std::min<std::uint64_t>(limit.rlim_cur, largest) || Fail(EFBIG);
+}
+
+bool write_zeros(int file, std::uint64_t offset, std::uint64_t size)
+{
+    static const char zeros[1 << 16] = {};
+    for (std::uint64_t done = 0; done < size;) {
+        const std::size_t step = std::min<std::uint64_t>(size - done, sizeof zeros);
+        const ssize_t written = pwrite(file, zeros, step, static_cast<off_t>(offset + done));
+        if (written < 0 && errno != EINTR)
+            return false;
+        done += static_cast<std::uint64_t>(std::max<ssize_t>(written, 0));
+    }
+    return true;
+}
+
+bool reserve_step(int file, std::uint64_t offset, std::uint64_t size)
+{
+    if (fallocate(file, 0, static_cast<off_t>(offset), static_cast<off_t>(size)) == 0)
+        return true;
+    return errno == EOPNOTSUPP && write_zeros(file, offset, size);
+}
+
+/// `look` says, before each step, whether so many bytes more can be borne.
+template <class Look>
+bool reserve_in_steps(int file, std::uint64_t size, std::uint64_t step, Look look)
+{
+    for (std::uint64_t done = 0; done < size;) {
+        const std::uint64_t now = std::min(step, size - done);
+        if (!look(now))
+            return false;
+        if (reserve_step(file, done, now))
+            done += now;
+        else if (errno == EINTR)
+            step = std::max(std::min(step, now) / 2, least_step); // the whole step was undone
+        else
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
+bool Reserve(int file, std::uint64_t size)
+{
+    if (!check_file_limit(size))
+        return false;
+    if (!lies_in_memory(file))
+        return reserve_in_steps(file, size, disk_step, [](std::uint64_t) { return true; });
+
+    // Other processes reserve at the same time: one look for the whole size isn't enough.
+    const MemoryRoom room;
+    return reserve_in_steps(file, size, memory_step,
+                            [&room](std::uint64_t more) { return room.Bears(more); });
+}
+
+bool LiesOnDisk(const char* folder)
+{
+    struct statfs status;
+    return statfs(folder, &status) == 0 && !is_memory(status);
+}

@@ -1,0 +1,32 @@
+#ifndef PLATFORM_POSIX_SHAREDMAPPING_H
+#define PLATFORM_POSIX_SHAREDMAPPING_H
+
+#include "Platform/Posix/SharedFile.h"
+
+#include <cstdint>
+
+#include <sys/types.h>
+
+/// What stands behind the handle of a mapping.
+struct SharedMapping {
+    SharedFile file;
+    OwnName name;       ///< in the folder of shared memory: of the file, or of a link to it
+    OwnName spare_name; ///< of the file in the spare folder
+    std::uint64_t size = 0;
+    pid_t creator = 0; ///< 0 where the names are another process's business
+    SharedMapping* previous = nullptr;
+    SharedMapping* next = nullptr;
+};
+
+/// Makes what a new mapping consists of, in shared memory or else in the spare folder. The names
+/// are prepared; one in the spare folder only if that can be used.
+/// @return false with errno, and with nothing left behind.
+bool MakeInSharedMemory(SharedMapping& mapping, const char* spare_folder);
+
+/// The same for a mapping over a new file at `path`. Its name is prepared.
+Making MakeOverFile(SharedMapping& mapping, const char* path);
+
+/// Takes the names away that this process gave. @return false with errno if one is still there.
+bool RemoveOwnNames(const SharedMapping& mapping);
+
+#endif

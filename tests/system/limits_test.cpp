@@ -1,0 +1,300 @@
+// Whole pagers, each in a process of its own, short of shared memory, disk, memory, descriptors or
+// names. Hunts a lost byte, a signal in place of a refusal, and what outlives its process or is
+// taken from a living one.
+
+#include "Mem/Mem_Configuration.h"
+#include "Mem/Mem_MemInfo.h"
+#include "Mem/Mem_MemPager.h"
+#include "Zor/Zor_Buffer.h"
+#include "support/Children.h"
+#include "support/Footprint.h"
+#include "support/PagerWorld.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <list>
+#include <numeric>
+#include <random>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+namespace
+{
+namespace fs = std::filesystem;
+constexpr unsigned MiB = 1 << 20;
+
+/// A folder on a disk, if /var/tmp is on one.
+struct Temp {
+    ~Temp()
+    {
+        umount2(path, MNT_DETACH);
+        fs::remove_all(path);
+    }
+    char path[30] = "/var/tmp/mempager_test_XXXXXX";
+    const bool made = mkdtemp(path) != nullptr && chmod(path, 0777) == 0;
+};
+
+/// The temp files keep the settings that they find when the process first allocates.
+void Configure(unsigned swap_mb, const std::string& temp = "")
+{
+    MEM_MemoryConfiguration_FileHeapParemeters files{temp.c_str(), 64, 10240, 0};
+    MEM_MemoryConfiguration::GetInstance()->SetFileHeapParmeters(files);
+    MEM_MemoryConfiguration::GetInstance()->SetSwapMaxSizeInMb(swap_mb);
+    MEM_MemoryConfiguration::GetInstance()->SetCacheSize(20);
+}
+
+/// How many names in a folder hold `part`.
+long Count(const std::string& folder, const std::string& part)
+{
+    std::error_code none;
+    return std::count_if(fs::directory_iterator(folder, none), {}, [&](const auto& entry) {
+        return entry.path().filename().string().find(part) != std::string::npos;
+    });
+}
+long Names(pid_t process, const std::string& temp)
+{
+    const std::string part = "NorvaneMemoryBlock_" + std::to_string(process) + "_";
+    return Count("/dev/shm", part) + Count(temp, part);
+}
+
+struct Piece {
+    bool Whole()
+    {
+        const bool mapped = info.Map() == 0;
+        const auto* words = static_cast<const unsigned*>(info.Ptr());
+        const auto right = [now = seed](unsigned word) mutable { return word == now++; };
+        return mapped && std::all_of(words, words + info.Size() / 4, right) && info.Unmap() == 0;
+    }
+    MEM_PagerInfo info;
+    unsigned seed = 0;
+};
+
+/// Pieces that wait unmapped, each full of numbers of its own.
+struct Pieces : std::list<Piece> {
+    bool Add(unsigned size, int count = 1)
+    {
+        for (; count != 0; --count) {
+            Piece& piece = emplace_back();
+            if (MEM_MemPager::GetHandle()->Allocate(size, &piece.info, 0) != 0)
+                return pop_back(), false;
+            auto* words = static_cast<unsigned*>(piece.info.Ptr());
+            std::iota(words, words + size / 4, piece.seed = ++last_seed << 24);
+            piece.info.Unmap();
+        }
+        return true;
+    }
+    bool Whole() { return std::all_of(begin(), end(), std::mem_fn(&Piece::Whole)); }
+    /// Allocates, looks at and frees pieces of all sizes. @return false once a byte is wrong.
+    bool Live(int steps)
+    {
+        for (; steps != 0; --steps) {
+            Add(static_cast<unsigned>(random()) % (6 * MiB) / 4 * 4 + 4);
+            if (!empty() && !front().Whole())
+                return false;
+            if (random() % 24 < size())
+                pop_front();
+        }
+        return Whole();
+    }
+    unsigned last_seed = 0;
+    std::minstd_rand random{static_cast<unsigned>(getpid())};
+};
+
+/// A process's life from its first piece to its last. Another one looks at the pieces, too.
+int Life(unsigned swap_mb, const std::string& temp, bool is_seen = true)
+{
+    struct {
+        unsigned seed;
+        char bytes[1000];
+    } now{};
+    int ends[2];
+    CHILD_CHECK(pipe(ends) == 0);
+    Configure(swap_mb, temp);
+    const pid_t reader = StartChild([&] { // before this process has a pager
+        for (close(ends[1]); read(ends[0], &now, sizeof now) > 0;) {
+            MEM_MemInfo info;
+            Zor_iBuffer(now.bytes, sizeof now.bytes) >> info;
+            if (!Piece{MEM_MemPager::GetHandle()->Register(info), now.seed}.Whole())
+                return 3;
+        }
+        return 0;
+    });
+    Pieces pieces;
+    CHILD_CHECK(pieces.Add(8 * MiB, 8) && pieces.Live(60) && pieces.Add(8 * MiB, 8));
+    CHILD_CHECK((Count(temp, "TempFile") == 0) == (swap_mb > 1000));
+    for (Piece& piece : pieces) {
+        Zor_oBuffer out;
+        MEM_MemPager::GetHandle()->StreamMemInfo(piece.info, out);
+        out.Bytes().copy(now.bytes, sizeof now.bytes);
+        now.seed = piece.seed;
+        CHILD_CHECK(write(ends[1], &now, sizeof now) > 0);
+    }
+    close(ends[1]);
+    CHILD_CHECK(EndOfChild(reader) == (is_seen ? 0 : 3) && pieces.Whole());
+    pieces.clear();
+    return Names(getpid(), temp) == 0 ? 0 : 2;
+}
+
+CHILD_TEST(PagerAtItsLimits, KeepsBothKindsOfMemorySideBySide, InChild)
+{
+    return Life(30, Temp().path);
+}
+
+TEST(PagerAtItsLimits, LiesOnADiskWhereSharedMemoryIsSpoiled)
+{
+    const struct {
+        const char *where, *options;
+        unsigned long flags = 0;
+        bool takes_names = false;
+    } cases[] = {{"/dev/shm", "size=16m", 0, true},
+                 {"/dev/shm", "size=4k", 0, true},
+                 {"/dev/shm", "nr_inodes=1"},
+                 {"/dev/shm", "", MS_RDONLY},
+                 {"/dev", ""}};
+    for (const auto& now : cases)
+        for (const unsigned swap_mb : {1500u, 0u}) {
+            const Temp temp;
+            const int code = InChildAmongOwnMounts([&] {
+                CHILD_CHECK(Mount("tmpfs", now.where, now.options, now.flags));
+                return Life(swap_mb, temp.path, now.takes_names || swap_mb != 0);
+            });
+            SKIP_IF_NOT_PERMITTED(code);
+            EXPECT_EQ(code, 0) << now.where << " " << now.options << " " << swap_mb;
+        }
+}
+
+CHILD_TEST(PagerAtItsLimits, IsRefusedOnceTheDiskIsFullToo, InChildAmongOwnMounts)
+{
+    const Temp temp;
+    const std::string folder = temp.path, make = " && truncate -s 100M disk && mkfs.ext4 -q disk";
+    if (std::system(("cd " + folder + make + " && mount -o loop disk " + folder).c_str()) != 0)
+        return not_permitted;
+    CHILD_CHECK(Mount("tmpfs", "/dev/shm", "size=16m"));
+    Configure(1500, folder);
+    LogCapture log(5);
+    Pieces pieces;
+    while (pieces.Add(3 * MiB)) {
+    }
+    CHILD_CHECK(pieces.size() > 20 && log.Count(5, "SwapMapInfo::AllocateSwap|") > 0);
+    Configure(0);
+    CHILD_CHECK(!pieces.Add(9 * MiB) && log.Count(5, "File_ShmmHeap") > 0 && pieces.Whole());
+    pieces.clear(); // and the room comes back
+    CHILD_CHECK(pieces.Add(3 * MiB, 14) && !pieces.Add(9 * MiB) && pieces.Whole());
+    pieces.clear();
+    return Names(getpid(), folder) == 0 ? 0 : 2;
+}
+
+TEST(PagerAtItsLimits, LiesOnADiskBeforeItsGroupKillsIt)
+{
+    std::string group = "/sys/fs/cgroup/memory", line;
+    for (std::ifstream groups("/proc/self/cgroup"); std::getline(groups, line);)
+        group += line.find(":memory:") == line.npos ? "" : line.substr(line.rfind(':') + 1);
+    mkdir((group += "/mempager_limits").c_str(), 0755);
+    if (!(std::ofstream(group + "/memory.limit_in_bytes") << 100 * MiB << std::flush))
+        GTEST_SKIP() << "the system doesn't permit it here";
+    const Temp temp;
+    pid_t children[3];
+    for (pid_t& child : children)
+        child = StartChild([&] {
+            CHILD_CHECK(std::ofstream(group + "/cgroup.procs") << getpid() << std::flush);
+            return Life(40, temp.path);
+        });
+    for (const pid_t child : children)
+        EXPECT_EQ(EndOfChild(child), 0);
+    rmdir(group.c_str());
+}
+
+/// Runs the body in the first process of a pid namespace, so that all of them bear one id.
+template <class Body>
+pid_t StartNamesake(Body body)
+{
+    return StartChild([body] { return unshare(CLONE_NEWPID) == 0 ? InChild(body) : 3; });
+}
+
+CHILD_TEST(PagerAtItsLimits, CleansUpAfterTheDeadAlone, InChildAmongOwnMounts)
+{
+    const Temp temp;
+    int ends[2], leftovers = 0;
+    char byte = 0;
+    CHILD_CHECK(Mount("tmpfs", "/dev/shm", "size=64m"));
+    CHILD_CHECK(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
+    Configure(90, temp.path);
+    const pid_t living = StartNamesake([&] { // ends without a clean-up
+        Pieces& pieces = *new Pieces;
+        CHILD_CHECK(pieces.Add(8 * MiB, 16) && write(ends[1], &byte, 1) == 1);
+        const long names = Names(1, temp.path);
+        pollfd word{ends[1], POLLIN, 0}; // the first of a namespace gets no alarm
+        CHILD_CHECK(poll(&word, 1, 60000) == 1 && Names(1, temp.path) == names);
+        return pieces.Whole() ? 0 : 2;
+    });
+    CHILD_CHECK(read(ends[0], &byte, 1) == 1 && Count(temp.path, "TempFile") > 0);
+    for (useconds_t round = 0; round < 60; ++round) {
+        const pid_t child = StartChild([] { return Pieces().Live(-1) ? 2 : 3; });
+        usleep(3000 + round * 5003 % 101000);
+        CHILD_CHECK(kill(child, SIGKILL) == 0 && EndOfChild(child) == -SIGKILL);
+        leftovers += Names(child, temp.path) != 0 ? 1 : 0;
+    }
+    CHILD_CHECK(leftovers > 30 && 0 == EndOfChild(StartNamesake([] { // whose names are taken
+                                      int refused = 0;
+                                      for (Pieces pieces; pieces.size() < 16 && refused < 1000;)
+                                          refused += pieces.Add(8 * MiB) ? 0 : 1;
+                                      return refused > 0 && refused < 1000 ? 0 : 2;
+                                  })));
+    CHILD_CHECK(write(ends[0], &byte, 1) == 1 && EndOfChild(living) == 0);
+    CHILD_CHECK(Names(1, temp.path) > 12 && Count(temp.path, "") > 4);
+    CHILD_CHECK(0 == EndOfChild(StartNamesake([] { return Pieces().Add(4) ? 0 : 2; })));
+    return fs::is_empty("/dev/shm") && fs::is_empty(temp.path) ? 0 : 2;
+}
+
+CHILD_TEST(PagerAtItsLimits, NeedsFewDescriptorsAndNoNames, InChildAmongOwnMounts)
+{
+    const Temp temp;
+    CHILD_CHECK(Mount("tmpfs", "/dev/shm"));
+#ifdef MEMPAGER_CHECK_INVARIANTS
+    constexpr int count = 1000; // each call looks at all of them
+#else
+    constexpr int count = 20000;
+#endif
+    Configure(count / 20, temp.path);
+    MEM_MemoryConfiguration::GetInstance()->SetBaseBlockSize(0);
+    Limit(RLIMIT_NOFILE, 50);
+    Pieces pieces;
+    CHILD_CHECK(pieces.Add(65536, count) && Count(temp.path, "TempFile") > 0);
+    for (const auto& entry : fs::directory_iterator("/dev/shm"))
+        fs::remove(entry);
+    fs::remove_all(temp.path);
+    LogCapture log(5);
+    CHILD_CHECK(pieces.Whole() && !pieces.Add(90 * MiB) && log.Count(5, "File_ShmmHeap") > 0);
+    CHILD_CHECK(fs::create_directory(temp.path) && pieces.Add(90 * MiB));
+    pieces.clear();
+    return fs::is_empty("/dev/shm") && fs::is_empty(temp.path) ? 0 : 2;
+}
+
+TEST(PagerAtItsLimits, TakesTheTempFolderItIsTold)
+{
+    const Temp temp;
+    const std::string folder = temp.path, barred = folder + "/barred", missing = folder + "/none";
+    ASSERT_TRUE(fs::create_directory(barred) && chmod(barred.c_str(), 0500) == 0);
+    const std::pair<std::string, std::string> told_and_taken[] = {
+        {"unset", "/var/tmp"},  {"", ""},      {".", folder}, {folder, folder},
+        {folder + "/", folder}, {missing, ""}, {barred, ""}};
+    for (const auto& [told, taken] : told_and_taken)
+        EXPECT_EQ(0, InChild([&, &told = told, &taken = taken] {
+                      CHILD_CHECK(chdir(temp.path) == 0 && (setuid(65534) == 0 || getuid() != 0));
+                      told == "unset" ? unsetenv("TEMP") : setenv("TEMP", told.data(), 1);
+                      Configure(0);
+                      LogCapture log(5);
+                      Pieces pieces;
+                      CHILD_CHECK(pieces.Add(MiB, 3) != taken.empty());
+                      CHILD_CHECK((log.Count(5, "ShmmHeap::Allocate|") > 0) == taken.empty());
+                      CHILD_CHECK(Names(getpid(), taken) == (taken.empty() ? 0 : 2));
+                      pieces.clear();
+                      return Names(getpid(), taken) == 0 ? 0 : 2;
+                  }))
+            << told;
+}
+} // namespace

@@ -1,0 +1,155 @@
+// Hunts what a descriptor from outside can do to its reader: cut, forged or stale, it must be told
+// from a good one before anything is touched, and leave neither a trace nor a lock.
+
+#include "Mem/Mem_MemInfo.h"
+#include "Mem/Mem_ShmmHeap.h"
+#include "Platform/Platform.h"
+#include "Zor/Zor_Buffer.h"
+#include "support/FailingNew.h"
+#include "support/Footprint.h"
+#include "support/Mem_TestAccess.h"
+#include "support/PagerWorld.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+namespace
+{
+const std::string own = "NorvaneMemoryBlock_" + std::to_string(getpid()) + "_1_";
+const std::string good = own + "1";
+
+std::string Descriptor(unsigned offset, unsigned size, unsigned owner_offset, unsigned owner_size,
+                       const std::string& mapping = good, const std::string& name = own + "2")
+{
+    Zor_oBuffer out;
+    out << offset << size << (offset ^ size) << owner_offset << owner_size;
+    out.Write64bitHandle(nullptr);
+    for (const std::string& text : {mapping, name})
+        (out << static_cast<int>(text.size())) << text;
+    return out.Bytes();
+}
+const std::string valid = Descriptor(96, 100, 4096, 8192);
+
+MEM_PagerInfo Adopt(MEM_MemPager& pager, const std::string& bytes)
+{
+    Zor_iBuffer in(bytes.data(), bytes.size());
+    MEM_MemInfo info;
+    in >> info;
+    return pager.Register(info);
+}
+
+enum Fate { Refused, Unmapped, Mapped };
+
+/// A reader, and a region that another process could have made.
+struct Descriptors : testing::Test {
+    const Footprint before = Footprint::Now();
+    LogCapture log{3};
+    Memory_ShmmHeap heap;
+    std::unique_ptr<MEM_MemPager> pager = Mem_TestAccess::MakePager(&heap);
+    void* region = Platform::Get().CreateSharedMapping(good.c_str(), 65536, "/var/tmp");
+    ~Descriptors() override
+    {
+        EXPECT_TRUE(Platform::Get().CloseMapping(region));
+        EXPECT_EQ(Footprint::Now(), before);
+    }
+    /// The whole life of a piece, read at both ends. Nothing is left of it.
+    Fate FateOf(const std::string& bytes)
+    {
+        log.Clear();
+        MEM_PagerInfo piece = Adopt(*pager, bytes);
+        const auto fate = static_cast<Fate>(piece.IsValid() + (piece.Map() == 0));
+        const auto* const at = static_cast<const volatile char*>(piece.Ptr());
+        EXPECT_TRUE(fate == Mapped ? at[0] + at[piece.Size() - 1] == 0 : log.Size() > 0);
+        EXPECT_TRUE(pager->Free(piece) == 0 || fate == Refused);
+        EXPECT_EQ(Mem_TestAccess::Broken(*pager), nullptr);
+        return fate;
+    }
+};
+
+TEST_F(Descriptors, AreReadWholeOrNotAtAll)
+{
+    for (std::size_t cut = 0; cut < valid.size(); ++cut)
+        EXPECT_EQ(FateOf(valid.substr(0, cut)), Refused) << cut;
+    EXPECT_EQ(FateOf(valid + "x"), Mapped);
+    for (const unsigned length : {~0u, 256u, 1u << 31, ~0u >> 1}) {
+        std::string bytes = valid + std::string(300, '1');
+        std::memcpy(&bytes[28], &length, 4);
+        EXPECT_EQ(FateOf(bytes), Refused) << length;
+    }
+}
+
+TEST_F(Descriptors, MustLieInTheRegionAndTheRegionInItsMapping)
+{
+    const unsigned values[] = {0, 1, 4096, 65536, 1u << 31, ~0u};
+    for (const unsigned offset : values)
+        for (const unsigned size : values)
+            for (const unsigned start : values)
+                for (const unsigned length : values) {
+                    const std::uint64_t end = std::uint64_t{start} + length;
+                    const bool sound = size != 0 && std::uint64_t{offset} + size <= length &&
+                                       end <= ~0u && start % 4096 == 0;
+                    const Fate fate = !sound ? Refused : end <= 65536 ? Mapped : Unmapped;
+                    EXPECT_EQ(FateOf(Descriptor(offset, size, start, length)), fate);
+                }
+}
+
+TEST_F(Descriptors, MustBearNamesOfRegions)
+{
+    for (const std::string& bad :
+         {std::string(), std::string(".."), "/dev/shm/" + good, "../" + good, good + "/..", own,
+          own + "x", own + "-", "x" + good, good + "_1", own + std::string(21, '1')}) {
+        EXPECT_EQ(FateOf(Descriptor(0, 1, 0, 1, bad, good)), Refused) << bad;
+        EXPECT_EQ(FateOf(Descriptor(0, 1, 0, 1, good, bad)), Refused) << bad;
+    }
+    const std::string file = "/dev/shm/" + own + "3";
+    for (const bool hangs : {true, false}) {
+        EXPECT_EQ(hangs ? mkfifo(file.c_str(), 0644) : symlink("/etc/passwd", file.c_str()), 0);
+        EXPECT_EQ(FateOf(Descriptor(0, 1, 0, 1, own + "3")), Unmapped) << hangs;
+        EXPECT_EQ(unlink(file.c_str()), 0);
+    }
+}
+
+TEST_F(Descriptors, ShareOneBlockOfWhichTheFirstFixesTheRegion)
+{
+    MEM_PagerInfo first = Adopt(*pager, valid);
+    EXPECT_FALSE(Adopt(*pager, Descriptor(8000, 193, 0, 65536)).IsValid());
+    Zor_oBuffer onward;
+    pager->StreamMemInfo(first, onward);
+    EXPECT_TRUE(onward.Bytes() == valid && first.Map() == 0);
+
+    // Another region takes the name: who holds the old one, keeps it.
+    EXPECT_TRUE(Platform::Get().CloseMapping(region));
+    region = Platform::Get().CreateSharedMapping(good.c_str(), 65536, "/var/tmp");
+    std::ofstream("/dev/shm/" + good, std::ios::in | std::ios::out) << std::string(65536, 'n');
+    for (const char expected : {'\0', 'n'}) {
+        MEM_PagerInfo third = Adopt(*pager, valid);
+        EXPECT_TRUE(third.Map() == 0 && *static_cast<char*>(third.Ptr()) == expected);
+        first.Release();
+    }
+}
+
+TEST_F(Descriptors, ComeBackToTheirMakerInVain)
+{
+    MEM_MemPager* const pagers[] = {MEM_MemPager::GetHandle(), MEM_MemPager::GetHandleForMP()};
+    MEM_PagerInfo piece;
+    ASSERT_EQ(pagers[0]->Allocate(1000, &piece, 0), 0);
+    Zor_oBuffer out;
+    pagers[0]->StreamMemInfo(piece, out);
+    for (MEM_MemPager* by : pagers)
+        EXPECT_FALSE(Adopt(*by, out.Bytes()).IsValid());
+    EXPECT_FALSE(pagers[0]->Register(*piece.GetMemInfoPtr()).IsValid());
+}
+
+TEST_F(Descriptors, LeaveNothingWhenMemoryFailsOnTheWay)
+{
+    for (unsigned n = 1; n < 100; ++n) {
+        try {
+            const FailingNew failing(n);
+            Adopt(*pager, valid);
+        } catch (const std::bad_alloc&) {
+        } // an owner that is left would have other bounds than the next
+        EXPECT_EQ(FateOf(Descriptor(0, 65536, 0, 65537)), Unmapped) << n;
+    }
+}
+} // namespace

@@ -1,0 +1,126 @@
+// Regions out of temp files: hunts a file of the wrong size or where none may be, regions that
+// overlap or lose bytes, a file that outlives its last region, and a cleaner that takes what isn't
+// a leftover.
+
+#include "Mem/Mem_ShmmHeap_Windows.h"
+#include "support/FailingPlatform.h"
+#include "support/Footprint.h"
+#include "support/PagerWorld.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+
+namespace
+{
+namespace fs = std::filesystem;
+
+constexpr unsigned kRegion = 8454144;
+
+/// A folder and settings of a test's own, and a disk that claims the free space it is told.
+class FileHeap : public testing::Test, public ForwardingPlatform
+{
+protected:
+    FileHeap() : ForwardingPlatform(Platform::Get())
+    {
+        char name[] = "/var/tmp/mempager_test_XXXXXX";
+        m_folder = mkdtemp(name);
+        Platform::Replace(this);
+    }
+    ~FileHeap() override
+    {
+        MEM_MemoryConfiguration::GetInstance()->SetInstance(nullptr);
+        Platform::Replace(nullptr);
+        EXPECT_EQ(Footprint::Now(), m_before);
+        fs::remove_all(m_folder);
+    }
+    bool FreeSpace(const char*, double* bytes) override
+    {
+        *bytes = m_free_mb * 1048576.0;
+        return true;
+    }
+    void Set(unsigned file, unsigned total)
+    {
+        MEM_MemoryConfiguration_FileHeapParemeters all{m_folder.c_str(), file, total, 512};
+        MEM_MemoryConfiguration::GetInstance()->SetFileHeapParmeters(all);
+    }
+    std::set<std::string> Files() const
+    {
+        std::set<std::string> names;
+        for (const auto& entry : fs::directory_iterator(m_folder))
+            names.insert(entry.path().filename());
+        return names;
+    }
+
+    const Footprint m_before = Footprint::Now();
+    std::string m_folder;
+    double m_free_mb = 100000;
+};
+
+TEST_F(FileHeap, MakesFilesAsLargeAsTheLimitsLet)
+{
+    struct Row {
+        double free;
+        unsigned request, file, total, made;
+    };
+    const Row rows[] = {
+        {100000, kRegion, 1024, 10240, 1024}, {600, kRegion, 1024, 10240, 88},
+        {575, kRegion, 1024, 10240, 0},       {520, kRegion, 1024, 10240, 0},
+        {100000, kRegion, 1024, 65, 65},      {100000, 1048576000, 100, 10240, 1001},
+        {100000, kRegion, 32, 10240, 0},      {100000, kRegion, 1024, 0, 0},
+        {100000, kRegion, 4096, 10240, 0},    {576, kRegion, 4294967294u, 10240, 64},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(testing::Message() << row.free << " " << row.request << " " << row.file);
+        LogCapture quiet(3);
+        m_free_mb = row.free;
+        Set(row.file, row.total);
+        Windows_File_ShmmHeap heap;
+        BaseInfo* region = nullptr;
+        EXPECT_EQ(heap.Allocate(row.request, 0, &region), row.made != 0 ? 0 : -1);
+        EXPECT_EQ(Files().size(), row.made != 0 ? 1u : 0u);
+        for (const std::string& file : Files())
+            EXPECT_EQ(fs::file_size(m_folder + "/" + file) >> 20, row.made);
+        if (region != nullptr)
+            heap.Free(region);
+        EXPECT_TRUE(Files().empty());
+    }
+}
+
+TEST_F(FileHeap, CleansOnlyWhatTheDeadHaveLeft)
+{
+    Set(64, 10240);
+    Windows_File_ShmmHeap living;
+    BaseInfo* region = nullptr;
+    ASSERT_EQ(living.Allocate(1, 0, &region), 0);
+    std::set<std::string> stay = Files();
+    for (const char* const name : {"TempFile.txt", "TempFile_abc", "TempFile_0_1", "Other_9_9_9"}) {
+        std::ofstream(m_folder + "/" + name) << "x";
+        stay.insert(name);
+    }
+    // No process has such an id; one has this test's own, but it doesn't hold the file.
+    for (const auto& maker : {std::string("99999999"), std::to_string(getpid())})
+        std::ofstream(m_folder + "/TempFileNorvaneMemoryBlock_" + maker + "_1_0") << "x";
+    Windows_File_ShmmHeap().crash_recovery();
+    EXPECT_EQ(Files(), stay);
+    living.Free(region);
+}
+
+TEST(UniqueNames, TellTheirProcessWhateverTheFolder)
+{
+    const std::pair<const char*, int> names[] = {
+        {"NorvaneMemoryBlock_4242_17_3", 4242},
+        {"C:\\Temp_1\\TempFileNorvane_4242_17_3", 4242},
+        {"/tmp_7/TempFileNorvane_4242_1_3", 4242},
+        {"TempFile.txt", 0},
+        {"/tmp_5/TempFile_abc", 0},
+        {"", 0},
+    };
+    for (const auto& [name, process] : names)
+        EXPECT_EQ(BaseMapInfo::GetProcessIdFromUniqueName(name), process) << name;
+}
+} // namespace
