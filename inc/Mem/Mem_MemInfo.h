@@ -130,6 +130,9 @@ protected:
 
 private:
     friend struct Mem_TestAccess;
+    friend class MEM_MemPager;
+
+    int m_block_id = -1; // the pager's id for a region that it has made
 };
 
 /// Describes one piece: where it lies inside the region that holds it, which region that is, and

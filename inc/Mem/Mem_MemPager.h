@@ -15,6 +15,7 @@
 #include <iosfwd>
 #include <unordered_map>
 
+class BaseMapInfo;
 class MEM_MemInfo;
 class ShmmHeap;
 class Zor_PerformanceCounterData;
@@ -199,9 +200,10 @@ private:
     void report_refused_piece(unsigned int size) FIBREX_REQUIRES(mutex);
     void give_back(MEM_MemInfo* piece) FIBREX_REQUIRES(mutex);
     int internal_register(MEM_MemInfo& info, MEM_PagerInfo* out) FIBREX_REQUIRES(mutex);
+    int find_local_block(const BaseMapInfo& owner) const FIBREX_REQUIRES(mutex);
     int register_local(MEM_MemInfo& info) FIBREX_REQUIRES(mutex);
     int register_on_block(int id, MEM_MemInfo& info) FIBREX_REQUIRES(mutex);
-    int register_new_block(const RWCString& name, MEM_MemInfo& info) FIBREX_REQUIRES(mutex);
+    int register_new_block(MEM_MemInfo& info) FIBREX_REQUIRES(mutex);
     int register_foreign(MEM_MemInfo& info, MEM_PagerInfo* out) FIBREX_REQUIRES(mutex);
     int register_foreign_block(MEM_MemInfo& info, MEM_MemInfo& piece) FIBREX_REQUIRES(mutex);
     bool makes_locally(const RWCString& name) const;

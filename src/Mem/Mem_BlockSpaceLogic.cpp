@@ -14,17 +14,22 @@ std::uint32_t alignment_gap(std::uint32_t offset, std::uint32_t alignment)
     return excess == 0 ? 0 : alignment - excess;
 }
 
+constexpr std::size_t kFirstBuckets = 64; // a power of two, as all that follow
+
 std::uint32_t clamp(std::uint64_t size)
 {
     return static_cast<std::uint32_t>(std::min<std::uint64_t>(size, UINT32_MAX));
 }
 } // namespace
 
-BlockSpaceLogic::BlockSpaceLogic(std::uint32_t size) : m_size(size)
+BlockSpaceLogic::BlockSpaceLogic(std::uint32_t size)
+    : m_size(size), m_buckets(kFirstBuckets, nullptr)
 {
     keep_spare();
     Chunk& whole = take_spare();
     whole.actual_size = size;
+    if (size != 0)
+        m_first = &whole;
     enter_free(whole);
 }
 
@@ -35,15 +40,15 @@ bool BlockSpaceLogic::Allocate(std::uint32_t size, Mem_MemoryChunk* chunk, std::
                                std::uint32_t* actual_size)
 {
     keep_spare(); // first, since a new-handler can run in there
+    keep_buckets();
     Chunk* const found = const_cast<Chunk*>(find_free_chunk(size, alignment, actual_size));
     if (found == nullptr)
         return false;
     Chunk& taken = take_front(*found, *actual_size);
     taken.size = size;
-    taken.aligned_offset = taken.offset + alignment_gap(taken.offset, alignment);
-    m_allocated_chunks.insert(taken);
+    enter_allocated(taken);
     m_allocated += taken.actual_size;
-    *chunk = Mem_MemoryChunk(size, taken.aligned_offset);
+    *chunk = Mem_MemoryChunk(size, taken.AlignedOffset());
     return true;
 }
 
@@ -57,15 +62,15 @@ bool BlockSpaceLogic::CanAllocate(std::uint32_t size, std::uint32_t alignment,
 
 bool BlockSpaceLogic::Free(const Mem_MemoryChunk& chunk)
 {
-    const auto found = m_allocated_chunks.lower_bound(chunk.m_Offset);
-    if (found == m_allocated_chunks.end() || found->aligned_offset != chunk.m_Offset)
-        RWThrow(RWBoundsErr(RWMessage(RWTOOL_INDEXERR(), UINT64_MAX, m_allocated_chunks.size())));
+    Chunk* const found = leave_allocated(chunk.m_Offset);
+    if (found == nullptr)
+        RWThrow(RWBoundsErr(
+            RWMessage(RWTOOL_INDEXERR(), UINT64_MAX, m_allocated_count + m_nothing.size())));
     Chunk& freed = *found;
-    m_allocated_chunks.erase(found);
     m_allocated -= freed.actual_size;
-    if (Chunk* const right = free_chunk_from(freed.End()))
+    if (Chunk* const right = free_chunk_behind(freed))
         absorb(freed, *right);
-    if (Chunk* const left = free_chunk_up_to(freed.offset))
+    if (Chunk* const left = free_chunk_before(freed))
         absorb(freed, *left);
     enter_free(freed);
     return true;
@@ -85,9 +90,10 @@ void BlockSpaceLogic::PrintStatus(std::ostream& os) const
     for (const Chunk& chunk : m_free)
         os << "\tFree Chunk " << ++count << ", Size " << chunk.actual_size << ", Offset "
            << chunk.offset << '\n';
-    for (const Chunk& chunk : m_allocated_chunks)
+    for_each_allocated([&](const Chunk& chunk) {
         os << "\tAllocated Chunk " << ++count << ", Size " << chunk.size << ", Offset "
            << chunk.offset << '\n';
+    });
     os << "\n\n";
 }
 
@@ -106,6 +112,17 @@ const BlockSpaceLogic::Chunk* BlockSpaceLogic::find_free_chunk(std::uint32_t siz
                                                                std::uint32_t alignment,
                                                                std::uint32_t* actual_size) const
 {
+    if (m_found.chunk == nullptr || m_found.size != size || m_found.alignment != alignment) {
+        m_found = {nullptr, size, alignment, 0};
+        m_found.chunk = search(size, alignment, &m_found.actual_size);
+    }
+    *actual_size = m_found.actual_size;
+    return m_found.chunk;
+}
+
+const BlockSpaceLogic::Chunk* BlockSpaceLogic::search(std::uint32_t size, std::uint32_t alignment,
+                                                      std::uint32_t* actual_size) const
+{
     *actual_size = size;
     const Chunk* chunk = smallest_of_at_least(size);
     if (chunk == nullptr)
@@ -120,61 +137,152 @@ const BlockSpaceLogic::Chunk* BlockSpaceLogic::find_free_chunk(std::uint32_t siz
     return chunk;
 }
 
+/// As lower_bound() by size, but without a branch at each level: that would be foreseen every
+/// other time only.
 const BlockSpaceLogic::Chunk* BlockSpaceLogic::smallest_of_at_least(std::uint64_t size) const
 {
-    const auto found = m_free.lower_bound(
-        size, [](const Chunk& chunk, std::uint64_t wanted) { return chunk.actual_size < wanted; });
+    const Chunk* found = nullptr;
+    auto node = m_free.empty() ? nullptr : m_free.root().pointed_node();
+    while (node != nullptr) {
+        const Chunk* const chunk = FreeSet::value_traits::to_value_ptr(node);
+        const auto left = FreeSet::node_traits::get_left(node);
+        const auto right = FreeSet::node_traits::get_right(node);
+        const bool is_less = chunk->actual_size < size;
+        found = is_less ? found : chunk;
+        node = is_less ? right : left;
+    }
+    return found;
+}
+
+/// The first free chunk, by size and age, that `borders` is true for; null if there is none.
+template <class Borders>
+BlockSpaceLogic::Chunk* BlockSpaceLogic::first_free(Borders borders)
+{
+    const auto found = std::find_if(m_free.begin(), m_free.end(), borders);
     return found == m_free.end() ? nullptr : &*found;
 }
 
-/// The free chunk that begins at `offset`, or null.
-BlockSpaceLogic::Chunk* BlockSpaceLogic::free_chunk_from(std::uint32_t offset)
+/// The same, of the empty ones, which stand in front of all others.
+template <class Borders>
+BlockSpaceLogic::Chunk* BlockSpaceLogic::empty_free(Borders borders)
 {
-    if (Chunk* const empty = empty_chunk_at(offset))
-        return empty;
-    const auto found = m_free_by_offset.find(offset);
-    return found == m_free_by_offset.end() ? nullptr : &*found;
+    const auto found = std::find_if(m_free.begin(), m_free.end(), [&](const Chunk& chunk) {
+        return chunk.actual_size != 0 || borders(chunk);
+    });
+    return found == m_free.end() || found->actual_size != 0 ? nullptr : &*found;
 }
 
-/// The free chunk that ends at `offset`, or null.
-BlockSpaceLogic::Chunk* BlockSpaceLogic::free_chunk_up_to(std::uint32_t offset)
+/// The free chunk that begins where `chunk` ends, an empty one first; or null.
+BlockSpaceLogic::Chunk* BlockSpaceLogic::free_chunk_behind(const Chunk& chunk)
 {
-    if (Chunk* const empty = empty_chunk_at(offset))
-        return empty;
-    auto found = m_free_by_offset.lower_bound(offset);
-    if (found == m_free_by_offset.begin())
-        return nullptr;
-    --found;
-    return found->End() == offset ? &*found : nullptr;
+    const auto borders = [&](const Chunk& other) { return other.offset == chunk.End(); };
+    if (chunk.actual_size == 0)
+        return first_free(borders);
+    Chunk* const empty = empty_free(borders);
+    return empty != nullptr || chunk.behind == nullptr || !chunk.behind->is_free ? empty
+                                                                                 : chunk.behind;
 }
 
-BlockSpaceLogic::Chunk* BlockSpaceLogic::empty_chunk_at(std::uint32_t offset)
+/// The free chunk that ends where `chunk` begins, an empty one first; or null.
+BlockSpaceLogic::Chunk* BlockSpaceLogic::free_chunk_before(const Chunk& chunk)
 {
-    const auto found = m_empty.find(offset);
-    return found == m_empty.end() ? nullptr : &*found;
-}
-
-BlockSpaceLogic::OffsetSet& BlockSpaceLogic::neighbours_of(const Chunk& chunk)
-{
-    return chunk.actual_size == 0 ? m_empty : m_free_by_offset;
+    const auto borders = [&](const Chunk& other) { return other.End() == chunk.offset; };
+    if (chunk.actual_size == 0)
+        return first_free(borders);
+    Chunk* const empty = empty_free(borders);
+    return empty != nullptr || chunk.before == nullptr || !chunk.before->is_free ? empty
+                                                                                 : chunk.before;
 }
 
 void BlockSpaceLogic::enter_free(Chunk& chunk)
 {
-    chunk.freed = ++m_clock;
-    m_free.insert(chunk);
-    neighbours_of(chunk).insert(chunk);
+    m_found.chunk = nullptr;
+    chunk.is_free = true;
+    chunk.order = ++m_clock;
+    // The youngest of its size stands before the first that is larger.
+    const Chunk* const larger = smallest_of_at_least(std::uint64_t{chunk.actual_size} + 1);
+    m_free.insert_before(larger == nullptr ? m_free.end() : m_free.iterator_to(*larger), chunk);
 }
 
 void BlockSpaceLogic::leave_free(Chunk& chunk)
 {
+    m_found.chunk = nullptr;
     m_free.erase(m_free.iterator_to(chunk));
-    OffsetSet& neighbours = neighbours_of(chunk);
-    neighbours.erase(neighbours.iterator_to(chunk));
+    chunk.is_free = false;
+}
+
+void BlockSpaceLogic::enter_allocated(Chunk& chunk)
+{
+    const std::uint32_t offset = chunk.AlignedOffset();
+    if (chunk.size == 0) {
+        chunk.order = ++m_clock;
+        chunk.is_ahead = *find_bytes(offset) == nullptr;
+        m_nothing.insert(chunk);
+        return;
+    }
+    for (Chunk& nothing : m_nothing)
+        nothing.is_ahead = nothing.is_ahead || nothing.AlignedOffset() == offset;
+    enter_bucket(chunk);
+    ++m_allocated_count;
+}
+
+void BlockSpaceLogic::enter_bucket(Chunk& chunk)
+{
+    Chunk*& bucket = bucket_of(chunk.AlignedOffset());
+    chunk.next = bucket;
+    bucket = &chunk;
+}
+
+/// Takes the first chunk that was given out at that offset out of its index; null if there is none.
+BlockSpaceLogic::Chunk* BlockSpaceLogic::leave_allocated(std::uint32_t aligned_offset)
+{
+    Chunk** const bytes = find_bytes(aligned_offset);
+    const auto nothing = std::find_if(m_nothing.begin(), m_nothing.end(), [&](const Chunk& other) {
+        return other.AlignedOffset() == aligned_offset && (other.is_ahead || *bytes == nullptr);
+    });
+    if (nothing != m_nothing.end()) {
+        Chunk& chunk = *nothing;
+        m_nothing.erase(nothing);
+        return &chunk;
+    }
+    Chunk* const chunk = *bytes;
+    if (chunk != nullptr) {
+        *bytes = chunk->next;
+        --m_allocated_count;
+    }
+    return chunk;
+}
+
+/// Where the chains point to the chunk with bytes at that offset; a pointer to null if none has.
+BlockSpaceLogic::Chunk** BlockSpaceLogic::find_bytes(std::uint32_t aligned_offset)
+{
+    Chunk** at = &bucket_of(aligned_offset);
+    while (*at != nullptr && (*at)->AlignedOffset() != aligned_offset)
+        at = &(*at)->next;
+    return at;
+}
+
+/// By rising aligned offset, equals in the order in which they were given out.
+template <class Visit>
+void BlockSpaceLogic::for_each_allocated(Visit visit) const
+{
+    auto nothing = m_nothing.begin();
+    for (const Chunk* chunk = m_first; chunk != nullptr; chunk = chunk->behind) {
+        if (chunk->is_free || chunk->size == 0)
+            continue;
+        const std::uint32_t offset = chunk->AlignedOffset();
+        for (; nothing != m_nothing.end() &&
+               (nothing->AlignedOffset() < offset ||
+                (nothing->AlignedOffset() == offset && nothing->is_ahead));
+             ++nothing)
+            visit(*nothing);
+        visit(*chunk);
+    }
+    std::for_each(nothing, m_nothing.end(), visit);
 }
 
 /// Takes `size` bytes from the start of a free chunk, or all of it. keep_spare() comes first.
-/// @return the record of what was taken, which stands in no set.
+/// @return the record of what was taken.
 BlockSpaceLogic::Chunk& BlockSpaceLogic::take_front(Chunk& chunk, std::uint32_t size)
 {
     leave_free(chunk);
@@ -183,6 +291,8 @@ BlockSpaceLogic::Chunk& BlockSpaceLogic::take_front(Chunk& chunk, std::uint32_t 
     Chunk& front = take_spare();
     front.offset = chunk.offset;
     front.actual_size = size;
+    if (size != 0)
+        insert_before(front, chunk);
     chunk.offset += size;
     chunk.actual_size -= size;
     enter_free(chunk);
@@ -193,22 +303,83 @@ BlockSpaceLogic::Chunk& BlockSpaceLogic::take_front(Chunk& chunk, std::uint32_t 
 void BlockSpaceLogic::absorb(Chunk& chunk, Chunk& neighbour)
 {
     leave_free(neighbour);
+    if (neighbour.actual_size != 0) {
+        if (chunk.actual_size == 0)
+            replace(neighbour, chunk);
+        else
+            unlink(neighbour);
+    }
     chunk.offset = std::min(chunk.offset, neighbour.offset);
     chunk.actual_size += neighbour.actual_size;
-    neighbour.next_spare = m_spare;
-    m_spare = &neighbour;
+    give_spare(neighbour);
+}
+
+void BlockSpaceLogic::link(Chunk* before, Chunk* behind)
+{
+    if (before != nullptr)
+        before->behind = behind;
+    if (behind != nullptr)
+        behind->before = before;
+}
+
+void BlockSpaceLogic::insert_before(Chunk& chunk, Chunk& behind)
+{
+    link(behind.before, &chunk);
+    link(&chunk, &behind);
+    if (m_first == &behind)
+        m_first = &chunk;
+}
+
+void BlockSpaceLogic::replace(Chunk& old, Chunk& chunk)
+{
+    insert_before(chunk, old);
+    unlink(old);
+}
+
+void BlockSpaceLogic::unlink(Chunk& chunk)
+{
+    if (m_first == &chunk)
+        m_first = chunk.behind;
+    link(chunk.before, chunk.behind);
+}
+
+// Offsets have a pattern; a multiplication by a large odd number spreads them.
+BlockSpaceLogic::Chunk*& BlockSpaceLogic::bucket_of(std::uint32_t aligned_offset)
+{
+    const std::uint64_t spread = aligned_offset * std::uint64_t{0x9E3779B97F4A7C15};
+    return m_buckets[(spread >> 32) & (m_buckets.size() - 1)];
+}
+
+/// Makes sure that there are as many buckets as allocated chunks, one more included.
+void BlockSpaceLogic::keep_buckets()
+{
+    if (m_allocated_count < m_buckets.size())
+        return;
+    std::vector<Chunk*> more(2 * m_buckets.size(), nullptr);
+    m_buckets.swap(more);
+    for (Chunk* chunk = m_first; chunk != nullptr; chunk = chunk->behind)
+        if (!chunk->is_free && chunk->size != 0)
+            enter_bucket(*chunk);
 }
 
 /// Makes sure that take_spare() finds a record.
 void BlockSpaceLogic::keep_spare()
 {
     if (m_spare == nullptr)
-        m_spare = &m_pool.emplace_back();
+        give_spare(m_pool.emplace_back());
 }
 
 BlockSpaceLogic::Chunk& BlockSpaceLogic::take_spare()
 {
     Chunk& chunk = *m_spare;
-    m_spare = chunk.next_spare;
+    m_spare = chunk.next;
+    chunk.before = nullptr;
+    chunk.behind = nullptr;
     return chunk;
+}
+
+void BlockSpaceLogic::give_spare(Chunk& chunk)
+{
+    chunk.next = m_spare;
+    m_spare = &chunk;
 }

@@ -5,9 +5,11 @@
 
 #include <boost/intrusive/set.hpp>
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <iosfwd>
+#include <vector>
 
 /// The bookkeeping of one block: which stretches of a region are free and which are allocated.
 /// It does arithmetic only and never touches the region.
@@ -15,7 +17,7 @@
 /// Best fit with immediate merging: a request takes the smallest free chunk that can hold it,
 /// the oldest among equals; the rest of that chunk stays free behind it; a freed chunk joins its
 /// free neighbours at once. All numbers are bytes. All operations are logarithmic in the number
-/// of chunks.
+/// of free chunks at most.
 ///
 /// Free() allocates nothing. Allocate() allocates before it changes anything, so std::bad_alloc
 /// leaves everything as it was.
@@ -66,67 +68,82 @@ public:
 private:
     friend struct Mem_TestAccess;
 
-    template <class Tag>
-    using Hook = boost::intrusive::set_base_hook<boost::intrusive::tag<Tag>,
-                                                 boost::intrusive::optimize_size<true>>;
-    using MainHook = Hook<struct MainOrder>;        // in m_free or in m_allocated_chunks
-    using NeighbourHook = Hook<struct OffsetOrder>; // free: in m_free_by_offset or in m_empty
+    using SetHook = boost::intrusive::set_base_hook<boost::intrusive::optimize_size<true>>;
 
-    /// One stretch of the region, or a spare record.
-    struct Chunk : MainHook, NeighbourHook {
-        std::uint32_t offset = 0;         // where the stretch begins
-        std::uint32_t actual_size = 0;    // how long it is, an alignment gap included
-        std::uint32_t size = 0;           // allocated: what was asked for
-        std::uint32_t aligned_offset = 0; // allocated: what was handed out
-        std::uint64_t freed = 0;          // free: when it became so, for the order among equals
-        Chunk* next_spare = nullptr;
+    /// One stretch of the region, or a spare record. A cache line: what the space logic costs in a
+    /// full heap is the records that it has to look at.
+    struct alignas(64) Chunk : SetHook {
+        Chunk* before = nullptr; // its neighbours in the region; none for an empty stretch
+        Chunk* behind = nullptr;
+        std::uint32_t offset = 0;      // where the stretch begins
+        std::uint32_t actual_size = 0; // how long it is, an alignment gap included
+        std::uint32_t size = 0;        // allocated: what was asked for
+        bool is_free = false;
+        bool is_ahead = false; // allocated, of 0 bytes: before one with bytes at that offset
+        union {
+            std::uint64_t order = 0; // when it became free, or, if of 0 bytes, was allocated
+            Chunk* next;             // allocated: in its bucket; spare: in the list
+        };
 
         std::uint32_t End() const { return offset + actual_size; }
+        std::uint32_t AlignedOffset() const { return offset + (actual_size - size); }
     };
 
     struct SmallerThenOlder {
         bool operator()(const Chunk& a, const Chunk& b) const
         {
             return a.actual_size != b.actual_size ? a.actual_size < b.actual_size
-                                                  : a.freed < b.freed;
+                                                  : a.order < b.order;
         }
     };
-    struct OffsetOf {
-        using type = std::uint32_t;
-        type operator()(const Chunk& chunk) const { return chunk.offset; }
-    };
-    struct AlignedOffsetOf {
-        using type = std::uint32_t;
-        type operator()(const Chunk& chunk) const { return chunk.aligned_offset; }
+    struct LowerThenOlder {
+        bool operator()(const Chunk& a, const Chunk& b) const
+        {
+            return a.AlignedOffset() != b.AlignedOffset() ? a.AlignedOffset() < b.AlignedOffset()
+                                                          : a.order < b.order;
+        }
     };
 
-    using FreeSet = boost::intrusive::set<Chunk, boost::intrusive::base_hook<MainHook>,
-                                          boost::intrusive::compare<SmallerThenOlder>>;
-    using OffsetSet = boost::intrusive::set<Chunk, boost::intrusive::base_hook<NeighbourHook>,
-                                            boost::intrusive::key_of_value<OffsetOf>>;
-    using AllocatedSet =
-        boost::intrusive::multiset<Chunk, boost::intrusive::base_hook<MainHook>,
-                                   boost::intrusive::key_of_value<AlignedOffsetOf>>;
+    using FreeSet = boost::intrusive::set<Chunk, boost::intrusive::compare<SmallerThenOlder>>;
+    using NothingSet = boost::intrusive::set<Chunk, boost::intrusive::compare<LowerThenOlder>>;
 
     /// The free chunk that takes the request, or null. This is best fit but for one thing: if the
     /// smallest chunk of at least `size` is too small for its gap, the smallest of at least `size`
     /// plus `alignment` is taken, and what lies between is passed over.
     const Chunk* find_free_chunk(std::uint32_t size, std::uint32_t alignment,
                                  std::uint32_t* actual_size) const;
+    const Chunk* search(std::uint32_t size, std::uint32_t alignment,
+                        std::uint32_t* actual_size) const;
     const Chunk* smallest_of_at_least(std::uint64_t size) const;
 
-    Chunk* free_chunk_from(std::uint32_t offset);
-    Chunk* free_chunk_up_to(std::uint32_t offset);
-    Chunk* empty_chunk_at(std::uint32_t offset);
+    Chunk* free_chunk_behind(const Chunk& chunk);
+    Chunk* free_chunk_before(const Chunk& chunk);
+    template <class Borders>
+    Chunk* first_free(Borders borders);
+    template <class Borders>
+    Chunk* empty_free(Borders borders);
 
-    OffsetSet& neighbours_of(const Chunk& chunk);
     void enter_free(Chunk& chunk);
     void leave_free(Chunk& chunk);
+    void enter_allocated(Chunk& chunk);
+    void enter_bucket(Chunk& chunk);
+    Chunk* leave_allocated(std::uint32_t aligned_offset);
+    Chunk** find_bytes(std::uint32_t aligned_offset);
+    template <class Visit>
+    void for_each_allocated(Visit visit) const;
     Chunk& take_front(Chunk& chunk, std::uint32_t size);
     void absorb(Chunk& chunk, Chunk& neighbour);
 
+    static void link(Chunk* before, Chunk* behind);
+    void insert_before(Chunk& chunk, Chunk& behind);
+    void replace(Chunk& old, Chunk& chunk);
+    void unlink(Chunk& chunk);
+
+    Chunk*& bucket_of(std::uint32_t aligned_offset);
+    void keep_buckets();
     void keep_spare();
     Chunk& take_spare();
+    void give_spare(Chunk& chunk);
 
     std::uint32_t m_size;
     std::uint32_t m_allocated = 0;
@@ -136,12 +153,25 @@ private:
     std::deque<Chunk> m_pool; // addresses stay as it grows
     Chunk* m_spare = nullptr; // records of the pool that are not in use
     FreeSet m_free;
-    // Free chunks again, to find a freed chunk's neighbours. Chunks of size 0 come from requests
-    // of 0 bytes alone. They can lie where another chunk begins, ends or runs, and are found ahead
-    // of it as a neighbour, as they are ahead of it by size; no two lie at one offset.
-    OffsetSet m_free_by_offset;
-    OffsetSet m_empty;
-    AllocatedSet m_allocated_chunks; // equals in the order in which they were allocated
+
+    /// The answer to the latest question, since each is asked twice; none once m_free has changed.
+    struct Found {
+        const Chunk* chunk = nullptr;
+        std::uint32_t size = 0;
+        std::uint32_t alignment = 0;
+        std::uint32_t actual_size = 0;
+    };
+    mutable Found m_found;
+
+    /// All stretches in the order of their offsets, but for empty ones: those come from requests of
+    /// 0 bytes alone, and can lie where another begins, ends or runs.
+    Chunk* m_first = nullptr;
+
+    /// Allocated chunks by aligned offset, in chains. Those of requests of 0 bytes stand apart,
+    /// since they can share their offset with others.
+    std::vector<Chunk*> m_buckets;
+    std::size_t m_allocated_count = 0;
+    NothingSet m_nothing;
 };
 
 #endif

@@ -342,18 +342,17 @@ int MEM_MemPager::register_local(MEM_MemInfo& info)
         ZOR_LOG("MEM_MemPager::Register", 3, "Register: Refused a piece that has its handle\n");
         return -1;
     }
-    const RWCString name = info.Owner()->Name();
-    const auto known = m_block_ids.find(name);
-    if (known != m_block_ids.end() && !m_blocks.At(known->second).owner->Local()) {
-        // Names can be foreseen, and so forged; a piece on the foreign view couldn't be written to.
-        ZOR_LOG("MEM_MemPager::Register", 3,
-                "Register: Refused a new region: a descriptor from outside bears its name\n");
-        return -1;
-    }
-    const int id = known != m_block_ids.end() ? register_on_block(known->second, info)
-                                              : register_new_block(name, info);
+    const int known = find_local_block(*info.Owner());
+    const int id = known >= 0 ? register_on_block(known, info) : register_new_block(info);
     info.m_registered = id >= 0;
     return id;
+}
+
+/// The block of a region that this process has made; -1 if this pager doesn't know it.
+int MEM_MemPager::find_local_block(const BaseMapInfo& owner) const
+{
+    const RegisteredBlock* const block = m_blocks.Find(owner.m_block_id);
+    return block != nullptr && block->owner == &owner ? owner.m_block_id : -1;
 }
 
 int MEM_MemPager::register_on_block(int id, MEM_MemInfo& info)
@@ -420,8 +419,15 @@ private:
     bool m_used = false;
 };
 
-int MEM_MemPager::register_new_block(const RWCString& name, MEM_MemInfo& info)
+int MEM_MemPager::register_new_block(MEM_MemInfo& info)
 {
+    const RWCString name = info.Owner()->Name();
+    if (m_block_ids.find(name) != m_block_ids.end()) {
+        // Names can be foreseen, and so forged; a piece on the foreign view couldn't be written to.
+        ZOR_LOG("MEM_MemPager::Register", 3,
+                "Register: Refused a new region: a descriptor from outside bears its name\n");
+        return -1;
+    }
     auto block = std::make_unique<RegisteredBlock>(info.Owner());
     NextBlock next(*this, name);
     if (private_map(block.get(), false, true) != 0) {
@@ -435,7 +441,8 @@ int MEM_MemPager::register_new_block(const RWCString& name, MEM_MemInfo& info)
     info.UpdatePtrByBase(block->owner->Ptr());
     m_local_blocks_size += block->owner->Size();
     m_local_pieces_size += info.Size();
-    return next.Use(block.release());
+    info.Owner()->m_block_id = next.Use(block.release());
+    return info.Owner()->m_block_id;
 }
 
 MEM_PagerInfo MEM_MemPager::Register(MEM_MemInfo& info)
@@ -572,11 +579,13 @@ int MEM_MemPager::Free(MEM_PagerInfo& info)
     // The heap destroys the owner with the last piece, so the block leaves the tables before:
     // whatever comes in between, they are whole.
     BaseMapInfo* const owner = block.owner;
-    const RWCString name = owner->Name();
+    RWCString name;
     const bool local = owner->Local();
     const bool last = --block.ref == 0;
-    if (last)
+    if (last) {
+        name = owner->Name();
         forget_block(id, block, name);
+    }
     free_piece(info.GetMemInfoPtr(), local);
     if (last && !local)
         release_owner(owner, name);

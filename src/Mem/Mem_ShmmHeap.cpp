@@ -21,11 +21,11 @@ Block::~Block() = default;
 int Block::Allocate(unsigned int size, unsigned int alignment, BaseInfo** result,
                     unsigned int always_mapped, unsigned int group_id, unsigned int* actual_size)
 {
-    const unsigned int threshold = MEM_MemoryConfiguration::GetInstance()->BlockSizeThreshold();
+    const Mem_BlockKind kind = KindAfter(size, always_mapped, group_id);
     const int failure = carve(size, alignment, alignment, result, actual_size);
     if (failure != 0)
         return failure;
-    set_size_class(size, threshold);
+    SetChunkSizeRange(kind.smallest, kind.largest);
     m_always_mapped = always_mapped;
     m_group_id = group_id;
     return 0;
@@ -52,12 +52,13 @@ int Block::Allocate(unsigned int size, unsigned int alignment, BaseInfo** result
     return Allocate(size, alignment, result, 0, 0, &actual_size);
 }
 
-void Block::set_size_class(unsigned int size, unsigned int threshold)
+Mem_BlockKind Block::KindAfter(unsigned int size, unsigned int always_mapped,
+                               unsigned int group_id) const
 {
+    const unsigned int threshold = MEM_MemoryConfiguration::GetInstance()->BlockSizeThreshold();
     if (size < threshold)
-        SetChunkSizeRange(0, threshold);
-    else
-        SetChunkSizeRange(threshold, m_largest_chunk);
+        return {m_client, always_mapped, group_id, 0, threshold};
+    return {m_client, always_mapped, group_id, threshold, m_largest_chunk};
 }
 
 int Block::Free(BaseInfo* info)
@@ -164,15 +165,20 @@ int ShmmHeap::Allocate(unsigned int size, unsigned int alignment, BaseInfo** res
             return failure;
         }
         block->SetClient(m_client);
+        block->SetAge(++m_next_age);
         m_blocks.push_front(*block);
     }
 
     NewBlock unless_empty(*this, opened ? block : nullptr);
+    const Mem_BlockIndex::Room room(m_index, *block,
+                                    block->KindAfter(size, always_mapped, group_id));
     unsigned int actual_size = 0;
     const int failure =
         block->Allocate(size, alignment, result, always_mapped, group_id, &actual_size);
-    if (failure == 0)
+    if (failure == 0) {
         m_total_size += actual_size;
+        m_index.Settle(*block);
+    }
     return failure;
 }
 
@@ -184,13 +190,13 @@ int ShmmHeap::Allocate(unsigned int size, unsigned int alignment, BaseInfo** res
 Block* ShmmHeap::find_block(unsigned int size, unsigned int alignment, unsigned int always_mapped,
                             unsigned int group_id)
 {
-    for (Block& block : m_blocks) {
-        unsigned int actual_size = 0;
-        if (block.Client() == m_client &&
-            block.CanAllocate(size, always_mapped, group_id, alignment, &actual_size) == 0)
-            return &block;
-    }
-    return nullptr;
+    const Mem_BlockKind keys{m_client, always_mapped, group_id, 0, 0};
+    Block* block = m_index.NewestFor(keys, size, UINT64_MAX);
+    unsigned int actual_size = 0;
+    while (block != nullptr &&
+           block->CanAllocate(size, always_mapped, group_id, alignment, &actual_size) != 0)
+        block = m_index.NewestFor(keys, size, block->Age());
+    return block;
 }
 
 int ShmmHeap::Free(BaseInfo* info)
@@ -200,12 +206,15 @@ int ShmmHeap::Free(BaseInfo* info)
     block->Free(info);
     if (block->IsEmpty())
         close_block(block);
+    else
+        Mem_BlockIndex::Update(*block);
     return 0;
 }
 
 void ShmmHeap::close_block(Block* block)
 {
     m_blocks.erase(m_blocks.iterator_to(*block));
+    m_index.Leave(*block);
     destroy_element(block);
     delete block;
 }
@@ -213,8 +222,10 @@ void ShmmHeap::close_block(Block* block)
 void ShmmHeap::RetireBlocks()
 {
     static const char nobody = 0;
-    for (Block& block : m_blocks)
+    for (Block& block : m_blocks) {
         block.SetClient(&nobody);
+        m_index.Leave(block);
+    }
 }
 
 unsigned int ShmmHeap::GetSizeInMb()
@@ -378,6 +389,12 @@ int FileBlock::Allocate(unsigned int size, unsigned int alignment, BaseInfo** re
     return carve(region_size(size), alignment, GetAllocationGranularity(), result, actual_size);
 }
 
+Mem_BlockKind FileBlock::KindAfter(unsigned int /*size*/, unsigned int /*always_mapped*/,
+                                   unsigned int /*group_id*/) const
+{
+    return Kind();
+}
+
 File_ShmmHeap::File_ShmmHeap()
 {
     MEM_MemoryConfiguration* const settings = MEM_MemoryConfiguration::GetInstance();
@@ -385,6 +402,12 @@ File_ShmmHeap::File_ShmmHeap()
     m_max_total_space = settings->FileHeap_MaxTotalSpaceInMb();
     m_min_space_to_leave = settings->FileHeap_MinSpaceToLeaveInMb();
     m_temp_file_name = settings->FileHeap_TempFileName();
+}
+
+int File_ShmmHeap::Allocate(unsigned int size, unsigned int alignment, BaseInfo** result,
+                            unsigned int /*always_mapped*/, unsigned int /*group_id*/)
+{
+    return ShmmHeap::Allocate(size, alignment, result, 0, 0);
 }
 
 namespace

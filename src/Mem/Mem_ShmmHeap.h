@@ -1,6 +1,7 @@
 #ifndef MEM_SHMMHEAP_H
 #define MEM_SHMMHEAP_H
 
+#include "Mem/Mem_BlockIndex.h"
 #include "Mem/Mem_BlockSpaceLogic.h"
 #include "Mem/Mem_MemInfo.h"
 #include "Rw/RWCString.h"
@@ -68,6 +69,20 @@ public:
     const void* Client() const { return m_client; }
     void SetClient(const void* client) { m_client = client; }
 
+    /// What requests the block takes now, and what it will take once one like that has come in.
+    Mem_BlockKind Kind() const
+    {
+        return {m_client, m_always_mapped, m_group_id, m_smallest_chunk, m_largest_chunk};
+    }
+    virtual Mem_BlockKind KindAfter(unsigned int size, unsigned int always_mapped,
+                                    unsigned int group_id) const;
+
+    std::uint32_t LargestFree() const { return m_space_logic.LargestFreeChunk(); }
+
+    /// Rises from block to block of a heap.
+    std::uint64_t Age() const { return m_age; }
+    void SetAge(std::uint64_t age) { m_age = age; }
+
 protected:
     friend struct Mem_TestAccess;
 
@@ -84,9 +99,12 @@ protected:
     unsigned int m_always_mapped = 0;
 
 private:
-    void set_size_class(unsigned int size, unsigned int threshold);
+    friend class Mem_BlockAges;
+    friend class Mem_BlockIndex;
 
     const void* m_client = nullptr;
+    std::uint64_t m_age = 0;
+    Mem_BlockIndex::Place m_place;
 };
 
 /// A block of the memory heap. Its chunks are the clients' pieces, described by MEM_MemInfo.
@@ -97,7 +115,7 @@ public:
     int create_info(BaseInfo** result, unsigned int alignment, Block* block) override;
 };
 
-/// What all heaps share: a list of blocks, newest first, and the walk over it.
+/// What all heaps share: a list of blocks, newest first, and the choice of one for a request.
 /// Owns its blocks. The process's heaps are never destroyed, since a handle in static storage can
 /// give its piece back late; what they still hold at the end is left alone.
 class ShmmHeap
@@ -148,6 +166,8 @@ protected:
     using BlockList = boost::intrusive::list<Block>;
 
     BlockList m_blocks;
+    Mem_BlockIndex m_index; // of the blocks that can take requests
+    std::uint64_t m_next_age = 0;
     std::uint64_t m_total_size = 0;
 
 private:
@@ -250,6 +270,8 @@ public:
                  unsigned int* actual_size) override;
     int CanAllocate(unsigned int size, unsigned int always_mapped, unsigned int group_id,
                     unsigned int alignment, unsigned int* actual_size) override;
+    Mem_BlockKind KindAfter(unsigned int size, unsigned int always_mapped,
+                            unsigned int group_id) const override;
 };
 
 /// The heap that gives out regions of temp files. Its settings are read once, when it is made.
@@ -257,6 +279,11 @@ class File_ShmmHeap : public ShmmHeap
 {
 public:
     File_ShmmHeap();
+
+    /// Regions of all groups share the files.
+    using ShmmHeap::Allocate;
+    int Allocate(unsigned int size, unsigned int alignment, BaseInfo** result,
+                 unsigned int always_mapped, unsigned int group_id) override;
 
     /// Makes a new temp file, as large as the settings and the disk allow, and its block.
     /// @return 0; -1 if the limits or the disk leave no room, which a line at level 5 explains, or

@@ -1,0 +1,181 @@
+#include "Mem/Mem_BlockIndex.h"
+
+#include "Mem/Mem_ShmmHeap.h"
+
+#include <algorithm>
+#include <bit>
+#include <utility>
+
+// The tree holds one more than each block's largest free chunk, so that 0 is a place without a
+// block.
+
+void Mem_BlockAges::Reserve()
+{
+    if (m_end < capacity())
+        return;
+    const std::size_t places = std::bit_ceil(2 * m_living + 1);
+    Mem_BlockAges larger;
+    larger.m_blocks.resize(places);
+    larger.m_ages.resize(places);
+    larger.m_most.resize(2 * places);
+    for (std::size_t number = 0; number < m_end; ++number)
+        if (m_blocks[number] != nullptr)
+            larger.append(*m_blocks[number], m_most[capacity() + number]);
+    std::swap(*this, larger);
+}
+
+void Mem_BlockAges::Enter(Block& block)
+{
+    block.m_place.ages = this;
+    append(block, std::uint64_t{block.LargestFree()} + 1);
+    // A block that changes its kind can be older than others that are here.
+    for (std::size_t number = m_end - 1; number > 0 && m_ages[number - 1] > m_ages[number];
+         --number)
+        exchange(number - 1, number);
+}
+
+void Mem_BlockAges::Leave(Block& block)
+{
+    m_blocks[block.m_place.number] = nullptr;
+    set_most(block.m_place.number, 0);
+    --m_living;
+    block.m_place = {};
+}
+
+void Mem_BlockAges::Update(const Block& block)
+{
+    set_most(block.m_place.number, std::uint64_t{block.LargestFree()} + 1);
+}
+
+Block* Mem_BlockAges::NewestWith(std::uint32_t size, std::uint64_t age) const
+{
+    const auto end = m_ages.begin() + static_cast<std::ptrdiff_t>(m_end);
+    const auto older = std::lower_bound(m_ages.begin(), end, age) - m_ages.begin();
+    const std::size_t found =
+        last_with(std::uint64_t{size} + 1, static_cast<std::size_t>(older), 1, 0, capacity());
+    return found == kNone ? nullptr : m_blocks[found];
+}
+
+void Mem_BlockAges::append(Block& block, std::uint64_t most)
+{
+    const std::size_t number = m_end++;
+    m_blocks[number] = &block;
+    m_ages[number] = block.Age();
+    block.m_place.number = number;
+    ++m_living;
+    set_most(number, most);
+}
+
+void Mem_BlockAges::exchange(std::size_t one, std::size_t other)
+{
+    const std::uint64_t most_of_one = m_most[capacity() + one];
+    set_most(one, m_most[capacity() + other]);
+    set_most(other, most_of_one);
+    std::swap(m_ages[one], m_ages[other]);
+    std::swap(m_blocks[one], m_blocks[other]);
+    for (const std::size_t number : {one, other})
+        if (m_blocks[number] != nullptr)
+            m_blocks[number]->m_place.number = number;
+}
+
+void Mem_BlockAges::set_most(std::size_t number, std::uint64_t most)
+{
+    std::size_t node = capacity() + number;
+    m_most[node] = most;
+    while (node > 1) {
+        node /= 2;
+        const std::uint64_t greater = std::max(m_most[2 * node], m_most[2 * node + 1]);
+        if (m_most[node] == greater)
+            return;
+        m_most[node] = greater;
+    }
+}
+
+/// The last place before `end` that has `most` or more, of the `count` from `first` on that are
+/// under `node`.
+std::size_t Mem_BlockAges::last_with(std::uint64_t most, std::size_t end, std::size_t node,
+                                     std::size_t first, std::size_t count) const
+{
+    if (first >= end || m_most[node] < most)
+        return kNone;
+    if (count == 1)
+        return first;
+    const std::size_t half = count / 2;
+    const std::size_t newer = last_with(most, end, 2 * node + 1, first + half, half);
+    return newer != kNone ? newer : last_with(most, end, 2 * node, first, half);
+}
+
+Mem_BlockIndex::Room::Room(Mem_BlockIndex& index, const Block& block, const Mem_BlockKind& kind)
+    : m_index(index), m_kind(kind), m_is_new(!knows(block, kind))
+{
+    if (!m_is_new)
+        return;
+    Mem_BlockAges& ages = index.m_kinds[kind];
+    try {
+        ages.Reserve();
+    } catch (...) {
+        index.tidy(kind);
+        throw;
+    }
+}
+
+Mem_BlockIndex::Room::~Room()
+{
+    if (m_is_new)
+        m_index.tidy(m_kind);
+}
+
+bool Mem_BlockIndex::knows(const Block& block, const Mem_BlockKind& kind)
+{
+    return block.m_place.ages != nullptr && block.m_place.kind == kind;
+}
+
+void Mem_BlockIndex::tidy(const Mem_BlockKind& kind)
+{
+    const auto found = m_kinds.find(kind);
+    if (found != m_kinds.end() && found->second.IsEmpty())
+        m_kinds.erase(found);
+}
+
+void Mem_BlockIndex::Settle(Block& block)
+{
+    const Mem_BlockKind kind = block.Kind();
+    if (knows(block, kind))
+        return block.m_place.ages->Update(block);
+    Leave(block);
+    block.m_place.kind = kind;
+    m_kinds.find(kind)->second.Enter(block);
+}
+
+void Mem_BlockIndex::Update(const Block& block)
+{
+    if (block.m_place.ages != nullptr)
+        block.m_place.ages->Update(block);
+}
+
+void Mem_BlockIndex::Leave(Block& block)
+{
+    if (block.m_place.ages == nullptr)
+        return;
+    const Mem_BlockKind kind = block.m_place.kind;
+    block.m_place.ages->Leave(block);
+    tidy(kind);
+}
+
+Block* Mem_BlockIndex::NewestFor(const Mem_BlockKind& keys, std::uint32_t size,
+                                 std::uint64_t age) const
+{
+    Block* newest = nullptr;
+    for (auto at = m_kinds.lower_bound(keys); at != m_kinds.end(); ++at) {
+        const auto& [kind, ages] = *at;
+        if (kind.client != keys.client || kind.always_mapped != keys.always_mapped ||
+            kind.group_id != keys.group_id)
+            break;
+        if (size < kind.smallest || size > kind.largest)
+            continue;
+        Block* const block = ages.NewestWith(size, age);
+        if (block != nullptr && (newest == nullptr || block->Age() > newest->Age()))
+            newest = block;
+    }
+    return newest;
+}
