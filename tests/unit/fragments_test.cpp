@@ -70,6 +70,7 @@ struct Pair {
         bytes.resize(size);
         held = Count() == 1 ? std::vector<size_t>{0} : std::vector{Count() - 2, Count() - 1};
         current = 0;
+        ASSERT_FALSE(Access::HasLostMapping(real));
         Check();
         UseFrom(old, true);
         UseFrom(0);
@@ -180,7 +181,7 @@ TYPED_TEST(Fragments, LiveLikeAVector)
 
 TYPED_TEST(Fragments, FailToBeResizedWithAllTheirBytes)
 {
-    Zor_PerformanceCounters::SetLogLevel(5); // they may be missing
+    Zor_PerformanceCounters::SetLogLevel(5); // counters are wanted, and may be missing
     const auto once = [this](size_t from, size_t to, size_t touched, auto make_guard) {
         SCOPED_TRACE(testing::Message() << from << " to " << to << ", " << touched);
         Pair<TypeParam> pair(1000, from, 4000);
@@ -217,8 +218,8 @@ TYPED_TEST(Fragments, FailToBeResizedWithAllTheirBytes)
         pair.Resized(to * 1000);
         return fired && !this->HasFailure();
     };
-    for (const size_t from : {3, 4, 8, 18, 20})
-        for (const size_t to : {2, 5, 12, 16, 19, 26})
+    for (const size_t from : {3u, 4u, 8u, 18u, 20u})
+        for (const size_t to : {2u, 5u, 12u, 16u, 19u, 26u})
             for (size_t touched = 0; touched < std::min<size_t>((from + 3) / 4, 4); ++touched)
                 WithEachFailure([&](auto guard) { return once(from, to, touched, guard); });
 }
@@ -246,7 +247,7 @@ TEST_F(MemFragments, AreMissedAfterAFailedReplacementUntilTheNextResize)
     Mem(1, 1, 1);                            // its counters are its own
     Pair<Mem> pair(1000, 20, 4000);
     Zor_PerformanceCounters::SetLogLevel(5);
-    for (const size_t at : {0, 4000, 12000}) {
+    for (const size_t at : {0u, 4000u, 12000u}) {
         const Failing failing(Failing::View, 1, at == 0 ? 2 : 0);
         EXPECT_EQ(pair.real.GetPointerAtIndex(at), nullptr);
         pair.Use(16000, SIZE_MAX);
