@@ -4,14 +4,17 @@
 #include "Mem/Mem_BlockSpaceLogic.h"
 #include "Mem/Mem_BlockTable.h"
 #include "Mem/Mem_FifoQueue.h"
+#include "Mem/Mem_MemFragmentsAllocator.h"
 #include "Mem/Mem_MemPager.h"
 #include "Mem/Mem_ShmmHeap.h"
 #include "Mem/Mem_SlotTable.h"
+#include "Mem/Mem_VirtualFragmentsAllocator.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <vector>
 
 /// The tests' way to private state: a friend of every class.
@@ -57,6 +60,37 @@ struct Mem_TestAccess {
     }
     static bool HasNoBlocks(const ShmmHeap& heap) { return heap.m_blocks.empty(); }
     static const PagerInfoState* State(const MEM_PagerInfo& info) { return info.m_state; }
+
+    // Fragments.
+    template <class Allocator>
+    static auto Fragments(const Allocator& allocator)
+    {
+        return std::span(allocator.fragments, allocator.fragments_num);
+    }
+    static std::pair<std::vector<std::size_t>, std::size_t>
+    HeldAndCurrent(const Mem_MemFragmentsAllocator& allocator)
+    {
+        const auto& held = allocator.mapped_indexes;
+        return {{held.data(), held.data() + allocator.mapped_fragments_num},
+                allocator.current_mapped_index};
+    }
+    static std::pair<std::vector<std::size_t>, std::size_t>
+    HeldAndCurrent(const Mem_VirtualFragmentsAllocator&)
+    {
+        return {{0}, 0};
+    }
+    static bool IsCurrent(const Mem_MemFragmentsAllocator& allocator,
+                          const Mem_MemFragmentInfo& info)
+    {
+        return allocator.current_index_start == info.IndexStart &&
+               allocator.current_index_end == info.IndexEnd &&
+               allocator.current_ptr == info.pagerInfo.Ptr();
+    }
+    static bool HasLostMapping(const Mem_MemFragmentsAllocator& allocator)
+    {
+        return allocator.mapping_lost;
+    }
+    static bool HasLostMapping(const Mem_VirtualFragmentsAllocator&) { return false; }
 
     // Whether no other thread holds any of the library's locks.
     static bool TryAllLocks() FIBREX_NO_THREAD_SAFETY_ANALYSIS
