@@ -76,7 +76,7 @@ public:
                  printed(m_views.count), with_fraction(m_views.bytes), printed(m_open.count),
                  with_fraction(m_open.bytes));
         text.Add("Others: %llu, %.1fMB\n", printed(m_others.count), with_fraction(m_others.bytes));
-        text.Add("The largest others:\n%12s  %-14s %-6s %s\n", "MB", "Address", "Access", "What");
+        text.Add("The largest others:\n%12s  %-12s %-6s %s\n", "MB", "Address", "Access", "What");
         std::for_each(m_largest, m_largest + m_kept, [&text](const Row& row) { row.Print(text); });
     }
 
@@ -84,7 +84,7 @@ private:
     struct Row {
         void Print(Text& text) const
         {
-            text.Add("%12.1f  %014llx %c%c%c%c   %s\n", with_fraction(stretch.size),
+            text.Add("%12.1f  %012llx %c%c%c%c   %s\n", with_fraction(stretch.size),
                      printed(stretch.begin), stretch.readable ? 'r' : '-',
                      stretch.writable ? 'w' : '-', stretch.executable ? 'x' : '-',
                      stretch.shared ? 's' : 'p', name);
