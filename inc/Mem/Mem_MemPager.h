@@ -156,7 +156,8 @@ public:
 
     /// Leaves a picture of this pager's shared memory behind: lines at level 2 in the log and a
     /// record in the file mem_dump.log of the log folder, which is emptied above 10 MB. Runs by
-    /// itself when an Allocate() has failed for good. Never throws.
+    /// itself when an Allocate() has failed for good. Never throws, and needs no memory. A dump
+    /// file that is a link, or no plain file, or can't be written to, is left alone.
     void PrintSharedMemoryStatus();
 
     /// The same of the process's address space. Runs by itself when a mapping or an allocation of

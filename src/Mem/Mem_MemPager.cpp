@@ -1,6 +1,8 @@
 #include "Mem/Mem_MemPager.h"
 
 #include "Mem/Mem_Configuration.h"
+#include "Mem/Mem_DumpFile.h"
+#include "Mem/Mem_Limits.h"
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_ShmmHeap_Windows.h"
 #include "Mem/Mem_Units.h"
@@ -15,11 +17,12 @@
 #include <bitset>
 #include <cassert>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <fstream>
 #include <iostream>
 #include <limits>
+#include <locale>
 #include <memory>
 #include <new>
 
@@ -314,6 +317,7 @@ void MEM_MemPager::report_refused_piece(unsigned int size)
     ZOR_LOG("MEM_MemPager::Allocate", 3,
             "Shared memory is probably consumed. See details below:\n");
     ZOR_LOG("MEM_MemPager::Allocate", 3, "\tTried to allocate %.2fMB\n", InMb(size));
+    RegionLimits.Tell("MEM_MemPager::Allocate");
     PrintSharedMemoryStatus();
 }
 
@@ -681,6 +685,7 @@ int MEM_MemPager::private_map(RegisteredBlock* block, bool add_ref, bool try_cle
         if (map_after_clearing(block) != 0)
             return -1;
     }
+    ViewLimits.Ended();
     block->m_ref += add_ref ? 1 : 0;
     m_total_mapped += block->owner->Size();
     return 0;
@@ -709,6 +714,7 @@ int MEM_MemPager::map_after_clearing(RegisteredBlock* block)
             "Either a memory leak occurred, or too much memory is allocated. See details "
             "below:\n");
     ZOR_LOG("MEM_MemPager::private_map", 3, "\tTried to map: %.2fMB.\n", size);
+    ViewLimits.Tell("MEM_MemPager::private_map");
     PrintVirtualMemoryStatus();
     return -1;
 }
@@ -1014,25 +1020,29 @@ constexpr int kReportsCode = 5610000;
 const char kSeventyStars[] =
     "**********************************************************************";
 
-/// The path of the dump file, worked out by each report at its first run.
-RWCString dump_path()
-{
-    return RWCString(Zor_LogFile::GetLogConfigDir()) + "/mem_dump.log";
-}
+/// The path of the dump file, worked out by each report at its first run. There may be no memory
+/// then, and no system opens a longer one.
+struct DumpPath {
+    DumpPath()
+    {
+        std::snprintf(text, sizeof text, "%s/mem_dump.log", Zor_LogFile::GetLogConfigDir());
+    }
+    char text[4096];
+};
 
-void empty_dump_if_too_long(const char* function, const RWCString& path)
+void empty_dump_if_too_long(const char* function, const char* path)
 {
-    if (Platform::Get().FileLength(path.data()) <= kLongestDump)
+    if (Platform::Get().FileLength(path) <= kLongestDump)
         return;
     ZOR_LOG(function, 5, "mem_debug log file has reached it's maximal size. Truncating it...\n");
-    Platform::Get().TruncateFile(path.data());
+    Platform::Get().TruncateFile(path);
 }
 
-void trace_and_point_to_dump(const char* function, const RWCString& path)
+void trace_and_point_to_dump(const char* function, const char* path)
 {
     if (ZorGLog.GetLogLevel(kReportsCode) >= 2)
         Zor_StackTrace::TraceStack(nullptr, nullptr, -1, 1);
-    ZOR_LOG(function, 2, "\tSee debug information in: <%s>\n", path.data());
+    ZOR_LOG(function, 2, "\tSee debug information in: <%s>\n", path);
 }
 
 /// These are the last words of a process in trouble: what they can't say, they leave out.
@@ -1058,41 +1068,42 @@ void MEM_MemPager::report_shared_memory()
     constexpr char function[] = "MEM_MemPager::PrintSharedMemoryStatus";
     Zor_OSMemoryInfo machine;
     Zor_System::GetHandle()->GetOsMemInfo(machine);
-    MEM_MemoryConfiguration* const configuration = MEM_MemoryConfiguration::GetInstance();
+    const auto configured = setting_or_none(&MEM_MemoryConfiguration::GetSwapMaxSizeInMb) +
+                            setting_or_none(&MEM_MemoryConfiguration::FileHeap_MaxTotalSpaceInMb);
     ZOR_LOG(function, 2,
             "\tMEM Shared memory estimated size: %dMB; Maximal (Configured) Shared memory size is "
             "%uMB\n",
-            static_cast<int>(m_heap->GetSizeInMb()),
-            configuration->GetSwapMaxSizeInMb() + configuration->FileHeap_MaxTotalSpaceInMb());
+            static_cast<int>(m_heap->GetSizeInMb()), static_cast<unsigned int>(configured));
     ZOR_LOG(function, 2, "\tMaximal OS Swap size: %IuMB, Available OS Swap size: %IuMB\n",
             machine.total_swap, machine.available_swap);
-    static const RWCString& path = *new RWCString(dump_path());
-    empty_dump_if_too_long(function, path);
-    std::ofstream dump(path.data(), std::ios::app);
-    if (dump.is_open())
-        write_dump_record(dump, machine);
-    dump.close();
-    trace_and_point_to_dump(function, path);
+    static const DumpPath path;
+    empty_dump_if_too_long(function, path.text);
+    Mem_DumpFile file(path.text);
+    std::ostream dump(&file);
+    dump.imbue(std::locale::classic()); // plain decimals, whatever the host's language
+    write_dump_record(dump, machine);
+    trace_and_point_to_dump(function, path.text);
 }
 
 void MEM_MemPager::write_dump_record(std::ostream& dump, const Zor_OSMemoryInfo& machine)
 {
-    unsigned long process = 0;
-    RWCString name;
-    Zor_System::GetCurrentProcessInfo(process, name);
+    char name[256];
+    char system[256];
+    Platform::Get().ProcessName(name, sizeof name); // Zor_System would need memory for them
+    Platform::Get().SystemName(system, sizeof system);
     const std::time_t now = std::time(nullptr);
     const char* const time = std::ctime(&now); // with its line end
     using std::endl;                           // line by line, so that as much as possible arrives
     dump << endl << endl << kSeventyStars << endl;
-    dump << "Shared Memory Debug Information for PID <" << process << ">, Process Name <" << name
-         << ">" << endl;
+    dump << "Shared Memory Debug Information for PID <" << Platform::Get().ProcessId()
+         << ">, Process Name <" << name << ">" << endl;
     dump << "Time and Date:\t\t\t" << (time != nullptr ? time : "\n") << endl << endl;
     dump << "Total Mapped = " << m_total_mapped << "; Total Cached = " << m_total_cached << endl
          << endl;
     m_heap->PrintStatus(dump);
     dump << endl << endl << "System Information:" << endl;
-    dump << "OSVersion: <" << Zor_System::GetHandle()->GetOsName() << ">; Address Space Size: <"
-         << machine.address_space << "MB>;" << endl;
+    dump << "OSVersion: <" << system << ">; Address Space Size: <" << machine.address_space
+         << "MB>;" << endl;
     dump << "Total Swap Size: <" << machine.total_swap << "; Available Swap Size: <"
          << machine.available_swap << "MB>;" << endl;
     dump << "Total RAM Size: <" << machine.total_ram << "; Available RAM Size: <"
@@ -1109,12 +1120,12 @@ void MEM_MemPager::PrintVirtualMemoryStatus()
 void MEM_MemPager::report_address_space()
 {
     constexpr char function[] = "MEM_MemPager::PrintVirtualMemoryStatus";
-    static const RWCString& path = *new RWCString(dump_path());
-    empty_dump_if_too_long(function, path);
+    static const DumpPath path;
+    empty_dump_if_too_long(function, path.text);
     Zor_OSMemoryInfo machine;
     Zor_System::GetHandle()->GetOsMemInfo(machine);
     Zor_ProcessMemoryInfo process;
-    if (Zor_System::GetHandle()->GetZorProcessMemoryInfo(process, 0, path.data(), false, nullptr) !=
+    if (Zor_System::GetHandle()->GetZorProcessMemoryInfo(process, 0, path.text, false, nullptr) !=
         0) {
         ZOR_LOG(function, 2,
                 "debug_print_memory_status: Couldn't get process memory information!\n");
@@ -1128,7 +1139,7 @@ void MEM_MemPager::report_address_space()
             InMb(process.largest_free_block));
     print_usage(s_second.Living());
     print_usage(s_general.Living());
-    trace_and_point_to_dump(function, path);
+    trace_and_point_to_dump(function, path.text);
 }
 
 void MEM_MemPager::print_usage(MEM_MemPager* pager)

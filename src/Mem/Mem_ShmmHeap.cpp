@@ -1,6 +1,7 @@
 #include "Mem/Mem_ShmmHeap.h"
 
 #include "Mem/Mem_Configuration.h"
+#include "Mem/Mem_Limits.h"
 #include "Mem/Mem_ShmmHeap_Windows.h"
 #include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
@@ -235,8 +236,7 @@ unsigned int ShmmHeap::GetSizeInMb()
 
 RWCString ShmmHeap::Name()
 {
-    static const RWCString& name = *new RWCString("Undefined");
-    return name;
+    return m_undefined;
 }
 
 namespace
@@ -293,6 +293,7 @@ int Memory_ShmmHeap::create_result_element(unsigned int size, Block** result,
     const int failure = source->Allocate(size, 0, &region, always_mapped, group_id);
     if (failure != 0)
         return failure;
+    RegionLimits.Ended();
     try {
         *result = new MemoryBlock(region, source);
     } catch (...) {
@@ -414,17 +415,9 @@ namespace
 {
 constexpr std::uint64_t kLeastFileInMb = 64;
 
-std::uint64_t free_space_in_mb(const RWCString& folder)
+std::uint64_t refuse_file(const char* form, std::uint64_t first, std::uint64_t second)
 {
-    double bytes = 0;
-    Zor_FileSystemUtils().GetFreeSpace(folder.data(), bytes);
-    return static_cast<std::uint64_t>(bytes * 9.5367431640625e-7);
-}
-
-std::uint64_t refuse_file(const char* why, std::uint64_t mb)
-{
-    ZOR_LOG("File_ShmmHeap::create_result_element", 5,
-            "Allocate: No new temp file (Details: %s, %Iu MB)\n", why, mb);
+    RegionLimits.MetSetting(form, first, second);
     return 0;
 }
 } // namespace
@@ -436,19 +429,24 @@ std::uint64_t File_ShmmHeap::new_file_size(unsigned int size) const
     const std::uint64_t wanted = std::max<std::uint64_t>(needed, m_file_size);
     const std::uint64_t current = m_current_space;
     if (current + needed > m_max_total_space)
-        return refuse_file("FileHeap_MaxTotalSpaceInMb leaves too little",
+        return refuse_file("temp files of %llu MB (FileHeap_MaxTotalSpaceInMb), %llu MB left",
+                           m_max_total_space,
                            m_max_total_space - std::min<std::uint64_t>(current, m_max_total_space));
     const std::uint64_t room = m_max_total_space - current;
-    const std::uint64_t free = free_space_in_mb(m_temp_path);
+    double bytes = 0;
+    if (!Zor_FileSystemUtils().GetFreeSpace(m_temp_path.data(), bytes))
+        return refuse_file("there is no temp folder", 0, 0);
+    const auto free = static_cast<std::uint64_t>(bytes * 9.5367431640625e-7);
     if (free < m_min_space_to_leave + needed)
-        return refuse_file("the disk of the temp folder has too little free for "
-                           "FileHeap_MinSpaceToLeaveInMb to stay",
-                           free);
+        return refuse_file("the temp folder's disk, %llu MB left, of which %llu MB are to stay "
+                           "(FileHeap_MinSpaceToLeaveInMb)",
+                           free, m_min_space_to_leave);
     const std::uint64_t available =
         free >= wanted + m_min_space_to_leave ? wanted : free - m_min_space_to_leave;
     const std::uint64_t mb = std::min(available, room);
     if (mb < kLeastFileInMb)
-        return refuse_file("a temp file has at least 64 MB, and there would be", mb);
+        return refuse_file("a temp file of at least %llu MB, for which %llu MB are left",
+                           kLeastFileInMb, mb);
     return mb;
 }
 
@@ -456,9 +454,13 @@ int File_ShmmHeap::create_result_element(unsigned int size, Block** result,
                                          unsigned int /*always_mapped*/, unsigned int /*group_id*/)
 {
     // A size of 4096 MB and more doesn't go into 32 bits: what is left may be too small.
-    const auto bytes = static_cast<unsigned int>(new_file_size(size) << 20);
-    if (bytes == 0 || bytes < size)
+    const std::uint64_t mb = new_file_size(size);
+    const auto bytes = static_cast<unsigned int>(mb << 20);
+    if (bytes == 0 || bytes < size) {
+        if (mb != 0)
+            refuse_file("temp files of less than %llu MB, where one of %llu MB is due", 4096, mb);
         return -1;
+    }
     const RWCString name = m_temp_path + m_temp_file_name + BaseMapInfo::CreateUniqueName();
     std::unique_ptr<FileInfo> file(create_file(name, bytes));
     const int failure = file->AllocateFile();

@@ -178,6 +178,7 @@ private:
     void close_block(Block* block);
 
     const void* m_client = nullptr;
+    const RWCString m_undefined = "Undefined"; // made early: reports need no memory
 };
 
 /// The heap that serves the pagers: pieces carved from regions of a source heap.
@@ -286,8 +287,9 @@ public:
                  unsigned int always_mapped, unsigned int group_id) override;
 
     /// Makes a new temp file, as large as the settings and the disk allow, and its block.
-    /// @return 0; -1 if the limits or the disk leave no room, which a line at level 5 explains, or
-    ///         if the file can't be made.
+    /// @return 0; -1 if the limits or the disk leave no room, or if the file can't be made;
+    /// RegionLimits
+    ///         knows what stood in the way.
     int create_result_element(unsigned int size, Block** result, unsigned int always_mapped,
                               unsigned int group_id) override;
     int create_result_element(unsigned int size, Block** result) override;

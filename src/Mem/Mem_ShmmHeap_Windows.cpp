@@ -1,6 +1,7 @@
 #include "Mem/Mem_ShmmHeap_Windows.h"
 
 #include "Mem/Mem_Configuration.h"
+#include "Mem/Mem_Limits.h"
 #include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
 #include "Platform/Platform.h"
@@ -17,6 +18,7 @@ int SwapMapInfo::AllocateSwap()
     m_handle = Platform::Get().CreateSharedMapping(m_name.data(), Size(), spare.data());
     if (m_handle != nullptr)
         return 0;
+    RegionLimits.Met();
     ZOR_LOG("SwapMapInfo::AllocateSwap", 5,
             "Allocate: Couldn't allocate shared memory from swap (Details: CreateFileMapping "
             "failed, size %.1fMB. Errno [%lu]).\n",
@@ -36,6 +38,7 @@ int SwapMapInfo::Map()
     m_pointer = Platform::Get().MapView(m_handle, 0, Size());
     if (m_pointer != nullptr)
         return 0;
+    ViewLimits.Met();
     ZOR_LOG("SwapMapInfo::Map", 5,
             "Map: Couldn't map swap to memory (Details: MapViewOfFile failed, Size %.1fMB, Errno "
             "[%lu]).\n",
@@ -116,8 +119,7 @@ int Swap_ShmmHeap::Free(BaseInfo* info)
 
 RWCString Swap_ShmmHeap::Name()
 {
-    static const RWCString& name = *new RWCString("Windows_Swap");
-    return name;
+    return m_name;
 }
 
 int Swap_ShmmHeap::create_result_element(unsigned int, Block**, unsigned int, unsigned int)
@@ -151,6 +153,7 @@ int Windows_FileInfo::AllocateFile()
         platform.CreateFileMapping(FileName().data(), m_mapping_name.data(), Size(), &fault);
     if (m_mapping_handle != nullptr)
         return 0;
+    RegionLimits.Met();
     if (fault == Platform::FileFault::File)
         ZOR_LOG("Windows_FileInfo::AllocateFile", 5,
                 "Allocate: Couldn't allocate shared memory from private files (Details: "
@@ -200,6 +203,7 @@ int Windows_FileMapInfo::Map()
     m_pointer = Platform::Get().MapView(file->GetMappingHandle(), Offset(), Size());
     if (m_pointer != nullptr)
         return 0;
+    ViewLimits.Met();
     ZOR_LOG("Windows_FileMapInfo::Map", 5,
             "Map: Couldn't map private file to memory (Details: MapViewOfFile failed, size %.1fMB, "
             "Errno [%lu])\n",
@@ -248,8 +252,7 @@ Windows_File_ShmmHeap::Windows_File_ShmmHeap()
 
 RWCString Windows_File_ShmmHeap::Name()
 {
-    static const RWCString& name = *new RWCString("Windows_Files");
-    return name;
+    return m_name;
 }
 
 FileInfo* Windows_File_ShmmHeap::create_file(RWCString name, unsigned int size)
@@ -332,6 +335,7 @@ int StreamedMapInfo::Map()
         m_Handle = platform.OpenMapping(m_mapping_name.data(), spare.data());
     }
     if (m_Handle == nullptr) {
+        ViewLimits.Met();
         ZOR_LOG("StreamedMapInfo::Map", 3,
                 "Couldn't open map to non-local memory (Details: OpenFileMapping failed, name %s, "
                 "Errno [%lu]).\n",
@@ -341,6 +345,7 @@ int StreamedMapInfo::Map()
     m_pointer = platform.MapView(m_Handle, Offset(), Size());
     if (m_pointer != nullptr)
         return 0;
+    ViewLimits.Met();
     ZOR_LOG("StreamedMapInfo::Map", 5,
             "Couldn't map non-local memory to the process (Details: MapViewOfFile failed, Size "
             "%.1fMB, Errno [%lu]).\n",

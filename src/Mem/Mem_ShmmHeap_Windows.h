@@ -66,6 +66,8 @@ public:
 
 private:
     friend struct Mem_TestAccess;
+
+    const RWCString m_name = "Windows_Swap";
 };
 
 /// What offsets of regions in a temp file are multiples of: the system's allocation granularity,
@@ -136,6 +138,8 @@ private:
     class Leftovers;
 
     int delete_file(RWCString file);
+
+    const RWCString m_name = "Windows_Files";
 };
 
 /// A region that another process made, seen read-only. Owned by the owners repository.

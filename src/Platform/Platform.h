@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 /// All that the library needs of an operating system, in the words of its callers.
 ///
@@ -132,6 +133,11 @@ public:
     /// Writes the system's text for `error` into `text`, cut to `size` bytes with its zero.
     virtual void ErrorText(unsigned long error, char* text, std::size_t size) = 0;
 
+    /// Tells which limits stood in the way of this thread's last failing operation on a mapping or
+    /// view: writes their names and numbers into `text`, cut to `size` bytes with its zero.
+    /// @return a number that is the same for the same limits; 0, and "", if none is known to.
+    virtual std::uint32_t LastLimits(char* text, std::size_t size) = 0;
+
     // Processes and threads -----------------------------------------------------------------
 
     /// This process's id; after a fork the child's own.
@@ -173,6 +179,45 @@ public:
     /// Bytes of address space that this process takes, and of the largest stretch that is free.
     /// Allocates nothing. @return false if that can't be found out.
     virtual bool AddressSpaceUse(std::uint64_t& used, std::uint64_t& largest_free) = 0;
+
+    /// A stretch of address space that this process takes.
+    struct Stretch {
+        enum class Kind {
+            OpenMapping, ///< what a mapping of CreateSharedMapping() and its kin takes by itself
+            View,        ///< of such a mapping
+            Heap,
+            Stack,
+            Anonymous,
+            File,
+            Other
+        };
+        std::uint64_t begin = 0;
+        std::uint64_t size = 0;
+        bool readable = false;
+        bool writable = false;
+        bool executable = false;
+        bool shared = false; ///< with other processes
+        Kind kind = Kind::Other;
+        std::string_view name; ///< a file's path, or what the system calls it; may be empty
+    };
+
+    /// A walk over stretches.
+    class Stretches
+    {
+    public:
+        /// Takes one, in the order of addresses. Calls nothing of this class and allocates nothing.
+        virtual void Take(const Stretch& stretch) = 0;
+
+    protected:
+        ~Stretches() = default;
+    };
+
+    /// Gives `stretches` all stretches of this process. Those of this library are told by what it
+    /// made, not by their names. Allocates nothing. @return false if that can't be found out.
+    virtual bool ListStretches(Stretches& stretches) = 0;
+
+    /// How many stretches a process may have; 0 if no limit is known.
+    virtual std::uint64_t MostStretches() = 0;
 
     /// A walk over views; see TrimWorkingSet().
     class Views
@@ -219,11 +264,19 @@ public:
     /// Writes the name of this process's program in the same way.
     virtual void ProcessName(char* text, std::size_t size) = 0;
 
-    /// Bytes of the plain file at `path`; -1 if it can't be opened.
+    // The following three are for a plain file. A link isn't followed: whoever may write to the
+    // folder could have it lead to a file of this user's. What isn't a plain file is a failure.
+    // None waits for another process, and none allocates.
+
+    /// Bytes of the file at `path`; -1 if it can't be opened.
     virtual long long FileLength(const char* path) = 0;
 
-    /// Cuts the plain file at `path` to nothing. @return whether it was.
+    /// Cuts the file at `path` to nothing. @return whether it was.
     virtual bool TruncateFile(const char* path) = 0;
+
+    /// Adds `text` to the file at `path`, which is made if there is none. It arrives in one piece,
+    /// whoever else adds to the file. @return false if it didn't, or not all of it.
+    virtual bool AppendToFile(const char* path, const char* text, std::size_t size) = 0;
 
     /// Writes the calls that led here to standard error. Allocates nothing.
     virtual void StackTrace() = 0;

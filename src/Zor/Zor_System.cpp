@@ -1,8 +1,7 @@
 #include "Zor/Zor_System.h"
 
 #include "Platform/Platform.h"
-
-#include <fstream>
+#include "Zor/Zor_MemoryDetails.h"
 
 namespace
 {
@@ -11,16 +10,6 @@ std::uint64_t in_mb(std::uint64_t bytes)
     return bytes >> 20;
 }
 
-/// In a form for people; a file that can't be written to is left out.
-void append_details(const char* path, const Zor_ProcessMemoryInfo& info)
-{
-    std::ofstream file(path, std::ios::app);
-    file << "\nProcess Memory Information for PID <" << Platform::Get().ProcessId() << ">\n"
-         << "Used address space: " << in_mb(info.used_address_space)
-         << "MB; Largest free block: " << in_mb(info.largest_free_block)
-         << "MB; Address space limit: " << in_mb(Platform::Get().AddressSpace()) << "MB"
-         << std::endl;
-}
 } // namespace
 
 Zor_System* Zor_System::GetHandle()
@@ -62,6 +51,6 @@ int Zor_System::GetZorProcessMemoryInfo(Zor_ProcessMemoryInfo& info, int, const 
     if (!Platform::Get().AddressSpaceUse(info.used_address_space, info.largest_free_block))
         return -1;
     if (path != nullptr)
-        append_details(path, info);
+        AppendMemoryDetails(path, info);
     return 0;
 }

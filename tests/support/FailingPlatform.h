@@ -32,6 +32,7 @@ public:
     FORWARD(bool, FreeSpace, (const char* f, double* b), (f, b))
     FORWARD(unsigned long, LastError, (), ())
     FORWARD(void, ErrorText, (unsigned long e, char* t, std::size_t s), (e, t, s))
+    FORWARD(std::uint32_t, LastLimits, (char* t, std::size_t s), (t, s))
     FORWARD(long, ProcessId, (), ())
     FORWARD(long, ThreadId, (), ())
     FORWARD(bool, OnFork, (void (*b)(), void (*p)(), void (*c)()), (b, p, c))
@@ -41,10 +42,13 @@ public:
     FORWARD(std::uint64_t, AddressSpace, (), ())
     FORWARD(Machine, MachineMemory, (), ())
     FORWARD(bool, AddressSpaceUse, (std::uint64_t & u, std::uint64_t& l), (u, l))
+    FORWARD(bool, ListStretches, (Stretches & s), (s))
+    FORWARD(std::uint64_t, MostStretches, (), ())
     FORWARD(void, SystemName, (char* t, std::size_t s), (t, s))
     FORWARD(void, ProcessName, (char* t, std::size_t s), (t, s))
     FORWARD(long long, FileLength, (const char* p), (p))
     FORWARD(bool, TruncateFile, (const char* p), (p))
+    FORWARD(bool, AppendToFile, (const char* p, const char* t, std::size_t s), (p, t, s))
     FORWARD(void, StackTrace, (), ())
     FORWARD(bool, TrimWorkingSet, (Views & v), (v))
     FORWARD(void, OnAllocationFailure, (AllocationHandler h), (h))
@@ -123,6 +127,10 @@ public:
         return passed(m_real.CloseMapping(mapping)) && !failing;
     }
     unsigned long LastError() override { return s_error != 0 ? s_error : m_real.LastError(); }
+    std::uint32_t LastLimits(char* text, std::size_t size) override
+    {
+        return s_error != 0 ? *text = '\0' : m_real.LastLimits(text, size);
+    }
 
 private:
     /// Counts the call. @return whether it is to fail; LastError() tells `error` then.

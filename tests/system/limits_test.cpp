@@ -180,10 +180,16 @@ CHILD_TEST(PagerAtItsLimits, IsRefusedOnceTheDiskIsFullToo, InChildAmongOwnMount
     while (pieces.Add(3 * MiB)) {
     }
     CHILD_CHECK(pieces.size() > 20 && log.Count(5, "SwapMapInfo::AllocateSwap|") > 0);
+    const std::string told = "MEM_MemPager::Allocate|\tA limit stands in the way: ";
+    CHILD_CHECK(log.Count(3, told + "/dev/shm of 16 MB, 7 MB left; the temp folder's disk of 8") ==
+                1);
     Configure(0);
-    CHILD_CHECK(!pieces.Add(9 * MiB) && log.Count(5, "File_ShmmHeap") > 0 && pieces.Whole());
+    CHILD_CHECK(!pieces.Add(9 * MiB) && !pieces.Add(9 * MiB) && pieces.Whole());
+    CHILD_CHECK(log.Count(3, told + "the temp folder's disk, 0 MB") == 1 &&
+                log.Count(3, told) == 2);
     pieces.clear(); // and the room comes back
     CHILD_CHECK(pieces.Add(3 * MiB, 14) && !pieces.Add(9 * MiB) && pieces.Whole());
+    CHILD_CHECK(log.Count(3, told + "a temp file of at least 64 MB, for which ") == 1);
     pieces.clear();
     return Names(getpid(), folder) == 0 ? 0 : 2;
 }
@@ -268,7 +274,8 @@ CHILD_TEST(PagerAtItsLimits, NeedsFewDescriptorsAndNoNames, InChildAmongOwnMount
         fs::remove(entry);
     fs::remove_all(temp.path);
     LogCapture log(5);
-    CHILD_CHECK(pieces.Whole() && !pieces.Add(90 * MiB) && log.Count(5, "File_ShmmHeap") > 0);
+    CHILD_CHECK(pieces.Whole() && !pieces.Add(90 * MiB) &&
+                log.Count(3, "MEM_MemPager::Allocate|\tA") == 1);
     CHILD_CHECK(fs::create_directory(temp.path) && pieces.Add(90 * MiB));
     pieces.clear();
     return fs::is_empty("/dev/shm") && fs::is_empty(temp.path) ? 0 : 2;

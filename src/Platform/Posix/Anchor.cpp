@@ -1,5 +1,6 @@
 #include "Platform/Posix/Anchor.h"
 
+#include "Platform/Posix/Limits.h"
 #include "Platform/Posix/Scoped.h"
 
 #include <utility>
@@ -14,6 +15,15 @@ namespace
 std::size_t page_size()
 {
     return static_cast<std::size_t>(getpagesize());
+}
+
+/// @return a new view; null, with the limit that was met, if it couldn't be had.
+void* given(void* view, std::uint64_t size)
+{
+    if (view != MAP_FAILED)
+        return view;
+    MeetNoMap(size);
+    return nullptr;
 }
 
 /// Cuts the first `front` bytes off a view, of which `size` are to stay. @return what is left; null
@@ -41,16 +51,20 @@ Anchor::~Anchor()
 bool Anchor::Hold(int descriptor, Rights rights, By by)
 {
     m_protection = rights == Rights::Read ? PROT_READ : PROT_READ | PROT_WRITE;
-    return by == By::Page ? hold_page(descriptor) : hold_descriptor(descriptor);
+    if (!hold_page(descriptor))
+        return false;
+    if (by == By::Page || hold_descriptor(descriptor))
+        return true;
+    const KeepErrno keep;
+    Drop();
+    return false;
 }
 
 bool Anchor::hold_page(int descriptor)
 {
     void* page = mmap(nullptr, page_size(), m_protection, MAP_SHARED, descriptor, 0);
-    if (page == MAP_FAILED)
-        return false;
-    m_page = page;
-    return true;
+    m_page = given(page, page_size());
+    return m_page != nullptr;
 }
 
 bool Anchor::hold_descriptor(int descriptor)
@@ -65,7 +79,7 @@ void* Anchor::View(std::uint64_t offset, std::uint64_t size) const
         return view_from_page(offset, size);
     void* view =
         mmap(nullptr, size, m_protection, MAP_SHARED, m_descriptor, static_cast<off_t>(offset));
-    return view == MAP_FAILED ? nullptr : view;
+    return given(view, size);
 }
 
 void* Anchor::view_from_page(std::uint64_t offset, std::uint64_t size) const
@@ -73,7 +87,7 @@ void* Anchor::view_from_page(std::uint64_t offset, std::uint64_t size) const
     // An old size of 0 leaves the anchor where it is and maps its object once more. The new view
     // begins where the anchor does, at the file's first byte.
     void* view = mremap(m_page, 0, offset + size, MREMAP_MAYMOVE);
-    return view == MAP_FAILED ? nullptr : without_front(view, offset, size);
+    return given(view, offset + size) != nullptr ? without_front(view, offset, size) : nullptr;
 }
 
 bool Anchor::Drop()

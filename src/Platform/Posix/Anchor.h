@@ -10,7 +10,7 @@ class Anchor
 public:
     /// Descriptors are few, maps are many: a page of the file will do. Such a view begins at the
     /// file's first byte and then loses what wasn't asked for, so small stretches of big files,
-    /// which are few, take a descriptor.
+    /// which are few, take a descriptor as well.
     enum class By { Page, Descriptor };
 
     /// What views allow. One for reading can never be made writable.
@@ -28,6 +28,9 @@ public:
     /// Maps [offset, offset + size) of the file anew, whether it still has a name or not.
     /// `offset` is a multiple of the page size. @return null with errno.
     void* View(std::uint64_t offset, std::uint64_t size) const;
+
+    /// Where the page is by which the file is held; its place tells the file apart from others.
+    const void* Page() const { return m_page; }
 
     /// Lets go, if there is a hold. Views stay. @return false with errno; a page stays then.
     bool Drop();

@@ -1,8 +1,9 @@
 #include "Platform/Posix/Diagnosis.h"
 
 #include "Platform/Posix/Lines.h"
+#include "Platform/Posix/Paths.h"
+#include "Platform/Posix/Reserve.h"
 
-#include <charconv>
 #include <cstdio>
 #include <iterator>
 
@@ -13,42 +14,37 @@
 namespace
 {
 
-/// Above it lies the kernel.
-constexpr std::uint64_t top_of_addresses = std::uint64_t{1} << 47;
-
-std::uint64_t hexadecimal(std::string_view text)
+/// A file that must be a plain one. Opening anything else could wait, or write elsewhere.
+class PlainFile
 {
-    std::uint64_t number = 0;
-    std::from_chars(text.data(), text.data() + text.size(), number, 16);
-    return number;
-}
+public:
+    PlainFile(const char* path, int flags) : m_file(open_unless_special(path, flags)) {}
 
-/// A dump file is a plain file. Opening anything else could wait, or write elsewhere.
-constexpr int only_plain = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    /// Looks again at what was opened.
+    explicit operator bool()
+    {
+        return m_file && fstat(m_file.Get(), &m_status) == 0 &&
+               (S_ISREG(m_status.st_mode) || Fail(EINVAL));
+    }
+    int Get() const { return m_file.Get(); }
+
+    /// In bytes, once it has been seen to be one.
+    std::uint64_t Length() const { return static_cast<std::uint64_t>(m_status.st_size); }
+
+private:
+    static int open_unless_special(const char* path, int flags)
+    {
+        struct stat status;
+        if (lstat(path, &status) == 0 && !S_ISREG(status.st_mode))
+            return errno = EINVAL, -1;
+        return open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
+    }
+
+    const ScopedFile m_file;
+    struct stat m_status = {};
+};
 
 } // namespace
-
-bool ReadAddressSpace(std::uint64_t limit, std::uint64_t& used, std::uint64_t& largest_free)
-{
-    used = 0;
-    largest_free = 0;
-    std::uint64_t last_end = 0;
-    Lines lines("/proc/self/maps");
-    for (std::string_view line; lines.Next(line);) {
-        const std::uint64_t begin = hexadecimal(take(line, "-"));
-        const std::uint64_t end = hexadecimal(take(line, " "));
-        if (begin >= top_of_addresses || end < begin)
-            continue;
-        largest_free = std::max(largest_free, begin - std::min(begin, last_end));
-        used += end - begin;
-        last_end = end;
-    }
-    if (last_end == 0)
-        return false;
-    largest_free = std::max(largest_free, top_of_addresses - last_end);
-    largest_free = std::min(largest_free, limit - std::min(limit, used));
-    return true;
-}
 
 void WriteSystemName(char* text, std::size_t size)
 {
@@ -66,6 +62,12 @@ void WriteProcessName(char* text, std::size_t size)
     text[name.copy(text, length)] = '\0';
 }
 
+void PrepareStackTrace()
+{
+    void* call;
+    backtrace(&call, 1); // loads what it needs
+}
+
 void WriteStackTrace()
 {
     void* calls[64];
@@ -75,13 +77,28 @@ void WriteStackTrace()
 
 long long LengthOfFile(const char* path)
 {
-    const ScopedFile file(open(path, O_RDONLY | only_plain));
-    struct stat status;
-    return file && fstat(file.Get(), &status) == 0 ? static_cast<long long>(status.st_size) : -1;
+    PlainFile file(path, O_RDONLY);
+    return file ? static_cast<long long>(file.Length()) : -1;
 }
 
 bool EmptyFile(const char* path)
 {
-    const ScopedFile file(open(path, O_WRONLY | only_plain));
+    PlainFile file(path, O_WRONLY);
     return file && ftruncate(file.Get(), 0) == 0;
+}
+
+bool AddToFile(const char* path, const char* text, std::size_t size)
+{
+    PlainFile file(path, O_WRONLY | O_APPEND | O_CREAT);
+    if (!file || !FitsFileLimit(file.Length() + size))
+        return false;
+    while (size != 0) { // once, unless the disk is full or the limit near
+        const ssize_t written = write(file.Get(), text, size);
+        if (written == 0 || (written < 0 && errno != EINTR))
+            return false;
+        const auto done = static_cast<std::size_t>(std::max<ssize_t>(written, 0));
+        text += done;
+        size -= done;
+    }
+    return true;
 }

@@ -4,11 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
-// What a process without memory can still find out about itself. Nothing here allocates.
-
-/// This process's address space in bytes: what its maps take, and the largest stretch that another
-/// map could take, by the holes between them and by the limit. @return false if that isn't told.
-bool ReadAddressSpace(std::uint64_t limit, std::uint64_t& used, std::uint64_t& largest_free);
+// What a process without memory can still find out about itself, and leave in a file. Nothing here
+// allocates, unless it says so.
 
 /// Writes the system's name and version.
 void WriteSystemName(char* text, std::size_t size);
@@ -16,13 +13,22 @@ void WriteSystemName(char* text, std::size_t size);
 /// Writes the name of this process's program.
 void WriteProcessName(char* text, std::size_t size);
 
+/// Makes the first stack trace possible without memory. Allocates.
+void PrepareStackTrace();
+
 /// Writes the calls that led here to standard error, one a line.
 void WriteStackTrace();
+
+// The files are plain ones; a link isn't followed.
 
 /// Bytes of a file; -1 if it can't be opened.
 long long LengthOfFile(const char* path);
 
-/// Cuts a plain file to nothing. @return false if that can't be done.
+/// Cuts a file to nothing. @return false with errno.
 bool EmptyFile(const char* path);
+
+/// Adds a text to the end of a file, which is made if it must be. @return false with errno, and
+/// with a part of the text in the file if the disk is full.
+bool AddToFile(const char* path, const char* text, std::size_t size);
 
 #endif

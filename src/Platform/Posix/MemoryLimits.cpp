@@ -1,5 +1,6 @@
 #include "Platform/Posix/MemoryLimits.h"
 
+#include "Platform/Posix/Limits.h"
 #include "Platform/Posix/Lines.h"
 
 #include <algorithm>
@@ -192,6 +193,12 @@ std::uint64_t kibibytes(std::uint64_t number)
     return number << 10;
 }
 
+/// In bytes; 0 if it isn't told.
+std::uint64_t row(std::string_view key)
+{
+    return kibibytes(sum("/proc/meminfo", {"", {key, ""}}).value_or(0));
+}
+
 } // namespace
 
 std::uint64_t ControlGroupLimit(const char* groups, const char* mounts)
@@ -211,17 +218,21 @@ std::uint64_t MachineMemory()
     return static_cast<std::uint64_t>(information.totalram) * information.mem_unit;
 }
 
-std::uint64_t MachineCommitment()
+Commitment ReadCommitment()
 {
-    return kibibytes(sum("/proc/meminfo", {"", {"Committed_AS:", ""}}).value_or(0));
+    return {row("Committed_AS:"), row("CommitLimit:")};
 }
 
 MachineNow ReadMachine()
 {
-    const auto row = [](std::string_view key) {
-        return kibibytes(sum("/proc/meminfo", {"", {key, ""}}).value_or(0));
-    };
     return {row("MemTotal:"), row("MemAvailable:"), row("SwapTotal:"), row("SwapFree:")};
+}
+
+std::uint64_t AddressSpaceInUse()
+{
+    Lines lines("/proc/self/statm");
+    std::string_view line;
+    return lines.Next(line) ? number_at_front(line, 0) * static_cast<unsigned>(getpagesize()) : 0;
 }
 
 std::uint64_t AddressSpaceLimit()
@@ -252,31 +263,39 @@ void MemoryRoom::add(const GroupVersion& version, const char* folder, std::uint6
     m_groups[m_count++] = {&version, kept, limit};
 }
 
-bool MemoryRoom::Bears(std::uint64_t more) const
+bool MemoryRoom::Bears(std::uint64_t more, std::uint64_t done) const
 {
     constexpr std::uint64_t margin = std::uint64_t{16} << 20;
-    const auto bears = [wanted = more + margin](const Group& group) {
-        return group_bears(group, wanted);
+    const auto bears = [wanted = more + margin, done](const Group& group) {
+        return group_bears(group, wanted, done);
     };
-    if (machine_bears(more + margin) && std::all_of(m_groups, m_groups + m_count, bears))
+    if (machine_bears(more + margin, done) && std::all_of(m_groups, m_groups + m_count, bears))
         return true;
     errno = ENOMEM;
     return false;
 }
 
 /// The table of pages is long: it is read only if it matters.
-bool MemoryRoom::group_bears(const Group& group, std::uint64_t wanted)
+bool MemoryRoom::group_bears(const Group& group, std::uint64_t wanted, std::uint64_t done)
 {
     const std::uint64_t usage = read_limit(group.folder, group.version->usage_file);
     if (usage == no_limit || usage + wanted <= group.limit)
         return true;
     const Table& table = group.version->reclaimable;
-    return usage + wanted <=
-           group.limit + sum(GroupFile(group.folder, table.file).path, table).value_or(0);
+    const std::uint64_t reclaimable =
+        sum(GroupFile(group.folder, table.file).path, table).value_or(0);
+    if (usage + wanted <= group.limit + reclaimable)
+        return true;
+    const std::uint64_t most = group.limit + reclaimable + done;
+    MeetLimit(Limit::Group, group.limit, most - std::min(most, usage));
+    return false;
 }
 
-bool MemoryRoom::machine_bears(std::uint64_t wanted) const
+bool MemoryRoom::machine_bears(std::uint64_t wanted, std::uint64_t done) const
 {
     const std::optional<std::uint64_t> left = sum(m_machine, {"", {"MemAvailable:", "SwapFree:"}});
-    return !left || wanted <= kibibytes(*left);
+    if (!left || wanted <= kibibytes(*left))
+        return true;
+    MeetLimit(Limit::Machine, MachineMemory(), kibibytes(*left) + done);
+    return false;
 }

@@ -14,8 +14,13 @@ std::uint64_t ControlGroupLimit(const char* groups = "/proc/self/cgroup",
 /// Bytes of the machine's memory.
 std::uint64_t MachineMemory();
 
-/// Bytes of memory that the machine has promised to its processes; 0 if that isn't told.
-std::uint64_t MachineCommitment();
+/// Bytes of memory that the machine has promised to its processes, and that it may promise where it
+/// keeps to that limit; 0 if that isn't told.
+struct Commitment {
+    std::uint64_t promised;
+    std::uint64_t limit;
+};
+Commitment ReadCommitment();
 
 /// The machine's memory and swap at this moment, in bytes.
 struct MachineNow {
@@ -25,6 +30,9 @@ struct MachineNow {
     std::uint64_t available_swap;
 };
 MachineNow ReadMachine();
+
+/// Bytes of address space that the process takes, as the limit counts them; 0 if that isn't told.
+std::uint64_t AddressSpaceInUse();
 
 /// Bytes of address space that the process may have.
 std::uint64_t AddressSpaceLimit();
@@ -41,8 +49,9 @@ public:
 
     /// Whether `more` bytes leave a margin, for what other processes take meanwhile, in each of
     /// the groups and on the machine. Pages that hold a copy of what is on disk count as free.
-    /// @return false with errno, ENOMEM.
-    bool Bears(std::uint64_t more) const;
+    /// `done` bytes were taken before and are given back if these can't be had.
+    /// @return false with errno, ENOMEM, and the limit remembered.
+    bool Bears(std::uint64_t more, std::uint64_t done = 0) const;
 
 private:
     struct Group {
@@ -52,8 +61,8 @@ private:
     };
 
     void add(const GroupVersion& version, const char* folder, std::uint64_t limit);
-    static bool group_bears(const Group& group, std::uint64_t wanted);
-    bool machine_bears(std::uint64_t wanted) const;
+    static bool group_bears(const Group& group, std::uint64_t wanted, std::uint64_t done);
+    bool machine_bears(std::uint64_t wanted, std::uint64_t done) const;
 
     const char* const m_machine;
     Group m_groups[16];

@@ -1,8 +1,10 @@
 #include "Platform/Posix/PosixPlatform.h"
 
+#include "Platform/Posix/AddressSpace.h"
 #include "Platform/Posix/AllocationFailure.h"
 #include "Platform/Posix/Diagnosis.h"
 #include "Platform/Posix/Folder.h"
+#include "Platform/Posix/Limits.h"
 #include "Platform/Posix/Liveness.h"
 #include "Platform/Posix/MemoryLimits.h"
 #include "Platform/Posix/Scoped.h"
@@ -34,8 +36,10 @@ namespace
 template <class Result>
 Result told(Result result)
 {
-    if (!result)
+    if (!result) {
         last_error = errno;
+        MeetLimitOf(last_error);
+    }
     return result;
 }
 
@@ -117,6 +121,7 @@ PosixPlatform::PosixPlatform()
 void* PosixPlatform::CreateSharedMapping(const char* name, std::uint64_t size,
                                          const char* spare_folder)
 {
+    ForgetLimits();
     MappingOwner mapping = prepare(name, size);
     if (!told(mapping != nullptr && prepare_spare(*mapping, name, spare_folder)))
         return nullptr;
@@ -129,6 +134,7 @@ void* PosixPlatform::CreateSharedMapping(const char* name, std::uint64_t size,
 void* PosixPlatform::CreateFileMapping(const char* path, const char* name, std::uint64_t size,
                                        FileFault* fault)
 {
+    ForgetLimits();
     MappingOwner mapping = prepare(name, size);
     *fault = FileFault::Mapping;
     if (!told(mapping != nullptr))
@@ -147,6 +153,7 @@ void* PosixPlatform::CreateFileMapping(const char* path, const char* name, std::
 
 void* PosixPlatform::OpenMapping(const char* name, const char* spare_folder)
 {
+    ForgetLimits();
     MappingOwner mapping = allocate();
     const std::lock_guard lock(m_mutex);
     const bool opened =
@@ -156,6 +163,7 @@ void* PosixPlatform::OpenMapping(const char* name, const char* spare_folder)
 
 void* PosixPlatform::MapView(void* mapping, std::uint64_t offset, std::uint64_t size)
 {
+    ForgetLimits();
     const SharedMapping& shared = *static_cast<SharedMapping*>(mapping);
     return told(lies_in(shared, offset, size) ? shared.file.anchor.View(offset, size) : nullptr);
 }
@@ -307,6 +315,11 @@ void PosixPlatform::ErrorText(unsigned long error, char* text, std::size_t size)
     std::snprintf(text, size, "%s", strerror_r(static_cast<int>(error), room, sizeof room));
 }
 
+std::uint32_t PosixPlatform::LastLimits(char* text, std::size_t size)
+{
+    return TellLimits(text, size);
+}
+
 // Processes and threads --------------------------------------------------------------------------
 
 long PosixPlatform::ProcessId()
@@ -333,7 +346,7 @@ std::uint64_t PosixPlatform::PhysicalMemory()
 
 std::uint64_t PosixPlatform::CommittedMemory()
 {
-    return MachineCommitment();
+    return ReadCommitment().promised;
 }
 
 std::uint64_t PosixPlatform::AddressSpace()
@@ -352,6 +365,17 @@ bool PosixPlatform::AddressSpaceUse(std::uint64_t& used, std::uint64_t& largest_
     return ReadAddressSpace(AddressSpaceLimit(), used, largest_free);
 }
 
+bool PosixPlatform::ListStretches(Stretches& stretches)
+{
+    const std::lock_guard lock(m_mutex);
+    return ListMaps(m_mappings, stretches);
+}
+
+std::uint64_t PosixPlatform::MostStretches()
+{
+    return MostMaps();
+}
+
 bool PosixPlatform::TrimWorkingSet(Views& views)
 {
     bool all = true;
@@ -364,6 +388,7 @@ bool PosixPlatform::TrimWorkingSet(Views& views)
 
 void PosixPlatform::OnAllocationFailure(AllocationHandler handler)
 {
+    PrepareStackTrace(); // for the time when that handler reports
     SetAllocationHandler(handler);
 }
 
@@ -396,12 +421,20 @@ void PosixPlatform::ProcessName(char* text, std::size_t size)
 
 long long PosixPlatform::FileLength(const char* path)
 {
+    const std::lock_guard lock(m_mutex);
     return LengthOfFile(path);
 }
 
 bool PosixPlatform::TruncateFile(const char* path)
 {
+    const std::lock_guard lock(m_mutex);
     return EmptyFile(path);
+}
+
+bool PosixPlatform::AppendToFile(const char* path, const char* text, std::size_t size)
+{
+    const std::lock_guard lock(m_mutex);
+    return told(AddToFile(path, text, size));
 }
 
 void PosixPlatform::StackTrace()

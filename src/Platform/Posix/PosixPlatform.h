@@ -38,6 +38,7 @@ public:
 
     unsigned long LastError() override;
     void ErrorText(unsigned long error, char* text, std::size_t size) override;
+    std::uint32_t LastLimits(char* text, std::size_t size) override;
 
     long ProcessId() override;
     long ThreadId() override;
@@ -49,6 +50,8 @@ public:
     std::uint64_t AddressSpace() override;
     Machine MachineMemory() override;
     bool AddressSpaceUse(std::uint64_t& used, std::uint64_t& largest_free) override;
+    bool ListStretches(Stretches& stretches) override;
+    std::uint64_t MostStretches() override;
     bool TrimWorkingSet(Views& views) override;
     void OnAllocationFailure(AllocationHandler handler) override;
     bool MallocIsHooked() override;
@@ -59,6 +62,7 @@ public:
     void ProcessName(char* text, std::size_t size) override;
     long long FileLength(const char* path) override;
     bool TruncateFile(const char* path) override;
+    bool AppendToFile(const char* path, const char* text, std::size_t size) override;
     void StackTrace() override;
     void WriteStandardError(const char* text, std::size_t size) override;
 

@@ -1,5 +1,6 @@
 #include "Platform/Posix/Reserve.h"
 
+#include "Platform/Posix/Limits.h"
 #include "Platform/Posix/MemoryLimits.h"
 #include "Platform/Posix/Paths.h"
 
@@ -32,16 +33,6 @@ bool lies_in_memory(int file)
     return fstatfs(file, &status) != 0 || is_memory(status);
 }
 
-/// Past the limit the system would send a signal that ends the process.
-bool check_file_limit(std::uint64_t size)
-{
-    rlimit limit{};
-    if (getrlimit(RLIMIT_FSIZE, &limit) != 0)
-        return false;
-    const std::uint64_t largest = std::numeric_limits<off_t>::max();
-    return size <= std::min<std::uint64_t>(limit.rlim_cur, largest) || Fail(EFBIG);
-}
-
 bool write_zeros(int file, std::uint64_t offset, std::uint64_t size)
 {
     static const char zeros[1 << 16] = {};
@@ -62,37 +53,47 @@ bool reserve_step(int file, std::uint64_t offset, std::uint64_t size)
     return errno == EOPNOTSUPP && write_zeros(file, offset, size);
 }
 
-/// `look` says, before each step, whether so many bytes more can be borne.
+/// `look` says, before each step, whether so many bytes more can be borne, and how many were done.
 template <class Look>
 bool reserve_in_steps(int file, std::uint64_t size, std::uint64_t step, Look look)
 {
     for (std::uint64_t done = 0; done < size;) {
         const std::uint64_t now = std::min(step, size - done);
-        if (!look(now))
+        if (!look(now, done))
             return false;
         if (reserve_step(file, done, now))
             done += now;
         else if (errno == EINTR)
             step = std::max(std::min(step, now) / 2, least_step); // the whole step was undone
         else
-            return false;
+            return MeetNoRoom(file, done, now), false;
     }
     return true;
 }
 
 } // namespace
 
+bool FitsFileLimit(std::uint64_t size)
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_FSIZE, &limit) != 0)
+        return false;
+    const std::uint64_t largest = std::numeric_limits<off_t>::max();
+    return size <= std::min<std::uint64_t>(limit.rlim_cur, largest) || Fail(EFBIG);
+}
+
 bool Reserve(int file, std::uint64_t size)
 {
-    if (!check_file_limit(size))
+    if (!FitsFileLimit(size))
         return false;
     if (!lies_in_memory(file))
-        return reserve_in_steps(file, size, disk_step, [](std::uint64_t) { return true; });
+        return reserve_in_steps(file, size, disk_step, [](auto...) { return true; });
 
     // Other processes reserve at the same time: one look for the whole size isn't enough.
     const MemoryRoom room;
-    return reserve_in_steps(file, size, memory_step,
-                            [&room](std::uint64_t more) { return room.Bears(more); });
+    return reserve_in_steps(
+        file, size, memory_step,
+        [&room](std::uint64_t more, std::uint64_t done) { return room.Bears(more, done); });
 }
 
 bool LiesOnDisk(const char* folder)

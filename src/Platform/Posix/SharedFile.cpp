@@ -1,5 +1,6 @@
 #include "Platform/Posix/SharedFile.h"
 
+#include "Platform/Posix/Limits.h"
 #include "Platform/Posix/Liveness.h"
 #include "Platform/Posix/Reserve.h"
 #include "Platform/Posix/Scoped.h"
@@ -107,7 +108,7 @@ Making make_named_first(const char* path, const FileKind& kind, std::uint64_t si
     const ScopedFile made(
         open(path, O_CREAT | O_EXCL | O_RDWR | O_NOFOLLOW | O_CLOEXEC, private_mode));
     if (!made)
-        return Making::NoFile;
+        return MeetNoNewFile(path), Making::NoFile;
     UnlinkOnExit undo(path, made.Get());
     if (!claim(made.Get(), path))
         return Making::NoFile;

@@ -16,6 +16,10 @@ struct SharedMapping {
     pid_t creator = 0; ///< 0 where the names are another process's business
     SharedMapping* previous = nullptr;
     SharedMapping* next = nullptr;
+
+    // While the maps of the process are read:
+    FileIdentity in_maps; ///< what the maps call the file
+    SharedMapping* next_in_bucket = nullptr;
 };
 
 /// Makes what a new mapping consists of, in shared memory or else in the spare folder. The names

@@ -1,0 +1,39 @@
+#ifndef MEM_LIMITS_H
+#define MEM_LIMITS_H
+
+#include <cstdint>
+
+/// What stands in the way of one kind of operation, told once for each episode. An episode begins
+/// when such an operation fails for good, and ends when one succeeds, or fails for another limit.
+///
+/// The heaps say what they met; whether that was the end, and is to be told, the pager knows: most
+/// failures are mended by clearing the cache. Allocates nothing and throws nothing.
+/// Threads: under the pager's mutex, as the heaps.
+class Mem_Limits
+{
+public:
+    /// Remembers what the platform's last operation on a mapping or a view failed for.
+    void Met();
+
+    /// The same for a limit that the settings or this library have set. `form`, printf's for the
+    /// two numbers, is a literal and stands for the limit.
+    void MetSetting(const char* form, unsigned long long first, unsigned long long second);
+
+    /// An operation of this kind succeeded.
+    void Ended();
+
+    /// Logs the limit that was met last at level 3, in the name of `function`, unless this episode
+    /// has it told already or no limit is known.
+    void Tell(const char* function);
+
+private:
+    std::uint64_t m_met = 0; ///< stands for the limits; 0 for none
+    std::uint64_t m_told = 0;
+    char m_text[256] = "";
+};
+
+/// Making regions, and making views.
+extern constinit Mem_Limits RegionLimits;
+extern constinit Mem_Limits ViewLimits;
+
+#endif
