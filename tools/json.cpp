@@ -47,6 +47,7 @@ std::string AsJson(const Mem_Inspection::Cleaning& cleaning, bool trial)
                  {"leftovers", Json::array()},
                  {"removed", json_of(SumOf(cleaning, Mem_Inspection::Outcome::Removed))},
                  {"kept", json_of(SumOf(cleaning, Mem_Inspection::Outcome::Kept))},
+                 {"unjudged", cleaning.unjudged},
                  {"folders", cleaning.folders},
                  {"unread", cleaning.unread}};
     for (const Mem_Inspection::Removal& removal : cleaning.removals) {

@@ -132,10 +132,14 @@ std::string summary(const Mem_Inspection::Listing& listing)
 std::string summary(const Mem_Inspection::Cleaning& cleaning, bool trial)
 {
     const Sum kept = SumOf(cleaning, Outcome::Kept);
-    std::string text = trial ? "Would remove: " : "Removed: ";
+    std::string text = trial ? "Would remove " : "Removed ";
     text += counted(SumOf(cleaning, Outcome::Removed), "leftover");
+    if (cleaning.removals.empty())
+        text = "Nothing is left over";
     if (kept.count != 0)
-        text += ". Can't be removed: " + counted(kept, "leftover");
+        text += "; can't remove " + counted(kept, "leftover");
+    if (cleaning.unjudged != 0)
+        text += "; " + counted(cleaning.unjudged, "private file") + " of others can't be judged";
     return text + ".\n";
 }
 
@@ -247,8 +251,6 @@ std::string AsText(const Mem_Inspection::Cleaning& cleaning, bool trial)
         table.Add({WordFor(outcome), WordFor(leftover.kind), size_text(leftover.bytes),
                    process_text(leftover),
                    Shown(leftover.path) + (reason.empty() ? "" : ": " + Shown(reason))});
-    if (cleaning.removals.empty())
-        return "Nothing is left over.\n";
     return table.Text() + summary(cleaning, trial);
 }
 

@@ -3,6 +3,7 @@
 
 #include "mempager_export.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -13,9 +14,10 @@
 /// No pager is made for it and nothing is allocated from one, so that a host can ask before it
 /// uses the library, or without using it. Nothing on the machine changes but by Clean().
 ///
-/// What other users put in the way, under names like the library's, is never opened unless it is
-/// a plain file, never followed, never written to and never removed. Texts are bytes as the system
-/// has them, control characters and all: escape them before you show them.
+/// Other users may put anything in the way under names like the library's. Nothing but plain files
+/// is opened, for reading; their links aren't followed; only what has a name of the library's form
+/// is ever removed. Texts are bytes as the system has them, control characters and all: escape
+/// them before you show them.
 ///
 /// `temp_folder` is where to look for temp files; null stands for the configured folder, which is
 /// the environment variable TEMP or the system's own choice unless the host has set another. Only
@@ -81,6 +83,7 @@ public:
 
     struct Cleaning {
         std::vector<Removal> removals;
+        std::size_t unjudged = 0; ///< private files of other users, which may be leftovers
         std::vector<std::string> folders;
         std::vector<std::string> unread;
     };

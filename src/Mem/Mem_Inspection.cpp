@@ -193,7 +193,7 @@ private:
             entry.kind = Kind::LostLink;
             entry.state = State::Dead;
             entry.process = BaseMapInfo::GetProcessIdFromUniqueName(RWCString(link.c_str()));
-        } else if (behind.kind == Facts::Kind::Plain && behind.is_own && has_form(target)) {
+        } else if (behind.kind == Facts::Kind::Plain && behind.is_own) {
             entry = entry_for(target, kind_behind(link, target), behind);
             entry.link = link;
         }
@@ -282,8 +282,10 @@ Mem_Inspection::Listing Mem_Inspection::List(const char* temp_folder)
 Mem_Inspection::Cleaning Mem_Inspection::Clean(bool trial, const char* temp_folder)
 {
     Listing listing = List(temp_folder);
-    Cleaning cleaning{{}, std::move(listing.folders), std::move(listing.unread)};
+    Cleaning cleaning{{}, 0, std::move(listing.folders), std::move(listing.unread)};
     for (const Entry& entry : listing.entries) {
+        if (entry.state == State::Unknown && entry.kind != Kind::Other)
+            ++cleaning.unjudged;
         if (entry.state != State::Dead)
             continue;
         if (!entry.may_remove)

@@ -272,13 +272,15 @@ private:
 
     void names() const
     {
+        if (m_shared.error != 0)
+            return;
         const std::uint64_t wanted = parts(m_demand.shared_memory, m_demand.region);
-        const bool bounded = m_shared.error == 0 && m_shared.counts_names;
+        const bool bounded = m_shared.counts_names;
         const Verdict verdict = measure(bounded ? m_shared.free_names : wanted, 1, wanted);
         tell(for_memory(verdict), "names",
              bounded ? Text("room for %llu in %s, %llu wanted", Number{m_shared.free_names},
                             SharedFolder, Number{wanted})
-                     : Text("no limit is told in %s", SharedFolder),
+                     : Text("no limit in %s", SharedFolder),
              Text("mount -o remount,nr_inodes=0 %s", SharedFolder));
     }
 
@@ -408,11 +410,11 @@ private:
             tell(Verdict::Ok, subject, Text("stay: %s is a system user", user), Text());
         else if (!names_go_at_logout())
             tell(Verdict::Ok, subject, Text("stay: RemoveIPC is off"), Text());
+        else if (is_there(Text("/var/lib/systemd/linger/%s", user).text))
+            tell(Verdict::Ok, subject, Text("stay: %s lingers", user), Text());
         else
-            tell(is_there(Text("/var/lib/systemd/linger/%s", user).text) ? Verdict::Ok
-                                                                         : Verdict::Warning,
-                 subject,
-                 Text("go with the last session of %s (RemoveIPC), unless it lingers", user),
+            tell(Verdict::Warning, subject,
+                 Text("go with the last session of %s (RemoveIPC)", user),
                  Text("loginctl enable-linger %s, or RemoveIPC=no in /etc/systemd/logind.conf; no "
                       "byte is lost, but other processes don't find regions any more",
                       user));
