@@ -52,7 +52,7 @@ std::string AsJson(const Mem_Inspection::Cleaning& cleaning, bool trial)
                  {"unread", cleaning.unread}};
     for (const Mem_Inspection::Removal& removal : cleaning.removals) {
         Json leftover = json_of(removal.leftover);
-        leftover["outcome"] = WordFor(removal.outcome);
+        leftover["outcome"] = WordFor(removal.outcome, trial);
         leftover["reason"] = removal.reason;
         json["leftovers"].push_back(std::move(leftover));
     }

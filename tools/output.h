@@ -28,7 +28,7 @@ std::size_t Count(const Findings& findings, Mem_Inspection::Verdict verdict);
 // Words, the same for people and for programs.
 const char* WordFor(Mem_Inspection::Kind kind);
 const char* WordFor(Mem_Inspection::State state);
-const char* WordFor(Mem_Inspection::Outcome outcome);
+const char* WordFor(Mem_Inspection::Outcome outcome, bool trial);
 const char* WordFor(Mem_Inspection::Verdict verdict);
 
 // For people: lines of plain ASCII. Whatever else a name holds is shown as \xNN.

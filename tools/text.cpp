@@ -203,11 +203,11 @@ const char* WordFor(State state)
     return state == State::Alive ? "alive" : "dead";
 }
 
-const char* WordFor(Outcome outcome)
+const char* WordFor(Outcome outcome, bool trial)
 {
-    if (outcome == Outcome::Kept)
-        return "kept";
-    return outcome == Outcome::Gone ? "gone" : "removed";
+    if (outcome == Outcome::Removed)
+        return trial ? "removable" : "removed";
+    return outcome == Outcome::Gone ? "gone" : "kept";
 }
 
 const char* WordFor(Verdict verdict)
@@ -248,7 +248,7 @@ std::string AsText(const Mem_Inspection::Cleaning& cleaning, bool trial)
 {
     Table table({2, 3});
     for (const auto& [leftover, outcome, reason] : cleaning.removals)
-        table.Add({WordFor(outcome), WordFor(leftover.kind), size_text(leftover.bytes),
+        table.Add({WordFor(outcome, trial), WordFor(leftover.kind), size_text(leftover.bytes),
                    process_text(leftover),
                    Shown(leftover.path) + (reason.empty() ? "" : ": " + Shown(reason))});
     return table.Text() + summary(cleaning, trial);

@@ -189,11 +189,12 @@ private:
     {
         Facts behind;
         Entry entry = entry_for(link, Kind::Other, facts);
-        if (!m_platform.Inspect(target.c_str(), behind)) {
+        if (facts.is_lost) {
             entry.kind = Kind::LostLink;
             entry.state = State::Dead;
             entry.process = BaseMapInfo::GetProcessIdFromUniqueName(RWCString(link.c_str()));
-        } else if (behind.kind == Facts::Kind::Plain && behind.is_own) {
+        } else if (m_platform.Inspect(target.c_str(), behind) && behind.is_own &&
+                   behind.kind == Facts::Kind::Plain) {
             entry = entry_for(target, kind_behind(link, target), behind);
             entry.link = link;
         }

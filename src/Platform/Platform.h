@@ -245,6 +245,7 @@ public:
         Kind kind = Kind::Other;
         Mark mark = Mark::Unknown; ///< whether the maker of a mapping's file still has it
         bool may_list = false;     ///< a folder
+        bool is_lost = false;      ///< this user's own link to a mapping's file that is gone
         bool is_own = false;       ///< belongs to this process's user
         bool may_remove = false;
         std::uint64_t bytes = 0; ///< that it takes

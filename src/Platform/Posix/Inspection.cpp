@@ -61,11 +61,14 @@ Facts::Mark mark_of(const char* path)
     return CreatorLives(file.Get()) ? Facts::Mark::Held : Facts::Mark::Gone;
 }
 
-void write_target(const char* path, char* text, std::size_t size)
+/// Where another user's link leads isn't looked at: that could take for ever.
+void read_link(const char* path, Facts& facts)
 {
     Path target;
-    if (target.ReadLink(path) && BelongTogether(LastPart(path), target.Text()))
-        std::snprintf(text, size, "%s", target.Text());
+    if (!target.ReadLink(path) || !BelongTogether(LastPart(path), target.Text()))
+        return;
+    std::snprintf(facts.target, sizeof facts.target, "%s", target.Text());
+    facts.is_lost = facts.is_own && IsMissing(target.Text());
 }
 
 } // namespace
@@ -85,7 +88,7 @@ bool ReadFacts(const char* path, Facts& facts, uid_t& owner)
     if (facts.kind == Facts::Kind::Plain)
         facts.mark = mark_of(path);
     if (facts.kind == Facts::Kind::Link)
-        write_target(path, facts.target, sizeof facts.target);
+        read_link(path, facts);
     if (facts.kind == Facts::Kind::Folder)
         facts.may_list = faccessat(AT_FDCWD, path, R_OK | X_OK, AT_EACCESS) == 0;
     return true;

@@ -67,12 +67,6 @@ struct LinkToFile {
     Path target;
 };
 
-bool is_missing(const char* path)
-{
-    struct stat status;
-    return lstat(path, &status) != 0 && errno == ENOENT;
-}
-
 bool remove_link_and_file(const char* link, const FileIdentity& identity, const char* target,
                           uid_t user)
 {
@@ -119,7 +113,7 @@ bool RemoveLinkIfDead(const char* path)
     LinkToFile link;
     if (!link.Read(path) || link.owner != geteuid())
         return false;
-    if (is_missing(link.target.Text()))
+    if (IsMissing(link.target.Text()))
         return RemoveName(path, link.identity);
     return remove_link_and_file(path, link.identity, link.target.Text(), link.owner);
 }
@@ -127,5 +121,5 @@ bool RemoveLinkIfDead(const char* path)
 bool RemoveLinkIfLost(const char* path)
 {
     LinkToFile link;
-    return link.Read(path) && is_missing(link.target.Text()) && RemoveName(path, link.identity);
+    return link.Read(path) && IsMissing(link.target.Text()) && RemoveName(path, link.identity);
 }
