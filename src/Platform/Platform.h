@@ -285,6 +285,75 @@ public:
     /// allocates nothing; a failure is ignored.
     virtual void WriteStandardError(const char* text, std::size_t size) = 0;
 
+    // Inspection ----------------------------------------------------------------------------
+
+    /// Where the names of mappings are seen; empty on a system that has no such folder.
+    virtual const char* MappingFolder() = 0;
+
+    /// What can be told of a path from outside.
+    struct FileFacts {
+        enum class Kind { Plain, Link, Folder, Other };
+        enum class Mark { Held, Gone, Unknown };
+
+        Kind kind = Kind::Other;
+        Mark mark = Mark::Unknown; ///< whether the maker of a mapping's file still has it
+        bool may_list = false;     ///< a folder
+        bool is_lost = false;      ///< this user's own link to a mapping's file that is gone
+        bool is_own = false;       ///< belongs to this process's user
+        bool may_remove = false;
+        std::uint64_t bytes = 0; ///< that it takes
+        std::uint64_t age = 0;   ///< in seconds
+        char owner[64] = "";     ///< the user's name, or number
+        char target[4096] = "";  ///< of a link, where it may be one to a mapping's file; else empty
+    };
+
+    /// Fills `facts` with what bears the path itself. Nothing is changed, no link is followed and
+    /// nothing but plain files opened, for reading. @return false if nothing is there.
+    virtual bool Inspect(const char* path, FileFacts& facts) = 0;
+
+    /// Writes the name of a process's program, cut to `size` bytes with its zero, if by its user
+    /// it may be the maker of the file at `path`; else nothing.
+    virtual void ProgramOf(const char* path, long process, char* text, std::size_t size) = 0;
+
+    /// Removes a link to the file of a mapping if that file is gone.
+    virtual bool RemoveLostLink(const char* path) = 0;
+
+    /// What the library is to be ready for, in bytes.
+    struct Demand {
+        std::uint64_t shared_memory = 0;
+        std::uint64_t files = 0;
+        std::uint64_t file = 0;      ///< the size of each
+        std::uint64_t free_disk = 0; ///< what files leave
+        std::uint64_t region = 0;    ///< the least
+        std::uint64_t views = 0;     ///< that are kept for later use
+        const char* temp_folder = "";
+        bool reclaims = true; ///< gives memory back when an allocation fails
+    };
+
+    /// A look at what the library depends on.
+    struct Finding {
+        enum class Verdict { Ok, Warning, Bad };
+
+        Verdict verdict = Verdict::Ok;
+        const char* subject = "";
+        const char* value = "";
+        const char* advice = "";
+    };
+
+    /// A walk over findings.
+    class Findings
+    {
+    public:
+        virtual void Take(const Finding& finding) = 0;
+
+    protected:
+        ~Findings() = default;
+    };
+
+    /// Holds the machine and this process's limits against `demand`, without changing anything.
+    /// Throws what `findings` throws, and std::bad_alloc.
+    virtual void Examine(const Demand& demand, Findings& findings) = 0;
+
 protected:
     ~Platform() = default;
 };

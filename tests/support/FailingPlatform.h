@@ -56,6 +56,11 @@ public:
     FORWARD(const char*, DefaultTempFolder, (), ())
     FORWARD(char, PathSeparator, (), ())
     FORWARD(void, WriteStandardError, (const char* t, std::size_t s), (t, s))
+    FORWARD(const char*, MappingFolder, (), ())
+    FORWARD(bool, Inspect, (const char* p, FileFacts& f), (p, f))
+    FORWARD(void, ProgramOf, (const char* p, long i, char* t, std::size_t s), (p, i, t, s))
+    FORWARD(bool, RemoveLostLink, (const char* p), (p))
+    FORWARD(void, Examine, (const Demand& d, Findings& f), (d, f))
 #undef FORWARD
 
 protected:

@@ -15,4 +15,7 @@ bool ReclaimForMalloc(std::size_t size) noexcept;
 /// Whether calls of malloc in this process come by this library.
 bool MallocComesByHere() noexcept;
 
+/// Whether this build could hook malloc.
+bool MallocHookIsBuilt() noexcept;
+
 #endif

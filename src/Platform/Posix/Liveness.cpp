@@ -50,11 +50,22 @@ private:
     FileIdentity m_identity;
 };
 
-bool is_missing(const char* path)
-{
-    struct stat status;
-    return lstat(path, &status) != 0 && errno == ENOENT;
-}
+/// A link that may lead to a mapping's file.
+struct LinkToFile {
+    bool Read(const char* path)
+    {
+        struct stat status;
+        if (lstat(path, &status) != 0 || !target.ReadLink(path))
+            return false;
+        identity = {status.st_dev, status.st_ino};
+        owner = status.st_uid;
+        return BelongTogether(LastPart(path), target.Text());
+    }
+
+    FileIdentity identity;
+    uid_t owner = 0;
+    Path target;
+};
 
 bool remove_link_and_file(const char* link, const FileIdentity& identity, const char* target,
                           uid_t user)
@@ -99,13 +110,16 @@ bool RemoveIfDead(const char* path)
 
 bool RemoveLinkIfDead(const char* path)
 {
-    struct stat status;
-    Path target;
-    if (lstat(path, &status) != 0 || status.st_uid != geteuid() || !target.ReadLink(path) ||
-        !BelongTogether(LastPart(path), target.Text()))
+    LinkToFile link;
+    if (!link.Read(path) || link.owner != geteuid())
         return false;
-    const FileIdentity identity{status.st_dev, status.st_ino};
-    if (is_missing(target.Text()))
-        return RemoveName(path, identity);
-    return remove_link_and_file(path, identity, target.Text(), status.st_uid);
+    if (IsMissing(link.target.Text()))
+        return RemoveName(path, link.identity);
+    return remove_link_and_file(path, link.identity, link.target.Text(), link.owner);
+}
+
+bool RemoveLinkIfLost(const char* path)
+{
+    LinkToFile link;
+    return link.Read(path) && IsMissing(link.target.Text()) && RemoveName(path, link.identity);
 }

@@ -21,4 +21,8 @@ bool RemoveIfDead(const char* path);
 /// name as the link, made by the same user, goes with it. @return true if the link is gone by this.
 bool RemoveLinkIfDead(const char* path);
 
+/// Removes a link, whoever made it, that leads to a mapping's file which is gone.
+/// @return true if it is gone by this.
+bool RemoveLinkIfLost(const char* path);
+
 #endif

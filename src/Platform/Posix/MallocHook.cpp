@@ -176,9 +176,19 @@ bool MallocComesByHere() noexcept
            used.dli_fbase == own.dli_fbase;
 }
 
+bool MallocHookIsBuilt() noexcept
+{
+    return true;
+}
+
 #else
 
 bool MallocComesByHere() noexcept
+{
+    return false;
+}
+
+bool MallocHookIsBuilt() noexcept
 {
     return false;
 }

@@ -50,6 +50,9 @@ constexpr GroupVersion versions[] = {
 
 constexpr std::uint64_t no_limit = std::numeric_limits<std::uint64_t>::max();
 
+/// What other processes may take meanwhile.
+constexpr std::uint64_t margin = std::uint64_t{16} << 20;
+
 bool lists(std::string_view list, std::string_view wanted)
 {
     while (!list.empty()) {
@@ -199,6 +202,11 @@ std::uint64_t row(std::string_view key)
     return kibibytes(sum("/proc/meminfo", {"", {key, ""}}).value_or(0));
 }
 
+std::uint64_t rest(std::uint64_t all, std::uint64_t taken)
+{
+    return all - std::min(all, taken);
+}
+
 } // namespace
 
 std::uint64_t ControlGroupLimit(const char* groups, const char* mounts)
@@ -265,7 +273,6 @@ void MemoryRoom::add(const GroupVersion& version, const char* folder, std::uint6
 
 bool MemoryRoom::Bears(std::uint64_t more, std::uint64_t done) const
 {
-    constexpr std::uint64_t margin = std::uint64_t{16} << 20;
     const auto bears = [wanted = more + margin, done](const Group& group) {
         return group_bears(group, wanted, done);
     };
@@ -298,4 +305,24 @@ bool MemoryRoom::machine_bears(std::uint64_t wanted, std::uint64_t done) const
         return true;
     MeetLimit(Limit::Machine, MachineMemory(), kibibytes(*left) + done);
     return false;
+}
+
+std::uint64_t MemoryRoom::LeftInGroups() const
+{
+    std::uint64_t left = no_limit;
+    for (std::size_t at = 0; at < m_count; ++at) {
+        const auto& [version, folder, limit] = m_groups[at];
+        const Table& table = version->reclaimable;
+        const std::uint64_t cached = sum(GroupFile(folder, table.file).path, table).value_or(0);
+        const std::uint64_t usage = read_limit(folder, version->usage_file);
+        if (usage != no_limit)
+            left = std::min(left, rest(limit + cached, usage + margin));
+    }
+    return left;
+}
+
+std::uint64_t MemoryRoom::LeftOnMachine() const
+{
+    const std::optional<std::uint64_t> left = sum(m_machine, {"", {"MemAvailable:", "SwapFree:"}});
+    return left ? rest(kibibytes(*left), margin) : no_limit;
 }

@@ -53,6 +53,10 @@ public:
     /// @return false with errno, ENOMEM, and the limit remembered.
     bool Bears(std::uint64_t more, std::uint64_t done = 0) const;
 
+    /// The most that one of the two would bear; the greatest number where that isn't told.
+    std::uint64_t LeftInGroups() const;
+    std::uint64_t LeftOnMachine() const;
+
 private:
     struct Group {
         const struct GroupVersion* version;

@@ -59,6 +59,12 @@ bool StandsFor(const char* path, const FileIdentity& identity)
     return lstat(path, &status) == 0 && FileIdentity{status.st_dev, status.st_ino} == identity;
 }
 
+bool IsMissing(const char* path)
+{
+    struct stat status;
+    return lstat(path, &status) != 0 && errno == ENOENT;
+}
+
 bool RemoveName(const char* path, const FileIdentity& identity)
 {
     return !StandsFor(path, identity) || unlink(path) == 0 || errno == ENOENT;

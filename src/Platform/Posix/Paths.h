@@ -26,6 +26,9 @@ bool Identify(int file, FileIdentity& identity);
 /// Whether the name is that of the file, or link, itself.
 bool StandsFor(const char* path, const FileIdentity& identity);
 
+/// Whether it is known that nothing bears that name.
+bool IsMissing(const char* path);
+
 /// Takes the name away if it still stands for that file or link. Call it while the file is open,
 /// so that no other can have its identity. @return false with errno if the name is still there.
 bool RemoveName(const char* path, const FileIdentity& identity);

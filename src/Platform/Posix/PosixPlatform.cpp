@@ -3,7 +3,9 @@
 #include "Platform/Posix/AddressSpace.h"
 #include "Platform/Posix/AllocationFailure.h"
 #include "Platform/Posix/Diagnosis.h"
+#include "Platform/Posix/Examination.h"
 #include "Platform/Posix/Folder.h"
+#include "Platform/Posix/Inspection.h"
 #include "Platform/Posix/Limits.h"
 #include "Platform/Posix/Liveness.h"
 #include "Platform/Posix/MemoryLimits.h"
@@ -455,4 +457,36 @@ void PosixPlatform::WriteStandardError(const char* text, std::size_t size)
         text += done;
         size -= done;
     }
+}
+
+// Inspection -------------------------------------------------------------------------------------
+
+const char* PosixPlatform::MappingFolder()
+{
+    return SharedFolder;
+}
+
+bool PosixPlatform::Inspect(const char* path, FileFacts& facts)
+{
+    uid_t owner = 0;
+    facts = {};
+    if (const std::lock_guard lock(m_mutex); !told(ReadFacts(path, facts, owner)))
+        return false;
+    WriteUserName(owner, facts.owner, sizeof facts.owner); // it may allocate
+    return true;
+}
+
+void PosixPlatform::ProgramOf(const char* path, long process, char* text, std::size_t size)
+{
+    WriteProgramOf(path, process, text, size);
+}
+
+bool PosixPlatform::RemoveLostLink(const char* path)
+{
+    return told(RemoveLinkIfLost(path));
+}
+
+void PosixPlatform::Examine(const Demand& demand, Findings& findings)
+{
+    ExamineMachine(demand, findings);
 }

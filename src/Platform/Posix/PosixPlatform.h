@@ -66,6 +66,12 @@ public:
     void StackTrace() override;
     void WriteStandardError(const char* text, std::size_t size) override;
 
+    const char* MappingFolder() override;
+    bool Inspect(const char* path, FileFacts& facts) override;
+    void ProgramOf(const char* path, long process, char* text, std::size_t size) override;
+    bool RemoveLostLink(const char* path) override;
+    void Examine(const Demand& demand, Findings& findings) override;
+
 private:
     static void before_fork();
     static void after_fork_in_parent();

@@ -1,0 +1,317 @@
+#include "Mem/Mem_Inspection.h"
+
+#include "Mem/Mem_Configuration.h"
+#include "Mem/Mem_MemInfo.h"
+#include "Platform/Platform.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <map>
+#include <tuple>
+
+namespace
+{
+
+using Entry = Mem_Inspection::Entry;
+using Kind = Mem_Inspection::Kind;
+using State = Mem_Inspection::State;
+using Facts = Platform::FileFacts;
+
+std::string text_of(const RWCString& text)
+{
+    return {text.data(), text.length()};
+}
+
+std::string temp_folder_or(const char* folder)
+{
+    return folder != nullptr ? std::string(folder)
+                             : text_of(MEM_MemoryConfiguration::GetInstance()->FileHeap_TempPath());
+}
+
+/// A path with single separators, so that two of one file are equal.
+std::string tidied(std::string path)
+{
+    const char separator = Platform::Get().PathSeparator();
+    const auto twice = [separator](char a, char b) { return a == separator && b == separator; };
+    path.erase(std::unique(path.begin(), path.end(), twice), path.end());
+    return path;
+}
+
+std::string joined(const std::string& folder, const std::string& name)
+{
+    return tidied(folder + Platform::Get().PathSeparator() + name);
+}
+
+std::string last_part(const std::string& path)
+{
+    return path.substr(path.rfind(Platform::Get().PathSeparator()) + 1);
+}
+
+/// Whether a name is, or ends in, one that the library gives.
+bool has_form(const std::string& name)
+{
+    const std::size_t at = name.find(BaseMapInfo::s_BlockPrefix);
+    return at != name.npos && BaseMapInfo::IsUniqueName(RWCString(name.c_str() + at));
+}
+
+class NamesIn final : public Platform::Names
+{
+public:
+    NamesIn(const std::string& folder, const std::string& prefix)
+    {
+        Platform::Get().ListFiles(folder.c_str(), prefix.c_str(), *this);
+    }
+    void Take(const char* name) override { m_names.emplace_back(name); }
+    auto begin() const { return m_names.begin(); }
+    auto end() const { return m_names.end(); }
+
+private:
+    std::vector<std::string> m_names;
+};
+
+State state_of(Facts::Mark mark)
+{
+    if (mark == Facts::Mark::Unknown)
+        return State::Unknown;
+    return mark == Facts::Mark::Held ? State::Alive : State::Dead;
+}
+
+/// What bears the path, as one of that kind if it can be; else as another's.
+Entry entry_for(const std::string& path, Kind kind, const Facts& facts)
+{
+    Entry entry;
+    entry.path = path;
+    entry.owner = facts.owner;
+    entry.is_own = facts.is_own;
+    entry.may_remove = facts.may_remove;
+    entry.age = facts.age;
+    if (facts.kind != Facts::Kind::Plain || !has_form(last_part(path)))
+        return entry;
+    entry.kind = kind;
+    entry.state = state_of(facts.mark);
+    entry.bytes = facts.bytes;
+    entry.process = BaseMapInfo::GetProcessIdFromUniqueName(RWCString(path.c_str()));
+    if (entry.state == State::Alive) {
+        char program[64];
+        Platform::Get().ProgramOf(path.c_str(), entry.process, program, sizeof program);
+        entry.program = program;
+    }
+    return entry;
+}
+
+/// A link and its file have one name, unless regions are carved from the file.
+Kind kind_behind(const std::string& link, const std::string& target)
+{
+    return last_part(link) == last_part(target) ? Kind::SpareRegion : Kind::TempFile;
+}
+
+/// Puts the names of a process into the order of their numbers.
+bool comes_before(const Entry& a, const Entry& b)
+{
+    const std::size_t length_a = a.path.size(), length_b = b.path.size();
+    return std::tie(a.kind, a.process, length_a, a.path) <
+           std::tie(b.kind, b.process, length_b, b.path);
+}
+
+/// A walk through the temp folder, then through the folder of mappings, whose links can lead to
+/// what was found before.
+class Walk
+{
+public:
+    explicit Walk(const std::string& temp_folder)
+        : m_temp_folder(temp_folder.empty() ? joined("", "") : temp_folder),
+          m_mapping_folder(m_platform.MappingFolder())
+    {
+    }
+
+    Mem_Inspection::Listing Run()
+    {
+        if (may_list(m_temp_folder)) {
+            add_all(m_temp_folder, temp_file_prefix(), Kind::TempFile);
+            if (joined(m_temp_folder, "") != joined(m_mapping_folder, ""))
+                add_all(m_temp_folder, BaseMapInfo::s_BlockPrefix, Kind::SpareRegion);
+        }
+        if (!m_mapping_folder.empty() && may_list(m_mapping_folder))
+            add_all(m_mapping_folder, BaseMapInfo::s_BlockPrefix, Kind::Region);
+        return {sorted(), std::move(m_folders), std::move(m_unread)};
+    }
+
+private:
+    static std::string temp_file_prefix()
+    {
+        return text_of(MEM_MemoryConfiguration::GetInstance()->FileHeap_TempFileName()) +
+               BaseMapInfo::s_BlockPrefix;
+    }
+
+    bool may_list(const std::string& folder)
+    {
+        Facts facts;
+        const bool may = m_platform.Inspect(joined(folder, ".").c_str(), facts) && facts.may_list;
+        (may ? m_folders : m_unread).push_back(folder);
+        return may;
+    }
+
+    void add_all(const std::string& folder, const std::string& prefix, Kind kind)
+    {
+        for (const std::string& name : NamesIn(folder, prefix)) {
+            Facts facts;
+            const std::string path = joined(folder, name);
+            if (!m_platform.Inspect(path.c_str(), facts))
+                continue; // it has gone meanwhile
+            if (facts.kind == Facts::Kind::Link && kind == Kind::Region && has_form(name))
+                add_link(path, facts);
+            else
+                add(entry_for(path, kind, facts));
+        }
+    }
+
+    void add(Entry entry)
+    {
+        const std::string path = entry.path;
+        m_entries.insert_or_assign(path, std::move(entry));
+    }
+
+    /// Only the user who owns the file can have meant the link, and only one's own links are worth
+    /// following to where nobody has looked.
+    void add_link(const std::string& link, const Facts& facts)
+    {
+        const std::string target = tidied(facts.target);
+        const auto known = m_entries.find(target);
+        if (!target.empty() && known != m_entries.end() && known->second.owner == facts.owner)
+            known->second.link = link;
+        else if (!target.empty() && facts.is_own)
+            add_behind_own(link, target, facts);
+        else
+            add(entry_for(link, Kind::Other, facts));
+    }
+
+    void add_behind_own(const std::string& link, const std::string& target, const Facts& facts)
+    {
+        Facts behind;
+        Entry entry = entry_for(link, Kind::Other, facts);
+        if (facts.is_lost) {
+            entry.kind = Kind::LostLink;
+            entry.state = State::Dead;
+            entry.process = BaseMapInfo::GetProcessIdFromUniqueName(RWCString(link.c_str()));
+        } else if (m_platform.Inspect(target.c_str(), behind) && behind.is_own &&
+                   behind.kind == Facts::Kind::Plain) {
+            entry = entry_for(target, kind_behind(link, target), behind);
+            entry.link = link;
+        }
+        add(std::move(entry));
+    }
+
+    std::vector<Entry> sorted()
+    {
+        std::vector<Entry> entries;
+        for (auto& [path, entry] : m_entries)
+            entries.push_back(std::move(entry));
+        std::sort(entries.begin(), entries.end(), comes_before);
+        return entries;
+    }
+
+    Platform& m_platform = Platform::Get();
+    const std::string m_temp_folder;
+    const std::string m_mapping_folder;
+    std::map<std::string, Entry> m_entries; ///< by path
+    std::vector<std::string> m_folders;
+    std::vector<std::string> m_unread;
+};
+
+bool is_there(const std::string& path)
+{
+    Facts facts;
+    return !path.empty() && Platform::Get().Inspect(path.c_str(), facts);
+}
+
+/// The text for this thread's last failure.
+std::string error_text()
+{
+    char text[256];
+    Platform::Get().ErrorText(Platform::Get().LastError(), text, sizeof text);
+    return text;
+}
+
+/// The file goes first: its link then leads nowhere, and only such links are taken away.
+Mem_Inspection::Removal remove(const Entry& leftover)
+{
+    Platform& platform = Platform::Get();
+    const std::string& link = leftover.kind == Kind::LostLink ? leftover.path : leftover.link;
+    if (!is_there(leftover.path))
+        return {leftover, Mem_Inspection::Outcome::Gone, {}};
+    if (leftover.kind != Kind::LostLink && !platform.RemoveDeadFile(leftover.path.c_str()) &&
+        is_there(leftover.path))
+        return {leftover, Mem_Inspection::Outcome::Kept, error_text()};
+    if (!link.empty() && !platform.RemoveLostLink(link.c_str()) && is_there(link))
+        return {leftover, Mem_Inspection::Outcome::Kept, error_text()};
+    return {leftover, Mem_Inspection::Outcome::Removed, {}};
+}
+
+std::uint64_t bytes_of(unsigned int mb)
+{
+    return std::uint64_t{mb} << 20;
+}
+
+class Copied final : public Platform::Findings
+{
+public:
+    void Take(const Platform::Finding& finding) override
+    {
+        findings.push_back({verdict_of(finding), finding.subject, finding.value, finding.advice});
+    }
+
+    std::vector<Mem_Inspection::Finding> findings;
+
+private:
+    static Mem_Inspection::Verdict verdict_of(const Platform::Finding& finding)
+    {
+        if (finding.verdict == Platform::Finding::Verdict::Ok)
+            return Mem_Inspection::Verdict::Ok;
+        return finding.verdict == Platform::Finding::Verdict::Warning
+                   ? Mem_Inspection::Verdict::Warning
+                   : Mem_Inspection::Verdict::Bad;
+    }
+};
+
+} // namespace
+
+Mem_Inspection::Listing Mem_Inspection::List(const char* temp_folder)
+{
+    return Walk(temp_folder_or(temp_folder)).Run();
+}
+
+Mem_Inspection::Cleaning Mem_Inspection::Clean(bool trial, const char* temp_folder)
+{
+    Listing listing = List(temp_folder);
+    Cleaning cleaning{{}, 0, std::move(listing.folders), std::move(listing.unread)};
+    for (const Entry& entry : listing.entries) {
+        if (entry.state == State::Unknown && entry.kind != Kind::Other)
+            ++cleaning.unjudged;
+        if (entry.state != State::Dead)
+            continue;
+        if (!entry.may_remove)
+            cleaning.removals.push_back({entry, Outcome::Kept, "it belongs to " + entry.owner});
+        else
+            cleaning.removals.push_back(trial ? Removal{entry, Outcome::Removed, {}}
+                                              : remove(entry));
+    }
+    return cleaning;
+}
+
+std::vector<Mem_Inspection::Finding> Mem_Inspection::Examine(const char* temp_folder)
+{
+    MEM_MemoryConfiguration& settings = *MEM_MemoryConfiguration::GetInstance();
+    const std::string folder = temp_folder_or(temp_folder);
+    Platform::Demand demand;
+    demand.shared_memory = bytes_of(settings.GetSwapMaxSizeInMb());
+    demand.files = bytes_of(settings.FileHeap_MaxTotalSpaceInMb());
+    demand.file = bytes_of(settings.FileHeap_FileSizeInMb());
+    demand.free_disk = bytes_of(settings.FileHeap_MinSpaceToLeaveInMb());
+    demand.region = settings.BaseBlockSize();
+    demand.views = settings.HeapCacheInBytes();
+    demand.temp_folder = folder.c_str();
+    demand.reclaims = std::getenv("VORTELIX_DIS_NEW_HANDLER") == nullptr;
+    Copied copied;
+    Platform::Get().Examine(demand, copied);
+    return copied.findings;
+}

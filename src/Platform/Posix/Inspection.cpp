@@ -1,0 +1,121 @@
+#include "Platform/Posix/Inspection.h"
+
+#include "Platform/Posix/Lines.h"
+#include "Platform/Posix/Liveness.h"
+#include "Platform/Posix/Paths.h"
+
+#include <cstdio>
+#include <ctime>
+
+#include <pwd.h>
+#include <sys/stat.h>
+
+namespace
+{
+
+using Facts = Platform::FileFacts;
+
+Facts::Kind kind_of(mode_t mode)
+{
+    if (S_ISREG(mode))
+        return Facts::Kind::Plain;
+    if (S_ISLNK(mode))
+        return Facts::Kind::Link;
+    return S_ISDIR(mode) ? Facts::Kind::Folder : Facts::Kind::Other;
+}
+
+/// Where a file system doesn't tell when a file was made, the last change of its names and rights
+/// is near enough: its maker makes both at once.
+std::time_t time_made(const char* path, const struct stat& status)
+{
+    struct statx more {
+    };
+    const bool told = statx(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, STATX_BTIME, &more) == 0 &&
+                      (more.stx_mask & STATX_BTIME) != 0;
+    return told ? static_cast<std::time_t>(more.stx_btime.tv_sec) : status.st_ctime;
+}
+
+std::uint64_t age_of(const char* path, const struct stat& status)
+{
+    return static_cast<std::uint64_t>(
+        std::max<std::time_t>(std::time(nullptr) - time_made(path, status), 0));
+}
+
+/// In a folder like /tmp a name goes only by its file's owner, the folder's, or root.
+bool may_remove(const char* path, uid_t owner)
+{
+    Path folder;
+    struct stat status;
+    if (!folder.SetFolderOf(path) || stat(folder.Text(), &status) != 0 ||
+        faccessat(AT_FDCWD, folder.Text(), W_OK | X_OK, AT_EACCESS) != 0)
+        return false;
+    const uid_t user = geteuid();
+    return (status.st_mode & S_ISVTX) == 0 || user == owner || user == status.st_uid || user == 0;
+}
+
+Facts::Mark mark_of(const char* path)
+{
+    const ScopedFile file(OpenToRead(path));
+    if (!file)
+        return Facts::Mark::Unknown;
+    return CreatorLives(file.Get()) ? Facts::Mark::Held : Facts::Mark::Gone;
+}
+
+/// Where another user's link leads isn't looked at: that could take for ever.
+void read_link(const char* path, Facts& facts)
+{
+    Path target;
+    if (!target.ReadLink(path) || !BelongTogether(LastPart(path), target.Text()))
+        return;
+    std::snprintf(facts.target, sizeof facts.target, "%s", target.Text());
+    facts.is_lost = facts.is_own && IsMissing(target.Text());
+}
+
+} // namespace
+
+bool ReadFacts(const char* path, Facts& facts, uid_t& owner)
+{
+    constexpr std::uint64_t block_size = 512;
+    struct stat status;
+    if (lstat(path, &status) != 0)
+        return false;
+    owner = status.st_uid;
+    facts.kind = kind_of(status.st_mode);
+    facts.is_own = owner == geteuid();
+    facts.may_remove = may_remove(path, owner);
+    facts.bytes = static_cast<std::uint64_t>(status.st_blocks) * block_size;
+    facts.age = age_of(path, status);
+    if (facts.kind == Facts::Kind::Plain)
+        facts.mark = mark_of(path);
+    if (facts.kind == Facts::Kind::Link)
+        read_link(path, facts);
+    if (facts.kind == Facts::Kind::Folder)
+        facts.may_list = faccessat(AT_FDCWD, path, R_OK | X_OK, AT_EACCESS) == 0;
+    return true;
+}
+
+void WriteUserName(uid_t user, char* text, std::size_t size)
+{
+    char room[4096];
+    passwd entry{};
+    passwd* found = nullptr;
+    if (getpwuid_r(user, &entry, room, sizeof room, &found) == 0 && found != nullptr)
+        std::snprintf(text, size, "%s", found->pw_name);
+    else
+        std::snprintf(text, size, "%lu", static_cast<unsigned long>(user));
+}
+
+void WriteProgramOf(const char* path, long process, char* text, std::size_t size)
+{
+    char folder[64];
+    struct stat file, maker;
+    text[0] = '\0';
+    std::snprintf(folder, sizeof folder, "/proc/%ld", process);
+    if (lstat(path, &file) != 0 || stat(folder, &maker) != 0 || file.st_uid != maker.st_uid)
+        return;
+    std::snprintf(folder, sizeof folder, "/proc/%ld/comm", process);
+    Lines lines(folder);
+    std::string_view name;
+    if (lines.Next(name))
+        std::snprintf(text, size, "%.*s", static_cast<int>(name.size()), name.data());
+}
