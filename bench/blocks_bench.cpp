@@ -5,6 +5,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <deque>
@@ -85,20 +86,43 @@ double seconds_of(Ten& ten, void (Ten::*operation)())
     return took.count();
 }
 
-/// Times one operation of a round of all three, with what the pager needs near at hand.
+/// The median of each operation's time: one that was interrupted doesn't count.
+class Samples
+{
+public:
+    explicit Samples(benchmark::State& state) : m_state(state) {}
+    ~Samples()
+    {
+        const auto middle = m_seconds.begin() + static_cast<std::ptrdiff_t>(m_seconds.size() / 2);
+        std::nth_element(m_seconds.begin(), middle, m_seconds.end());
+        m_state.counters["typical"] = *middle;
+    }
+    Samples(const Samples&) = delete;
+    Samples& operator=(const Samples&) = delete;
+
+    void Add(double seconds_of_ten)
+    {
+        m_seconds.push_back(seconds_of_ten / 10);
+        m_state.SetIterationTime(seconds_of_ten / 10);
+    }
+
+private:
+    benchmark::State& m_state;
+    std::vector<double> m_seconds;
+};
+
+/// Times one operation of a round of both, with what the pager needs near at hand.
 void Round(benchmark::State& state, void (Ten::*timed)())
 {
     register_others(static_cast<std::size_t>(state.range(0)) - 10);
     Ten ten;
     ten.Allocate();
     ten.Unmap();
+    Samples samples(state);
     for (auto _ : state) {
-        double seconds = 0;
-        for (void (Ten::*const operation)() : {&Ten::Map, &Ten::Unmap}) {
-            const double took = seconds_of(ten, operation);
-            seconds += operation == timed ? took : 0;
-        }
-        state.SetIterationTime(seconds / 10);
+        const double map = seconds_of(ten, &Ten::Map);
+        const double unmap = seconds_of(ten, &Ten::Unmap);
+        samples.Add(timed == &Ten::Map ? map : unmap);
     }
 }
 
@@ -116,6 +140,7 @@ void BlocksFree(benchmark::State& state)
 {
     register_others(static_cast<std::size_t>(state.range(0)) - 10);
     Ten ten;
+    Samples samples(state);
     for (auto _ : state) {
         ten.Allocate();
         ten.Unmap();
@@ -123,7 +148,7 @@ void BlocksFree(benchmark::State& state)
             ten.Map();
             ten.Unmap();
         }
-        state.SetIterationTime(seconds_of(ten, &Ten::Free) / 10);
+        samples.Add(seconds_of(ten, &Ten::Free));
     }
 }
 
@@ -131,8 +156,9 @@ void BlocksAllocate(benchmark::State& state)
 {
     register_others(static_cast<std::size_t>(state.range(0)) - 10);
     Ten ten;
+    Samples samples(state);
     for (auto _ : state) {
-        state.SetIterationTime(seconds_of(ten, &Ten::Allocate) / 10);
+        samples.Add(seconds_of(ten, &Ten::Allocate));
         ten.Unmap();
         ten.Free();
     }
