@@ -166,6 +166,7 @@ private:
     friend struct Mem_TestAccess;
     friend class MEM_PagerInfo;
     friend class Mem_PagerInfoVecLockGuard;
+    friend class Mem_MemFragmentsAllocator;
     friend struct Mem_ProcessPager;
 
     struct NameHash {
