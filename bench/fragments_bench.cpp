@@ -1,0 +1,166 @@
+// A buffer in fragments, beside plain memory: element by element, range by range, and as it grows.
+
+#include "Fragments.h"
+#include "Support.h"
+
+#include "Mem/Mem_MemFragmentsAllocator.h"
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <numeric>
+#include <vector>
+
+namespace
+{
+void count_elements(benchmark::State& state)
+{
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kElements));
+}
+
+double& element(Mem_MemFragmentsAllocator& buffer, std::size_t number)
+{
+    return *static_cast<double*>(buffer.GetPointerAtIndex(number * sizeof(double)));
+}
+
+/// All fragments have views, in the cache if not in use.
+Mem_MemFragmentsAllocator& our_buffer()
+{
+    static Mem_MemFragmentsAllocator buffer(sizeof(double), kElements,
+                                            static_cast<unsigned int>(kFragmentBytes));
+    static const bool filled = [] {
+        SetCacheLimit(1000);
+        for (std::size_t number = 0; number < kElements; ++number)
+            element(buffer, number) = 1;
+        return true;
+    }();
+    benchmark::DoNotOptimize(filled);
+    return buffer;
+}
+
+std::vector<double>& plain_buffer()
+{
+    static std::vector<double> buffer(kElements, 1);
+    return buffer;
+}
+
+// Element by element ------------------------------------------------------------------------------
+
+void OurRead(benchmark::State& state)
+{
+    Mem_MemFragmentsAllocator& buffer = our_buffer();
+    for (auto _ : state) {
+        double sum = 0;
+        for (std::size_t number = 0; number < kElements; ++number)
+            sum += element(buffer, number);
+        benchmark::DoNotOptimize(sum);
+    }
+    count_elements(state);
+}
+BENCHMARK(OurRead)->Name("fragments/read/mempager");
+
+void PlainRead(benchmark::State& state)
+{
+    const std::vector<double>& buffer = plain_buffer();
+    for (auto _ : state) {
+        double sum = 0;
+        for (std::size_t number = 0; number < kElements; ++number)
+            sum += buffer[number];
+        benchmark::DoNotOptimize(sum);
+    }
+    count_elements(state);
+}
+BENCHMARK(PlainRead)->Name("fragments/read/plain");
+
+void OurWrite(benchmark::State& state)
+{
+    Mem_MemFragmentsAllocator& buffer = our_buffer();
+    for (auto _ : state)
+        for (std::size_t number = 0; number < kElements; ++number)
+            element(buffer, number) = static_cast<double>(number);
+    count_elements(state);
+}
+BENCHMARK(OurWrite)->Name("fragments/write/mempager");
+
+void PlainWrite(benchmark::State& state)
+{
+    std::vector<double>& buffer = plain_buffer();
+    for (auto _ : state) {
+        for (std::size_t number = 0; number < kElements; ++number)
+            buffer[number] = static_cast<double>(number);
+        benchmark::ClobberMemory();
+    }
+    count_elements(state);
+}
+BENCHMARK(PlainWrite)->Name("fragments/write/plain");
+
+void OurRandom(benchmark::State& state)
+{
+    Mem_MemFragmentsAllocator& buffer = our_buffer();
+    for (auto _ : state) {
+        double sum = 0;
+        for (const std::size_t number : RandomElements())
+            sum += element(buffer, number);
+        benchmark::DoNotOptimize(sum);
+    }
+}
+BENCHMARK(OurRandom)->Name("fragments/random/mempager");
+
+// Range by range ----------------------------------------------------------------------------------
+
+/// The same in one piece, of the size of what is mapped at a time: one fragment, again and again.
+void PlainRange(benchmark::State& state)
+{
+    const std::vector<double>& buffer = plain_buffer();
+    for (auto _ : state)
+        for (std::size_t i = 0; i < kFragments; ++i)
+            benchmark::DoNotOptimize(Sum(buffer.data(), kFragmentBytes));
+    count_elements(state);
+}
+BENCHMARK(PlainRange)->Name("fragments/range/fragment");
+
+/// All of a plain buffer that is as large as the fragments together.
+void PlainWhole(benchmark::State& state)
+{
+    const std::vector<double>& buffer = plain_buffer();
+    for (auto _ : state)
+        benchmark::DoNotOptimize(Sum(buffer.data(), kElements * sizeof(double)));
+    count_elements(state);
+}
+BENCHMARK(PlainWhole)->Name("fragments/range/plain");
+
+void OurRange(benchmark::State& state)
+{
+    Mem_MemFragmentsAllocator& buffer = our_buffer();
+    for (auto _ : state) {
+        std::size_t length = 0;
+        for (std::size_t at = 0; at < buffer.GetTotalBufferSize(); at += length) {
+            length = buffer.GetTotalBufferSize() - at;
+            const void* const range = buffer.GetRangeFromIndex(at, length);
+            benchmark::DoNotOptimize(Sum(range, length));
+        }
+    }
+    count_elements(state);
+}
+BENCHMARK(OurRange)->Name("fragments/range/mempager");
+
+// Growth ------------------------------------------------------------------------------------------
+
+/// By one whole fragment, from so many MB.
+void Growth(benchmark::State& state)
+{
+    MEM_MemoryConfiguration::GetInstance()->SetSwapMaxSizeInMb(16384);
+    SetCacheLimit(100);
+    const std::size_t few = static_cast<std::size_t>(state.range(0)) / 8 * kPerFragment;
+    Mem_MemFragmentsAllocator buffer(sizeof(double), few,
+                                     static_cast<unsigned int>(kFragmentBytes));
+    for (auto _ : state) {
+        const auto start = std::chrono::steady_clock::now();
+        Require(buffer.Reallocate(few + kPerFragment) == 0, "Reallocate");
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+        state.SetIterationTime(took.count());
+        buffer.Reallocate(few);
+    }
+}
+BENCHMARK(Growth)->Name("fragments/grow")->Arg(200)->Arg(2000)->UseManualTime();
+} // namespace
