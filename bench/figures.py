@@ -166,7 +166,8 @@ class Section:
 
 def pieces_rows():
     rows = []
-    for kind, case in (("pass", "one more comes and goes"), ("replace", "a random one is replaced")):
+    cases = {"pass": "one more comes and goes", "replace": "a random one is replaced"}
+    for kind, case in cases.items():
         stem = f"pieces/{kind}"
         for count in COUNTS:
             rows.append(AtMost(f"{case}, {count:,} live", f"{stem}/mempager/{count}",
@@ -254,20 +255,20 @@ SECTIONS = [
                "fragments/write/vigra", 3),
         AtMost("scan by `GetRangeFromIndex`", "fragments/range/mempager",
                "one fragment's size, as often", "fragments/range/fragment", 1.1),
-        AtMost("the same", "fragments/range/mempager", "the whole in one piece",
-               "fragments/range/plain"),
+        AtMost("the same, written", "fragments/range_write/mempager",
+               "one fragment's size, as often", "fragments/range_write/fragment", 1.1),
         Faster("random elements of a mapped fragment", "fragments/random/mempager",
                "STXXL `vector`", "fragments/random/stxxl", 3),
         AtMost("2 GB grow by a fragment", "fragments/grow/2000", "200 MB grow by one",
                "fragments/grow/200", 1.1),
     ], [
-        "256 MB of `double` in fragments of 8 MB, and as much cache for each as that takes; the "
+        "300 MB of `double` in fragments of 75 MB, the default, STXXL's and VIGRA's in pages of "
+        "8 MB, and for each as much cache as all of it takes; the "
         "peers' files lie in shared memory. Reading adds up, writing stores the element's number.",
         "`Mem_MemFragmentsAllocator` is asked for each element by `GetPointerAtIndex`, or for each "
         "fragment by `GetRangeFromIndex`; STXXL and VIGRA are scanned by their iterators, and "
-        "STXXL's random elements are read by `[]`. They may do I/O meanwhile, which ours leaves "
-        "to the system.",
-        "A buffer grows by a whole fragment, which is a region of its own.",
+        "STXXL's random elements are read by `[]`.",
+        "A buffer grows by a whole fragment, of 8 MB here, which is a region of its own.",
     ]),
 ]
 
@@ -420,8 +421,9 @@ def page(results, temp_folder, remarks):
     return "\n".join([
         "# Figures", "",
         "Written by `scripts/bench`: medians of interleaved repetitions, each ratio from one "
-        "process. Times are of the processor, but for threads, many regions and peers that have "
-        "threads of their own, where they are of the clock. A ratio is the library's time over its peer's unless it says otherwise. "
+        "process. Times are of the processor, but for threads, many regions and growth, where "
+        "they are of the clock. A ratio is the library's time over "
+        "its peer's unless it says otherwise. "
         f"{reached} of {len(lines)} goals are reached.", "",
         machine(results, temp_folder), *[f"\n{remark}" for remark in remarks], "",
         "![Growth curves](figures.svg)", "",

@@ -23,18 +23,13 @@ double& element(Mem_MemFragmentsAllocator& buffer, std::size_t number)
     return *static_cast<double*>(buffer.GetPointerAtIndex(number * sizeof(double)));
 }
 
-/// All fragments have views, in the cache if not in use.
+/// Its fragments all have views, in the cache if not in use, with their pages at hand.
 Mem_MemFragmentsAllocator& our_buffer()
 {
-    static Mem_MemFragmentsAllocator buffer(sizeof(double), kElements,
-                                            static_cast<unsigned int>(kFragmentBytes));
-    static const bool filled = [] {
-        SetCacheLimit(1000);
-        for (std::size_t number = 0; number < kElements; ++number)
-            element(buffer, number) = 1;
-        return true;
-    }();
-    benchmark::DoNotOptimize(filled);
+    SetCacheLimit(1000);
+    static Mem_MemFragmentsAllocator buffer(sizeof(double), kElements, kFragmentBytes);
+    for (std::size_t number = 0; number < kElements; number += kPage / sizeof(double))
+        element(buffer, number) = 1;
     return buffer;
 }
 
@@ -119,16 +114,6 @@ void PlainRange(benchmark::State& state)
 }
 BENCHMARK(PlainRange)->Name("fragments/range/fragment");
 
-/// All of a plain buffer that is as large as the fragments together.
-void PlainWhole(benchmark::State& state)
-{
-    const std::vector<double>& buffer = plain_buffer();
-    for (auto _ : state)
-        benchmark::DoNotOptimize(Sum(buffer.data(), kElements * sizeof(double)));
-    count_elements(state);
-}
-BENCHMARK(PlainWhole)->Name("fragments/range/plain");
-
 void OurRange(benchmark::State& state)
 {
     Mem_MemFragmentsAllocator& buffer = our_buffer();
@@ -144,19 +129,51 @@ void OurRange(benchmark::State& state)
 }
 BENCHMARK(OurRange)->Name("fragments/range/mempager");
 
+void fill(void* memory, std::size_t size)
+{
+    auto* const values = static_cast<double*>(memory);
+    for (std::size_t i = 0; i < size / sizeof(double); ++i)
+        values[i] = static_cast<double>(i);
+    benchmark::ClobberMemory();
+}
+
+void PlainRangeWrite(benchmark::State& state)
+{
+    std::vector<double>& buffer = plain_buffer();
+    for (auto _ : state)
+        for (std::size_t i = 0; i < kFragments; ++i)
+            fill(buffer.data(), kFragmentBytes);
+    count_elements(state);
+}
+BENCHMARK(PlainRangeWrite)->Name("fragments/range_write/fragment");
+
+void OurRangeWrite(benchmark::State& state)
+{
+    Mem_MemFragmentsAllocator& buffer = our_buffer();
+    for (auto _ : state) {
+        std::size_t length = 0;
+        for (std::size_t at = 0; at < buffer.GetTotalBufferSize(); at += length) {
+            length = buffer.GetTotalBufferSize() - at;
+            void* const range = buffer.GetRangeFromIndex(at, length);
+            fill(range, length);
+        }
+    }
+    count_elements(state);
+}
+BENCHMARK(OurRangeWrite)->Name("fragments/range_write/mempager");
+
 // Growth ------------------------------------------------------------------------------------------
 
-/// By one whole fragment, from so many MB.
+/// By one whole fragment of 8 MB, from so many MB.
 void Growth(benchmark::State& state)
 {
     MEM_MemoryConfiguration::GetInstance()->SetSwapMaxSizeInMb(16384);
     SetCacheLimit(100);
-    const std::size_t few = static_cast<std::size_t>(state.range(0)) / 8 * kPerFragment;
-    Mem_MemFragmentsAllocator buffer(sizeof(double), few,
-                                     static_cast<unsigned int>(kFragmentBytes));
+    const std::size_t few = static_cast<std::size_t>(state.range(0)) / 8 * kPerPage;
+    Mem_MemFragmentsAllocator buffer(sizeof(double), few, kPerPage * sizeof(double));
     for (auto _ : state) {
         const auto start = std::chrono::steady_clock::now();
-        Require(buffer.Reallocate(few + kPerFragment) == 0, "Reallocate");
+        Require(buffer.Reallocate(few + kPerPage) == 0, "Reallocate");
         const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
         state.SetIterationTime(took.count());
         buffer.Reallocate(few);

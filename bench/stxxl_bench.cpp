@@ -14,7 +14,7 @@
 namespace
 {
 // Pages of four blocks of 2 MB.
-using Vector = stxxl::VECTOR_GENERATOR<double, 4, kFragments + 2>::result;
+using Vector = stxxl::VECTOR_GENERATOR<double, 4, kPages + 2>::result;
 
 Vector& vector()
 {
@@ -22,7 +22,7 @@ Vector& vector()
         const std::string file =
             std::string(kFolder) + "/mempager_bench_stxxl_" + std::to_string(getpid());
         stxxl::config::get_instance()->add_disk(
-            stxxl::disk_config(file, 2 * kFragments * kFragmentBytes, "syscall unlink"));
+            stxxl::disk_config(file, 2 * kElements * sizeof(double), "syscall unlink"));
         auto filled = std::make_unique<Vector>(kElements);
         for (std::size_t number = 0; number < kElements; ++number)
             (*filled)[number] = 1;
@@ -41,7 +41,7 @@ void Read(benchmark::State& state)
         benchmark::DoNotOptimize(sum);
     }
 }
-BENCHMARK(Read)->Name("fragments/read/stxxl")->UseRealTime();
+BENCHMARK(Read)->Name("fragments/read/stxxl");
 
 void Write(benchmark::State& state)
 {
@@ -52,7 +52,7 @@ void Write(benchmark::State& state)
             value = static_cast<double>(number++);
     }
 }
-BENCHMARK(Write)->Name("fragments/write/stxxl")->UseRealTime();
+BENCHMARK(Write)->Name("fragments/write/stxxl");
 
 void Random(benchmark::State& state)
 {
@@ -64,5 +64,5 @@ void Random(benchmark::State& state)
         benchmark::DoNotOptimize(sum);
     }
 }
-BENCHMARK(Random)->Name("fragments/random/stxxl")->UseRealTime();
+BENCHMARK(Random)->Name("fragments/random/stxxl");
 } // namespace

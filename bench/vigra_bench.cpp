@@ -14,9 +14,8 @@ using Shape = vigra::Shape1;
 Array& array()
 {
     static Array made(Shape(static_cast<vigra::MultiArrayIndex>(kElements)),
-                      Shape(static_cast<vigra::MultiArrayIndex>(kPerFragment)),
-                      vigra::ChunkedArrayOptions().cacheMax(static_cast<int>(kFragments) + 2),
-                      kFolder);
+                      Shape(static_cast<vigra::MultiArrayIndex>(kPerPage)),
+                      vigra::ChunkedArrayOptions().cacheMax(static_cast<int>(kPages) + 2), kFolder);
     return made;
 }
 
