@@ -6,6 +6,7 @@
 #include <benchmark/benchmark.h>
 #include <stxxl/vector>
 
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -19,6 +20,8 @@ using Vector = stxxl::VECTOR_GENERATOR<double, 4, kPages + 2>::result;
 Vector& vector()
 {
     static const std::unique_ptr<Vector> made = [] {
+        setenv("STXXLLOGFILE", "/dev/null", 0); // else they lie in the current folder
+        setenv("STXXLERRLOGFILE", "/dev/null", 0);
         const std::string file =
             std::string(kFolder) + "/mempager_bench_stxxl_" + std::to_string(getpid());
         stxxl::config::get_instance()->add_disk(
