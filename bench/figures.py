@@ -1,0 +1,448 @@
+#!/usr/bin/env python3
+"""Makes docs/figures.md and docs/figures.svg of what the benchmarks have written.
+
+    bench/figures.py FOLDER_OF_JSON_FILES DOCS_FOLDER TEMP_FOLDER [REMARK...]
+"""
+import collections
+import datetime
+import json
+import math
+import pathlib
+import platform
+import statistics
+import subprocess
+import sys
+
+NANOSECONDS = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
+COUNTS = (10, 1000, 100000, 1000000)
+BLOCKS = (10, 100, 1000, 10000, 100000)
+
+
+# What was measured -------------------------------------------------------------------------------
+
+
+class Results:
+    """Medians over the repetitions, by the benchmarks' names."""
+
+    def __init__(self, folder):
+        times = collections.defaultdict(list)
+        counters = collections.defaultdict(list)
+        self.compiler = ""
+        for path in sorted(pathlib.Path(folder).glob("*.json")):
+            if path.stat().st_size == 0:
+                continue  # nothing of that name was built
+            report = json.loads(path.read_text())
+            self.compiler = report["context"].get("compiler", self.compiler)
+            for run in report["benchmarks"]:
+                self._add(run, times, counters)
+        self.times = {name: statistics.median(all_) for name, all_ in times.items()}
+        self.counters = {key: statistics.median(all_) for key, all_ in counters.items()}
+
+    @staticmethod
+    def _add(run, times, counters):
+        if run.get("run_type") != "iteration":
+            return
+        parts = run["name"].split("/")
+        name = "/".join(
+            part for part in parts
+            if part not in ("manual_time", "real_time") and not part.startswith("iterations:"))
+        times[name].append(Results._time(run))
+        for counter in ("items_per_second", "bytes_more"):
+            if counter in run:
+                counters[name, counter].append(run[counter])
+
+
+    @staticmethod
+    def _time(run):
+        """Nanoseconds of the processor where a benchmark runs by itself, and of the clock where it
+        has helpers or a clock of its own: those say so in their names."""
+        if "typical" in run:
+            return run["typical"] * 1e9
+        by_clock = "/real_time" in run["name"] or "/manual_time" in run["name"]
+        return run["real_time" if by_clock else "cpu_time"] * NANOSECONDS[run["time_unit"]]
+
+
+# The table ---------------------------------------------------------------------------------------
+
+
+def time_text(nanoseconds):
+    for unit, size in (("s", 1e9), ("ms", 1e6), ("µs", 1e3)):
+        if nanoseconds >= size:
+            return f"{nanoseconds / size:.3g} {unit}"
+    return f"{nanoseconds:.3g} ns"
+
+
+def ratio_text(ratio):
+    return f"{ratio:.0f}" if ratio >= 100 else f"{ratio:.2f}"
+
+
+def goal_and_verdict(ratio, goal):
+    return ("", None) if goal is None else (f"≤ {goal}", ratio <= goal)
+
+
+class Line:
+    """One line of the table. `verdict` is None where nothing is to be reached."""
+
+    def __init__(self, case, own, peer, figure, ratio, goal, verdict):
+        mark = {None: "", True: "yes", False: "**missed**"}[verdict]
+        self.text = f"| {case} | {own} | {peer} | {figure} | {ratio} | {goal} | {mark} |"
+        self.verdict = verdict
+
+
+class AtMost:
+    """Our time over the peer's."""
+
+    def __init__(self, case, own, peer_label, peer, goal=None):
+        self.case, self.own, self.peer_label, self.peer, self.goal = (
+            case, own, peer_label, peer, goal)
+
+    def needs(self):
+        return [self.own, self.peer]
+
+    def line(self, results):
+        own, peer = results.times[self.own], results.times[self.peer]
+        return Line(self.case, time_text(own), self.peer_label, time_text(peer),
+                    ratio_text(own / peer), *goal_and_verdict(own / peer, self.goal))
+
+
+class Faster(AtMost):
+    """The peer's time over ours."""
+
+    def line(self, results):
+        own, peer = results.times[self.own], results.times[self.peer]
+        return Line(self.case, time_text(own), self.peer_label, time_text(peer),
+                    f"{ratio_text(peer / own)} times faster", f"≥ {self.goal} times",
+                    peer >= self.goal * own)
+
+
+class Rate(AtMost):
+    """Two threads' operations in a second over those of one."""
+
+    def line(self, results):
+        own = results.counters[self.own, "items_per_second"]
+        peer = results.counters[self.peer, "items_per_second"]
+        return Line(self.case, f"{own / 1e6:.3g} M/s", self.peer_label, f"{peer / 1e6:.3g} M/s",
+                    ratio_text(own / peer), f"≥ {self.goal}", own >= self.goal * peer)
+
+
+class Growth:
+    """The slowest over the fastest of a row of sizes, or the last over the first."""
+
+    def __init__(self, case, stem, sizes, goal, last_over_first=False):
+        self.case, self.stem, self.sizes, self.goal = case, stem, sizes, goal
+        self.last_over_first = last_over_first
+
+    def needs(self):
+        return [f"{self.stem}/{self.sizes[0]}", f"{self.stem}/{self.sizes[1]}"]
+
+    def line(self, results):
+        there = [size for size in self.sizes if f"{self.stem}/{size}" in results.times]
+        times = [results.times[f"{self.stem}/{size}"] for size in there]
+        ends = (times[0], times[-1]) if self.last_over_first else (min(times), max(times))
+        ratio = ends[1] / ends[0]
+        return Line(f"{self.case}, {there[0]:,} to {there[-1]:,}", time_text(ends[1]),
+                    "first" if self.last_over_first else "fastest", time_text(ends[0]),
+                    ratio_text(ratio), *goal_and_verdict(ratio, self.goal))
+
+
+class Bytes:
+    """Bytes more than at the start."""
+
+    def __init__(self, case, own, goal):
+        self.case, self.own, self.goal = case, own, goal
+        self.peer_label = ""
+
+    def needs(self):
+        return [self.own]
+
+    def line(self, results):
+        more = results.counters[self.own, "bytes_more"]
+        return Line(self.case, f"{more / 1024:.1f} KB more", "at the start", "", "",
+                    f"≤ {self.goal // 1024:,} KB", more <= self.goal)
+
+
+class Section:
+    def __init__(self, title, rows, notes):
+        self.title, self.rows, self.notes = title, rows, notes
+
+
+def pieces_rows():
+    rows = []
+    cases = {"pass": "one more comes and goes", "replace": "a random one is replaced"}
+    for kind, case in cases.items():
+        stem = f"pieces/{kind}"
+        for count in COUNTS:
+            rows.append(AtMost(f"{case}, {count:,} live", f"{stem}/mempager/{count}",
+                               "Boost.Interprocess", f"{stem}/boost/{count}", 1.0))
+        for count in COUNTS:
+            rows.append(AtMost(f"{case}, {count:,} live", f"{stem}/mempager/{count}",
+                               "malloc", f"{stem}/malloc/{count}"))
+        # What is replaced at random comes from ever farther down in the memory hierarchy, for any
+        # allocator; the step is for the work that the number of pieces itself adds.
+        goal = 4 if kind == "pass" else None
+        rows.append(Growth(case, f"{stem}/mempager", COUNTS, goal, last_over_first=True))
+        rows.append(Growth("the same of Boost.Interprocess", f"{stem}/boost", COUNTS, None,
+                           last_over_first=True))
+    return rows
+
+
+SECTIONS = [
+    Section("Handles", [
+        AtMost("`Map` + `Unmap`, cached, the region's only piece", "handles/cached/mempager",
+               "four lock pairs", "handles/four_lock_pairs", 1.5),
+        Faster("the same", "handles/cached/mempager", "`mmap` + a touch + `munmap`",
+               "handles/cached/mmap", 100),
+        AtMost("`Map` + `Unmap`, nested", "handles/nested/mempager", "two lock pairs",
+               "handles/two_lock_pairs", 1.5),
+        AtMost("a handle is copied and destroyed", "handles/copy/mempager", "two lock pairs",
+               "handles/two_lock_pairs", 1.5),
+        AtMost("cached `Map` + `Unmap`, counters off", "handles/counters/off", "counters on",
+               "handles/counters/on"),
+        Rate("two threads, cached `Map` + `Unmap`", "handles/threads_cached/threads:2",
+             "one thread", "handles/threads_cached/threads:1", 0.8),
+        Rate("two threads, nested `Map` + `Unmap`", "handles/threads_nested/threads:2",
+             "one thread", "handles/threads_nested/threads:1", 1.6),
+    ], [
+        "A lock pair takes and releases a free `WindowUnixMutex`; a cached `Map` takes a handle's "
+        "and, within it, the pager's, and so does `Unmap`.",
+        "`mmap` maps a region of the library's own size, with its memory reserved.",
+        "Each thread has a piece, a region and a handle of its own. The process of all figures has "
+        "two threads, since the C library leaves out the locks of those that have one.",
+    ]),
+    Section("`Allocate` + `Free`", pieces_rows(), [
+        "Pieces of 64 to 4063 bytes, at random but the same for each peer; as many as given live "
+        "in one pool, and each slot was replaced about once before the clock starts.",
+        "Ours lie in regions of 8 MB with their records outside, and can be unmapped. Those of "
+        "Boost.Interprocess lie in one `managed_shared_memory`, mapped as a whole, made large "
+        "enough for all beforehand, with its records inside. Both lock.",
+        "`malloc` has no lock to take for a thread's own pieces, and its memory can't be shared.",
+    ]),
+    Section("Regions", [
+        AtMost("life of a region of 8 MB", "regions/life/mempager/8", "raw calls",
+               "regions/life/raw/8", 1.1),
+        AtMost("life of a region of 256 MB", "regions/life/mempager/256", "raw calls",
+               "regions/life/raw/256", 1.1),
+        AtMost("a miss: one region evicted, another mapped and read", "regions/miss/mempager",
+               "`munmap` + `mmap` + the read", "regions/miss/raw", 1.1),
+        Faster("working set of twice the cache", "regions/set/mempager",
+               "`mapped_region` for each access", "regions/set/mapped_region", 1),
+        Faster("the same", "regions/set/mempager", "`pread` into one buffer", "regions/set/read",
+               1),
+    ], [
+        "A life: created, mapped, each page written to, unmapped, removed. Raw calls: `shm_open`, "
+        "`fallocate`, `mmap`, `munmap`, `close`, `shm_unlink`, with the same reservation. The "
+        "library also looks at the memory that is left, takes a lock and makes an anchor.",
+        "Working set: 64 pieces of 8 MB, 256 MB of cache, the first half of a random piece is "
+        "read. The peers' files lie in shared memory too. `pread` copies what it reads, of the "
+        "half only; the others map the whole piece.",
+    ]),
+    Section("Many regions", [
+        Growth("`Map` with so many regions registered", "blocks/map", BLOCKS, 1.3),
+        Growth("`Unmap`", "blocks/unmap", BLOCKS, 1.3),
+        Growth("`Free`", "blocks/free", BLOCKS, 1.3),
+        Bytes("memory after 100,000 regions came and went", "passing/regions/100000", 1048576),
+        Bytes("memory after 1,000,000 regions came and went", "passing/regions/1000000", 1048576),
+    ], [
+        "Regions of 4 KB with a piece each. The operations are of ten of them, whose records are "
+        "in the processor's caches, while all others are cached. `Free` removes the region.",
+        "Memory is what `malloc` has given out in the process; one piece stays all the time, so "
+        "that ids only rise.",
+    ]),
+    Section("Fragmented buffers", [
+        AtMost("scan, each element read", "fragments/read/mempager", "`std::vector`",
+               "fragments/read/plain", 1.1),
+        Faster("the same", "fragments/read/mempager", "STXXL `vector`", "fragments/read/stxxl", 3),
+        Faster("the same", "fragments/read/mempager", "VIGRA `ChunkedArrayTmpFile`",
+               "fragments/read/vigra", 3),
+        AtMost("scan, each element written", "fragments/write/mempager", "`std::vector`",
+               "fragments/write/plain", 1.1),
+        Faster("the same", "fragments/write/mempager", "STXXL `vector`", "fragments/write/stxxl",
+               3),
+        Faster("the same", "fragments/write/mempager", "VIGRA `ChunkedArrayTmpFile`",
+               "fragments/write/vigra", 3),
+        AtMost("scan by `GetRangeFromIndex`", "fragments/range/mempager",
+               "one fragment's size, as often", "fragments/range/fragment", 1.1),
+        AtMost("the same, written", "fragments/range_write/mempager",
+               "one fragment's size, as often", "fragments/range_write/fragment", 1.1),
+        Faster("random elements of a mapped fragment", "fragments/random/mempager",
+               "STXXL `vector`", "fragments/random/stxxl", 3),
+        AtMost("2 GB grow by a fragment", "fragments/grow/2000", "200 MB grow by one",
+               "fragments/grow/200", 1.1),
+    ], [
+        "300 MB of `double` in fragments of 75 MB, the default, STXXL's and VIGRA's in pages of "
+        "8 MB, and for each as much cache as all of it takes; the "
+        "peers' files lie in shared memory. Reading adds up, writing stores the element's number.",
+        "`Mem_MemFragmentsAllocator` is asked for each element by `GetPointerAtIndex`, or for each "
+        "fragment by `GetRangeFromIndex`; STXXL and VIGRA are scanned by their iterators, and "
+        "STXXL's random elements are read by `[]`.",
+        "A buffer grows by a whole fragment, of 8 MB here, which is a region of its own.",
+    ]),
+]
+
+PEERS = {"stxxl": "STXXL (libstxxl-dev)", "vigra": "VIGRA (libvigraimpex-dev)",
+         "boost": "Boost.Interprocess (libboost-dev)"}
+
+
+def missing_peers(section, results):
+    """A line for each peer that this section names and no benchmark has."""
+    named = {part for row in section.rows for name in row.needs() for part in name.split("/")}
+    there = {part for name in results.times for part in name.split("/")}
+    return [f"{PEERS[peer]} isn't installed, so its lines are left out."
+            for peer in sorted(named & set(PEERS) - there)]
+
+
+def section_text(section, results):
+    rows = [row for row in section.rows if all(name in results.times for name in row.needs())]
+    if not rows:
+        return f"## {section.title}\n\nNot measured.\n", []
+    lines = [row.line(results) for row in rows]
+    table = ["| Case | mempager | beside | | ratio | to reach | reached |",
+             "|---|---|---|---|---|---|---|", *[line.text for line in lines]]
+    notes = section.notes + missing_peers(section, results)
+    if len(rows) < len(section.rows):
+        notes.append(f"Lines not measured this time: {len(section.rows) - len(rows)}.")
+    return "\n".join([f"## {section.title}", "", *table, "", *[f"- {note}" for note in notes],
+                      ""]), lines
+
+
+# The machine -------------------------------------------------------------------------------------
+
+
+def first_value(path, key):
+    for line in pathlib.Path(path).read_text().splitlines():
+        if line.startswith(key):
+            return line.split(":", 1)[1].strip()
+    return "unknown"
+
+
+def file_system(folder):
+    words = subprocess.run(["findmnt", "-n", "-o", "FSTYPE", "--target", folder],
+                           capture_output=True, text=True, check=False).stdout.split()
+    return words[0] if words else "unknown"
+
+
+def machine(results, temp_folder):
+    cores = len([line for line in pathlib.Path("/proc/cpuinfo").read_text().splitlines()
+                 if line.startswith("processor")])
+    memory = int(first_value("/proc/meminfo", "MemTotal").split()[0]) / 1048576
+    return (f"{first_value('/proc/cpuinfo', 'model name')}, {cores} cores, {memory:.0f} GB of "
+            f"memory; Linux {platform.release()}; {results.compiler}, Release; temp folder "
+            f"{temp_folder} on {file_system(temp_folder)}; {datetime.date.today():%Y-%m-%d}.")
+
+
+# The picture -------------------------------------------------------------------------------------
+
+WIDTH, HEIGHT = 1000, 420
+COLOURS = ("#1f6fb4", "#c2571a", "#5d8a3a")
+
+
+class Panel:
+    """Curves over two logarithmic axes."""
+
+    def __init__(self, left, title, x_title, curves):
+        self.left, self.top, self.width, self.height = left, 60, 330, 290
+        self.title, self.x_title, self.curves = title, x_title, curves
+        xs = [x for _, points in curves for x, _ in points]
+        ys = [y for _, points in curves for _, y in points]
+        self.x_range = (math.log10(min(xs)), math.log10(max(xs)))
+        self.y_range = (math.floor(math.log10(min(ys))), math.ceil(math.log10(max(ys))))
+
+    def x(self, value):
+        low, high = self.x_range
+        return self.left + (math.log10(value) - low) / (high - low) * self.width
+
+    def y(self, value):
+        low, high = self.y_range
+        return self.top + self.height - (math.log10(value) - low) / (high - low) * self.height
+
+    def frame(self):
+        yield f'<text class="title" x="{self.left}" y="{self.top - 22}">{self.title}</text>'
+        for power in range(self.y_range[0], self.y_range[1] + 1):
+            y = self.y(10 ** power)
+            yield (f'<line class="grid" x1="{self.left}" x2="{self.left + self.width}" '
+                   f'y1="{y:.1f}" y2="{y:.1f}"/>')
+            yield (f'<text class="tick" text-anchor="end" x="{self.left - 8}" '
+                   f'y="{y + 4:.1f}">{time_text(10 ** power)}</text>')
+        bottom = self.top + self.height
+        for power in range(math.ceil(self.x_range[0]), math.floor(self.x_range[1]) + 1):
+            yield (f'<text class="tick" text-anchor="middle" x="{self.x(10 ** power):.1f}" '
+                   f'y="{bottom + 20}">{10 ** power:,}</text>')
+        yield (f'<text class="tick" text-anchor="middle" x="{self.left + self.width / 2}" '
+               f'y="{bottom + 42}">{self.x_title}</text>')
+
+    def label_places(self):
+        """Below each other, however close the curves end."""
+        places, last = {}, -math.inf
+        for name, points in sorted(self.curves, key=lambda curve: self.y(curve[1][-1][1])):
+            last = places[name] = max(self.y(points[-1][1]) + 4, last + 16)
+        return places
+
+    def draw(self):
+        yield from self.frame()
+        places = self.label_places()
+        for (name, points), colour in zip(self.curves, COLOURS):
+            path = " ".join(f"{self.x(x):.1f},{self.y(y):.1f}" for x, y in points)
+            yield f'<polyline fill="none" stroke="{colour}" stroke-width="2" points="{path}"/>'
+            for x, y in points:
+                yield f'<circle cx="{self.x(x):.1f}" cy="{self.y(y):.1f}" r="3" fill="{colour}"/>'
+            yield (f'<text class="name" fill="{colour}" x="{self.left + self.width + 8}" '
+                   f'y="{places[name]:.1f}">{name}</text>')
+
+
+def points(results, stem, sizes):
+    return [(size, results.times[f"{stem}/{size}"]) for size in sizes
+            if f"{stem}/{size}" in results.times]
+
+
+def curves(results, stems, sizes):
+    found = [(name, points(results, stem, sizes)) for name, stem in stems]
+    return [(name, row) for name, row in found if len(row) > 1]
+
+
+def picture(results):
+    panels = [
+        (80, "Allocate + Free, a random piece replaced", "live pieces",
+         curves(results, [("mempager", "pieces/replace/mempager"),
+                          ("Boost", "pieces/replace/boost")], COUNTS)),
+        (580, "Operations on one region", "registered regions",
+         curves(results, [("Map", "blocks/map"), ("Unmap", "blocks/unmap"),
+                          ("Free", "blocks/free")], BLOCKS)),
+    ]
+    body = [element for left, title, x_title, rows in panels if rows
+            for element in Panel(left, title, x_title, rows).draw()]
+    return "\n".join([
+        f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {HEIGHT}" '
+        'font-family="sans-serif">',
+        "<style>.title{font-size:15px;fill:#222}.tick{font-size:12px;fill:#555}"
+        ".name{font-size:13px}.grid{stroke:#ddd}</style>",
+        f'<rect width="{WIDTH}" height="{HEIGHT}" fill="white"/>', *body, "</svg>", ""])
+
+
+# ------------------------------------------------------------------------------------------------
+
+
+def page(results, temp_folder, remarks):
+    sections = [section_text(section, results) for section in SECTIONS]
+    lines = [line for _, lines_ in sections for line in lines_ if line.verdict is not None]
+    reached = sum(line.verdict for line in lines)
+    return "\n".join([
+        "# Figures", "",
+        "Written by `scripts/bench`: medians of interleaved repetitions, each ratio from one "
+        "process. Times are of the processor, but for threads and many regions, where they are of "
+        "the clock. A ratio is the library's time over "
+        "its peer's unless it says otherwise. "
+        f"{reached} of {len(lines)} goals are reached.", "",
+        machine(results, temp_folder), *[f"\n{remark}" for remark in remarks], "",
+        "![Growth curves](figures.svg)", "",
+        *[text for text, _ in sections]])
+
+
+def main():
+    json_folder, docs, temp_folder, *remarks = sys.argv[1:]
+    results = Results(json_folder)
+    pathlib.Path(docs, "figures.md").write_text(page(results, temp_folder, remarks))
+    pathlib.Path(docs, "figures.svg").write_text(picture(results))
+
+
+if __name__ == "__main__":
+    main()

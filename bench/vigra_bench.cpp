@@ -1,0 +1,44 @@
+// The buffer of the fragments as a chunked array of VIGRA's, with all of its chunks in its cache
+// and its file in shared memory.
+
+#include "Fragments.h"
+
+#include <benchmark/benchmark.h>
+#include <vigra/multi_array_chunked.hxx>
+
+namespace
+{
+using Array = vigra::ChunkedArrayTmpFile<1, double>;
+using Shape = vigra::Shape1;
+
+Array& array()
+{
+    static Array made(Shape(static_cast<vigra::MultiArrayIndex>(kElements)),
+                      Shape(static_cast<vigra::MultiArrayIndex>(kPerPage)),
+                      vigra::ChunkedArrayOptions().cacheMax(static_cast<int>(kPages) + 2), kFolder);
+    return made;
+}
+
+void Write(benchmark::State& state)
+{
+    Array& buffer = array();
+    for (auto _ : state) {
+        std::size_t number = 0;
+        for (auto at = buffer.begin(), end = buffer.end(); at != end; ++at)
+            *at = static_cast<double>(number++);
+    }
+}
+BENCHMARK(Write)->Name("fragments/write/vigra");
+
+void Read(benchmark::State& state)
+{
+    const Array& buffer = array();
+    for (auto _ : state) {
+        double sum = 0;
+        for (auto at = buffer.begin(), end = buffer.end(); at != end; ++at)
+            sum += *at;
+        benchmark::DoNotOptimize(sum);
+    }
+}
+BENCHMARK(Read)->Name("fragments/read/vigra");
+} // namespace
