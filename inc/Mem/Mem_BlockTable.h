@@ -38,7 +38,13 @@ public:
 
     /// The record of a living block.
     /// @throws RWBoundsErr for an id past the end, negative ones included, or of a block gone.
-    RegisteredBlock& At(int id) const;
+    RegisteredBlock& At(int id) const
+    {
+        RegisteredBlock* const block = Find(id);
+        if (block == nullptr)
+            refuse(id);
+        return *block;
+    }
 
     /// The record of an id below Length(); null if its block is gone.
     RegisteredBlock* Find(int id) const { return m_slots.Get(id); }
@@ -61,6 +67,8 @@ public:
 
 private:
     friend struct Mem_TestAccess;
+
+    [[noreturn]] void refuse(int id) const;
 
     Mem_SlotTable<RegisteredBlock*, nullptr> m_slots;
     int m_length = 0;

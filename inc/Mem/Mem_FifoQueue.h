@@ -72,6 +72,7 @@ private:
 
     int& slot(std::uint32_t position);
     const int& slot(std::uint32_t position) const;
+    [[noreturn]] void refuse(std::uint32_t position) const;
     void reserve_ring(std::size_t ids);
     bool is_youngest(int id) const;
     bool erase_from_index(int id);

@@ -150,7 +150,10 @@ private:
     static constexpr unsigned int kStripes = 50;
 
     WindowUnixMutex& stripe() const { return mutex[m_mutex_index]; }
+    static int next_stripe();
     bool holds_mapping() const;
+    int map_count() const { return m_map_count.load(std::memory_order_relaxed); }
+    void set_map_count(int count) { m_map_count.store(count, std::memory_order_relaxed); }
     void copy(const MEM_PagerInfo& other, bool map);
     void release();
     int detach();
@@ -172,7 +175,7 @@ private:
 
     PagerInfoState* m_state = nullptr;
     int m_mutex_index = 0;
-    std::atomic<int> m_map_count = 0;
+    std::atomic<int> m_map_count = 0; // changed under the stripe, read without
     unsigned int m_allocated_size = 0;
     MEM_MemPager* m_pager = nullptr;
 };

@@ -19,13 +19,10 @@ void Mem_BlockTable::Append(RegisteredBlock* block)
     ++m_length;
 }
 
-RegisteredBlock& Mem_BlockTable::At(int id) const
+void Mem_BlockTable::refuse(int id) const
 {
-    RegisteredBlock* const block = Find(id);
-    if (block == nullptr)
-        RWThrow(RWBoundsErr(RWMessage(RWTOOL_INDEXERR(), static_cast<std::uint64_t>(id),
-                                      static_cast<std::uint64_t>(m_length))));
-    return *block;
+    RWThrow(RWBoundsErr(RWMessage(RWTOOL_INDEXERR(), static_cast<std::uint64_t>(id),
+                                  static_cast<std::uint64_t>(m_length))));
 }
 
 void Mem_BlockTable::Clear()

@@ -119,8 +119,13 @@ int& MEM_FifoQueue::slot(std::uint32_t position)
 const int& MEM_FifoQueue::slot(std::uint32_t position) const
 {
     if (position >= m_ring.size())
-        RWThrow(RWBoundsErr(RWMessage(RWTOOL_INDEX(), position, m_ring.size())));
+        refuse(position);
     return m_ring[position];
+}
+
+void MEM_FifoQueue::refuse(std::uint32_t position) const
+{
+    RWThrow(RWBoundsErr(RWMessage(RWTOOL_INDEX(), position, m_ring.size())));
 }
 
 /// The larger ring is whole before the old one is touched, see Reserve().

@@ -637,8 +637,6 @@ void MEM_MemPager::release_owner(BaseMapInfo* owner, RWCString name)
 
 int MEM_MemPager::Map(MEM_PagerInfo& info)
 {
-    if (info.Ptr() != nullptr)
-        return 0;
     WindowUnixGuard lock(&mutex);
     return MapWithoutLocks(info);
 }

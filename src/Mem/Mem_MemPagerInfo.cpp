@@ -64,13 +64,21 @@ void MEM_PagerInfo::assign(std::unique_ptr<PagerInfoState> state, int blk_id, ME
     state->ref_count = 1;
     state->mem_info = info;
     state->map_count = mapped ? 1 : 0;
-    state->blk_id = blk_id;
+    state->blk_id.store(blk_id, std::memory_order_relaxed);
 
     m_state = state.release();
-    m_mutex_index = static_cast<int>(m_MutexCounter++ % kStripes);
+    m_mutex_index = next_stripe();
     m_allocated_size = info != nullptr ? info->Size() : 0;
-    m_map_count = mapped ? 1 : 0;
+    set_map_count(mapped ? 1 : 0);
     m_pager = pager;
+}
+
+// No locked instruction: if two threads take the same stripe by it, no harm is done.
+int MEM_PagerInfo::next_stripe()
+{
+    const unsigned int stripe = m_MutexCounter.load(std::memory_order_relaxed);
+    m_MutexCounter.store((stripe + 1) % kStripes, std::memory_order_relaxed);
+    return static_cast<int>(stripe);
 }
 
 int MEM_PagerInfo::Block() const
@@ -80,7 +88,7 @@ int MEM_PagerInfo::Block() const
 
 bool MEM_PagerInfo::holds_mapping() const
 {
-    return m_state != nullptr && m_map_count.load(std::memory_order_relaxed) > 0;
+    return m_state != nullptr && map_count() > 0;
 }
 
 void* MEM_PagerInfo::Ptr() const
@@ -119,7 +127,7 @@ void MEM_PagerInfo::copy(const MEM_PagerInfo& other, bool map)
     m_pager = other.m_pager;
     m_mutex_index = other.m_mutex_index;
     m_state = nullptr;
-    m_map_count = 0;
+    set_map_count(0);
 
     if (other.m_state == nullptr) {
         m_mutex_index = 0;
@@ -132,7 +140,7 @@ void MEM_PagerInfo::copy(const MEM_PagerInfo& other, bool map)
     ++m_state->ref_count;
     if (map && m_state->map_count > 0) {
         ++m_state->map_count;
-        m_map_count = 1;
+        set_map_count(1);
     }
 }
 
@@ -143,7 +151,8 @@ void MEM_PagerInfo::release()
     WindowUnixGuard lock(&stripe());
     if (m_state == nullptr)
         return;
-    m_state->map_count -= m_map_count.exchange(0, std::memory_order_relaxed);
+    m_state->map_count -= map_count();
+    set_map_count(0);
     if (--m_state->ref_count == 0)
         free_piece();
     m_state = nullptr;
@@ -162,7 +171,7 @@ void MEM_PagerInfo::Release()
 {
     release();
     m_pager = nullptr;
-    m_map_count = 0;
+    set_map_count(0);
 }
 
 void MEM_PagerInfo::Reset()
@@ -173,7 +182,7 @@ void MEM_PagerInfo::Reset()
 void MEM_PagerInfo::SetBlkId(int blk_id)
 {
     if (m_state != nullptr)
-        m_state->blk_id = blk_id;
+        m_state->blk_id.store(blk_id, std::memory_order_relaxed);
 }
 
 int MEM_PagerInfo::count_map(int (MEM_MemPager::*map_block)(MEM_PagerInfo&))
@@ -186,7 +195,7 @@ int MEM_PagerInfo::count_map(int (MEM_MemPager::*map_block)(MEM_PagerInfo&))
             return result;
     }
     ++m_state->map_count;
-    m_map_count.fetch_add(1, std::memory_order_relaxed);
+    set_map_count(map_count() + 1);
     return 0;
 }
 
@@ -209,7 +218,7 @@ bool MEM_PagerInfo::may_unmap(const char* function) const
         ZOR_LOG(function, 3, "Unmap: Tried to unmap an invalid PagerInfo!\n");
         return false;
     }
-    if (m_map_count.load(std::memory_order_relaxed) <= 0) {
+    if (map_count() <= 0) {
         ZOR_LOG(function, 6, "Unmap: Tried to unmap an already unmapped PagerInfo!\n");
         return false;
     }
@@ -221,7 +230,7 @@ int MEM_PagerInfo::count_unmap(int (MEM_MemPager::*unmap_block)(MEM_PagerInfo&))
 {
     const int result = m_state->map_count == 1 ? (m_pager->*unmap_block)(*this) : 0;
     --m_state->map_count;
-    m_map_count.fetch_sub(1, std::memory_order_relaxed);
+    set_map_count(map_count() - 1);
     return result;
 }
 
@@ -257,7 +266,7 @@ MEM_RESPONSE MEM_PagerInfo::ReleaseIfUnmapped(bool force_detach, bool last_count
     WindowUnixGuard lock(&stripe());
     if (m_state == nullptr)
         return MEM_INVALID;
-    if (m_map_count != 0)
+    if (map_count() != 0)
         return MEM_STILL_MAPPED;
 
     const bool mapped = m_state->map_count != 0;
@@ -279,7 +288,7 @@ int MEM_PagerInfo::detach()
     const int left = --m_state->ref_count;
     m_state = nullptr;
     m_pager = nullptr;
-    m_map_count = 0;
+    set_map_count(0);
     ZOR_LOG("MEM_PagerInfo::ReleaseIfUnmapped", 4, "ReleaseIfUnmapped: RefCount=<%d>\n", left);
     return left;
 }
