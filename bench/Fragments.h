@@ -15,6 +15,21 @@ constexpr std::size_t kPerPage = std::size_t{1} << 20; // elements, where they c
 constexpr std::size_t kPages = kElements / kPerPage + 1;
 constexpr char kFolder[] = "/dev/shm";
 
+/// What a scan does with a run of elements: it adds them up, or stores their numbers.
+inline double SumOf(const double* values, std::size_t count)
+{
+    double sum = 0;
+    for (std::size_t i = 0; i < count; ++i)
+        sum += values[i];
+    return sum;
+}
+
+inline void Number(double* values, std::size_t count, std::size_t first)
+{
+    for (std::size_t i = 0; i < count; ++i)
+        values[i] = static_cast<double>(first + i);
+}
+
 /// Elements of one page, at random but the same for each library.
 inline const std::vector<std::size_t>& RandomElements()
 {

@@ -186,6 +186,16 @@ def pieces_rows():
     return rows
 
 
+def scan_rows(case, own, peer):
+    own = f"{own}/mempager"
+    return [
+        AtMost(case, own, "`std::vector`", f"{peer}/plain", 1.1),
+        Faster(case, own, "STXXL `vector`", f"{peer}/stxxl", 3),
+        Faster(case, own, "VIGRA `ChunkedArrayTmpFile`", f"{peer}/vigra", 3),
+        AtMost(case, own, "VIGRA, chunk by chunk", f"{peer}_chunks/vigra"),
+    ]
+
+
 SECTIONS = [
     Section("Handles", [
         AtMost("`Map` + `Unmap`, cached, the region's only piece", "handles/cached/mempager",
@@ -249,21 +259,16 @@ SECTIONS = [
         "that ids only rise.",
     ]),
     Section("Fragmented buffers", [
-        AtMost("scan, each element read", "fragments/read/mempager", "`std::vector`",
-               "fragments/read/plain", 1.1),
-        Faster("the same", "fragments/read/mempager", "STXXL `vector`", "fragments/read/stxxl", 3),
-        Faster("the same", "fragments/read/mempager", "VIGRA `ChunkedArrayTmpFile`",
-               "fragments/read/vigra", 3),
-        AtMost("scan, each element written", "fragments/write/mempager", "`std::vector`",
-               "fragments/write/plain", 1.1),
-        Faster("the same", "fragments/write/mempager", "STXXL `vector`", "fragments/write/stxxl",
-               3),
-        Faster("the same", "fragments/write/mempager", "VIGRA `ChunkedArrayTmpFile`",
-               "fragments/write/vigra", 3),
-        AtMost("scan by `GetRangeFromIndex`", "fragments/range/mempager",
-               "one fragment's size, as often", "fragments/range/fragment", 1.1),
-        AtMost("the same, written", "fragments/range_write/mempager",
-               "one fragment's size, as often", "fragments/range_write/fragment", 1.1),
+        *scan_rows("scan, read", "fragments/range", "fragments/read"),
+        *scan_rows("scan, written", "fragments/range_write", "fragments/write"),
+        AtMost("scan, read", "fragments/range/mempager", "one fragment's size, as often",
+               "fragments/range/fragment", 1.1),
+        AtMost("scan, written", "fragments/range_write/mempager", "one fragment's size, as often",
+               "fragments/range_write/fragment", 1.1),
+        AtMost("`GetPointerAtIndex` for each element, read", "fragments/read/mempager",
+               "`std::vector`", "fragments/read/plain"),
+        AtMost("`GetPointerAtIndex` for each element, written", "fragments/write/mempager",
+               "`std::vector`", "fragments/write/plain"),
         Faster("random elements of a mapped fragment", "fragments/random/mempager",
                "STXXL `vector`", "fragments/random/stxxl", 3),
         AtMost("2 GB grow by a fragment", "fragments/grow/2000", "200 MB grow by one",
@@ -272,9 +277,9 @@ SECTIONS = [
         "300 MB of `double` in fragments of 75 MB, the default, STXXL's and VIGRA's in pages of "
         "8 MB, and for each as much cache as all of it takes; the "
         "peers' files lie in shared memory. Reading adds up, writing stores the element's number.",
-        "`Mem_MemFragmentsAllocator` is asked for each element by `GetPointerAtIndex`, or for each "
-        "fragment by `GetRangeFromIndex`; STXXL and VIGRA are scanned by their iterators, and "
-        "STXXL's random elements are read by `[]`.",
+        "A scan asks `Mem_MemFragmentsAllocator` for a range by `GetRangeFromIndex` and goes through "
+        "it; STXXL and VIGRA are scanned by their iterators over the elements, VIGRA also by its "
+        "iterator over the chunks. Random elements are read by `GetPointerAtIndex` and by `[]`.",
         "A buffer grows by a whole fragment, of 8 MB here, which is a region of its own.",
     ]),
 ]

@@ -57,9 +57,7 @@ void PlainRead(benchmark::State& state)
 {
     const std::vector<double>& buffer = plain_buffer();
     for (auto _ : state) {
-        double sum = 0;
-        for (std::size_t number = 0; number < kElements; ++number)
-            sum += buffer[number];
+        double sum = SumOf(buffer.data(), kElements);
         benchmark::DoNotOptimize(sum);
     }
     count_elements(state);
@@ -80,8 +78,7 @@ void PlainWrite(benchmark::State& state)
 {
     std::vector<double>& buffer = plain_buffer();
     for (auto _ : state) {
-        for (std::size_t number = 0; number < kElements; ++number)
-            buffer[number] = static_cast<double>(number);
+        Number(buffer.data(), kElements, 0);
         benchmark::ClobberMemory();
     }
     count_elements(state);
@@ -102,13 +99,25 @@ BENCHMARK(OurRandom)->Name("fragments/random/mempager");
 
 // Range by range ----------------------------------------------------------------------------------
 
+/// Calls work(values, how many, number of the first) for each range.
+template <class Work>
+void for_each_range(Mem_MemFragmentsAllocator& buffer, Work work)
+{
+    std::size_t length = 0;
+    for (std::size_t at = 0; at < buffer.GetTotalBufferSize(); at += length) {
+        length = buffer.GetTotalBufferSize() - at;
+        auto* const values = static_cast<double*>(buffer.GetRangeFromIndex(at, length));
+        work(values, length / sizeof(double), at / sizeof(double));
+    }
+}
+
 /// The same in one piece, of the size of what is mapped at a time: one fragment, again and again.
 void PlainRange(benchmark::State& state)
 {
     const std::vector<double>& buffer = plain_buffer();
     for (auto _ : state)
         for (std::size_t i = 0; i < kFragments; ++i)
-            benchmark::DoNotOptimize(Sum(buffer.data(), kFragmentBytes));
+            benchmark::DoNotOptimize(SumOf(buffer.data(), kElements / kFragments));
     count_elements(state);
 }
 BENCHMARK(PlainRange)->Name("fragments/range/fragment");
@@ -117,31 +126,25 @@ void OurRange(benchmark::State& state)
 {
     Mem_MemFragmentsAllocator& buffer = our_buffer();
     for (auto _ : state) {
-        std::size_t length = 0;
-        for (std::size_t at = 0; at < buffer.GetTotalBufferSize(); at += length) {
-            length = buffer.GetTotalBufferSize() - at;
-            const void* const range = buffer.GetRangeFromIndex(at, length);
-            benchmark::DoNotOptimize(Sum(range, length));
-        }
+        double sum = 0;
+        for_each_range(buffer, [&sum](const double* values, std::size_t count, std::size_t) {
+            sum += SumOf(values, count);
+        });
+        benchmark::DoNotOptimize(sum);
     }
     count_elements(state);
 }
 BENCHMARK(OurRange)->Name("fragments/range/mempager");
 
-void fill(void* memory, std::size_t size)
-{
-    auto* const values = static_cast<double*>(memory);
-    for (std::size_t i = 0; i < size / sizeof(double); ++i)
-        values[i] = static_cast<double>(i);
-    benchmark::ClobberMemory();
-}
-
 void PlainRangeWrite(benchmark::State& state)
 {
     std::vector<double>& buffer = plain_buffer();
-    for (auto _ : state)
-        for (std::size_t i = 0; i < kFragments; ++i)
-            fill(buffer.data(), kFragmentBytes);
+    for (auto _ : state) {
+        for (std::size_t i = 0; i < kFragments; ++i) {
+            Number(buffer.data(), kElements / kFragments, i);
+            benchmark::ClobberMemory();
+        }
+    }
     count_elements(state);
 }
 BENCHMARK(PlainRangeWrite)->Name("fragments/range_write/fragment");
@@ -150,12 +153,8 @@ void OurRangeWrite(benchmark::State& state)
 {
     Mem_MemFragmentsAllocator& buffer = our_buffer();
     for (auto _ : state) {
-        std::size_t length = 0;
-        for (std::size_t at = 0; at < buffer.GetTotalBufferSize(); at += length) {
-            length = buffer.GetTotalBufferSize() - at;
-            void* const range = buffer.GetRangeFromIndex(at, length);
-            fill(range, length);
-        }
+        for_each_range(buffer, Number);
+        benchmark::ClobberMemory();
     }
     count_elements(state);
 }

@@ -41,4 +41,35 @@ void Read(benchmark::State& state)
     }
 }
 BENCHMARK(Read)->Name("fragments/read/vigra");
+
+/// Calls work(values, how many, number of the first) for each chunk of the array.
+template <class ChunkedArray, class Work>
+void for_each_chunk(ChunkedArray& buffer, Work work)
+{
+    const auto end = buffer.chunk_end(Shape(0), buffer.shape());
+    for (auto at = buffer.chunk_begin(Shape(0), buffer.shape()); at != end; ++at)
+        work(at->data(), static_cast<std::size_t>(at->shape(0)),
+             static_cast<std::size_t>(at.chunkStart()[0]));
+}
+
+void WriteChunks(benchmark::State& state)
+{
+    for (auto _ : state) {
+        for_each_chunk(array(), Number);
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(WriteChunks)->Name("fragments/write_chunks/vigra");
+
+void ReadChunks(benchmark::State& state)
+{
+    for (auto _ : state) {
+        double sum = 0;
+        for_each_chunk(array(), [&sum](const double* values, std::size_t count, std::size_t) {
+            sum += SumOf(values, count);
+        });
+        benchmark::DoNotOptimize(sum);
+    }
+}
+BENCHMARK(ReadChunks)->Name("fragments/read_chunks/vigra");
 } // namespace
