@@ -4,16 +4,18 @@
 //
 //     volume [megabytes]
 //
-// Where there is no room for that much, it says so and takes half. Ends with 0 if all values
-// agree, with 77 if there is no room at all.
+// Where there is no room for that much, it says so and takes half; where a resize finds none, the
+// volume stays as it is. Ends with 0 if all values agree, with 77 if there is no room at all, with
+// 2 after wrong arguments.
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_MemFragmentsAllocator.h"
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <new>
 #include <span>
@@ -26,6 +28,9 @@ namespace
 {
 constexpr std::size_t kSide = 1024;
 constexpr std::size_t kSlice = kSide * kSide; // voxels, of 8 bytes each
+constexpr std::size_t kSliceMegabytes = kSlice * sizeof(double) / 1048576;
+constexpr std::size_t kLeastMegabytes = 2 * kSliceMegabytes;
+constexpr std::size_t kMostMegabytes = std::size_t{1} << 24;
 
 /// What stands in the voxel of that number before the smoothing: made up, whole, and different
 /// from slice to slice.
@@ -146,21 +151,31 @@ std::size_t CountWrong(Volume& volume, std::size_t smoothed)
 /// A volume of `megabytes`, or of half, a quarter, ...: of what there is room for.
 std::unique_ptr<Volume> MakeVolume(std::size_t megabytes)
 {
-    for (std::size_t slices = megabytes * 1048576 / sizeof(double) / kSlice; slices >= 2;
-         slices /= 2) {
+    for (std::size_t slices = megabytes / kSliceMegabytes; slices >= 2; slices /= 2) {
         auto volume = std::make_unique<Volume>(slices);
         if (volume->IsValid())
             return volume;
-        std::printf("There is no room for %zu MB here\n", slices * kSlice * 8 / 1048576);
+        std::printf("There is no room for %zu MB here\n", slices * kSliceMegabytes);
     }
     return nullptr;
+}
+
+/// Resizes the volume, for which its last fragment is copied. Without room for that, the volume is
+/// as it was.
+bool ResizeIfThereIsRoom(Volume& volume, std::size_t slices)
+{
+    const bool done = volume.Resize(slices);
+    std::printf(done ? "  resized to %zu slices\n" : "  no room to resize it to %zu slices\n",
+                slices);
+    return done;
 }
 
 bool Work(Volume& volume)
 {
     const std::size_t slices = volume.Slices();
     const std::size_t more = std::max<std::size_t>(slices / 20, 1);
-    std::printf("%zu slices of %zu x %zu voxels, %zu MB\n", slices, kSide, kSide, slices * 8);
+    std::printf("%zu slices of %zu x %zu voxels, %zu MB\n", slices, kSide, kSide,
+                slices * kSliceMegabytes);
     std::size_t wrong = 0;
     if (const Stage stage("filled", slices * kSlice); true)
         Fill(volume, 0);
@@ -168,15 +183,12 @@ bool Work(Volume& volume)
         Smooth(volume);
     if (const Stage stage("compared", slices * kSlice); true)
         wrong = CountWrong(volume, slices);
-    if (!volume.Resize(slices + more))
-        throw std::runtime_error("there is no room to grow");
-    Fill(volume, slices);
+    if (ResizeIfThereIsRoom(volume, slices + more))
+        Fill(volume, slices);
     wrong += CountWrong(volume, slices);
-    if (!volume.Resize(slices / 2 + 1))
-        throw std::runtime_error("there is no memory for the list of a smaller volume");
+    ResizeIfThereIsRoom(volume, slices / 2 + 1);
     wrong += CountWrong(volume, slices);
-    std::printf("  grown by %zu slices, then cut to %zu; voxels that are wrong: %zu\n", more,
-                slices / 2 + 1, wrong);
+    std::printf("  voxels that are wrong: %zu\n", wrong);
     return wrong == 0;
 }
 
@@ -188,11 +200,25 @@ bool LimitAddressSpace(rlim_t bytes)
     limit.rlim_cur = std::min(bytes, limit.rlim_max);
     return setrlimit(RLIMIT_AS, &limit) == 0;
 }
+
+/// The number that the text tells; 0 if it is none, or more than a volume can have here.
+std::size_t ParseMegabytes(const char* text)
+{
+    const char* const end = text + std::strlen(text);
+    std::size_t megabytes = 0;
+    const auto [rest, error] = std::from_chars(text, end, megabytes);
+    return error == std::errc() && rest == end && megabytes <= kMostMegabytes ? megabytes : 0;
+}
 } // namespace
 
 int main(int argc, char** argv)
 {
-    const std::size_t megabytes = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 4096;
+    const std::size_t megabytes = argc > 1 ? ParseMegabytes(argv[1]) : 4096;
+    if (argc > 2 || megabytes < kLeastMegabytes) {
+        std::fprintf(stderr, "usage: volume [megabytes, %zu to %zu]\n", kLeastMegabytes,
+                     kMostMegabytes);
+        return 2;
+    }
     if (!LimitAddressSpace(rlim_t{1} << 30)) {
         std::fputs("volume: the address space can't be limited\n", stderr);
         return 1;

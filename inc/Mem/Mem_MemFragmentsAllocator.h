@@ -31,16 +31,28 @@ struct Mem_MemFragmentInfo {
 /// The memory is the pager's: zero unless it served another piece before, in shared memory or
 /// temp files, and what was unmapped waits in the pager's cache.
 ///
+/// A fragment of less than MEM_MemoryConfiguration::BaseBlockSize() bytes, as the last one can be,
+/// shares a region with other pieces. It begins at any byte: take elements out of it with
+/// std::memcpy unless all pieces have sizes that keep them aligned. And the view is the region's:
+/// a fragment that a resize or the destructor frees while it is mapped leaves the region mapped
+/// until its last piece is freed. A larger fragment has a region of its own by default, and begins
+/// at a page.
+///
 /// A fragment that can't be mapped, for want of address space even after the cache was given up,
 /// is null, and so is every other fragment that isn't mapped from then on, until a Reallocate()
-/// succeeds; the fragment in use goes on working. No byte is lost by it. After a Reallocate()
-/// that failed and found no room to map the old fragments either, every access maps what it can.
+/// has mapped its last ones again; the fragment in use goes on working. No byte is lost by it.
+/// After a Reallocate() that failed and found no room to map the old fragments either, every access
+/// maps what it can, and gives up the other mapping if that helps: until a Reallocate() succeeds,
+/// only the latest pointer is sure to be good.
+///
+/// Lifetime: an allocator in static storage that outlives the pager can only be destroyed.
 class MEMPAGER_EXPORT Mem_MemFragmentsAllocator final : public Mem_FragmentsAllocator
 {
 public:
     /// Allocates all fragments; see the base class for the arguments. The last two are mapped.
     /// Without memory for them nothing is kept, IsValid() is false and the log says why.
-    /// @throws std::bad_alloc for want of memory for the list of fragments, with nothing kept.
+    /// @throws std::bad_alloc for want of memory for the list of fragments, or for the pager if
+    ///         this is its first use, with nothing kept.
     Mem_MemFragmentsAllocator(size_t element_size, size_t elements, unsigned int fragment_size);
 
     /// Frees all fragments, mapped or not.

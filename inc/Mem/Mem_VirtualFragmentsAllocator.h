@@ -22,7 +22,7 @@ struct Mem_VirtualFragmentInfo {
 /// that succeeds releases the fragment that changes its size and those past the new end, one that
 /// fails none.
 ///
-/// The memory is as `operator new` gives it, not cleared.
+/// The memory of a fragment is as `operator new` gives it, in its alignment and not cleared.
 ///
 /// Threads: the two pointer operations may run side by side; Reallocate() and destruction not
 /// beside anything else.
