@@ -51,7 +51,7 @@ std::string last_part(const std::string& path)
 bool has_form(const std::string& name)
 {
     const std::size_t at = name.find(BaseMapInfo::s_BlockPrefix);
-    return at != name.npos && BaseMapInfo::IsUniqueName(RWCString(name.c_str() + at));
+    return at != name.npos && BaseMapInfo::IsUniqueName(name.c_str() + at);
 }
 
 class NamesIn final : public Platform::Names

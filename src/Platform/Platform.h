@@ -86,11 +86,15 @@ public:
     /// The handle is gone afterwards, also on failure.
     virtual bool CloseMapping(void* mapping) = 0;
 
-    /// Removes mappings whose names begin with `prefix` and whose creator has ended without
-    /// closing them. Mappings of living processes, and anything that can't be judged, stay.
-    /// A system that does this by itself does nothing here. Looks at `spare_folder` too.
-    /// @return how many were removed.
-    virtual int RemoveDeadMappings(const char* prefix, const char* spare_folder) = 0;
+    /// Whether a name is one that mappings get. Allocates nothing and calls nothing of this class.
+    using IsMappingName = bool (*)(const char* name);
+
+    /// Removes mappings whose names begin with `prefix` and are such that `is_one` says so, and
+    /// whose creator has ended without closing them. Mappings of living processes, and anything
+    /// that can't be judged, stay. A system that does this by itself does nothing here. Looks at
+    /// `spare_folder` too. @return how many were removed.
+    virtual int RemoveDeadMappings(const char* prefix, IsMappingName is_one,
+                                   const char* spare_folder) = 0;
 
     // Files ---------------------------------------------------------------------------------
 

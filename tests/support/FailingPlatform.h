@@ -24,7 +24,7 @@ public:
     FORWARD(void*, MapView, (void* m, std::uint64_t o, std::uint64_t s), (m, o, s))
     FORWARD(bool, UnmapView, (void* v, std::uint64_t s), (v, s))
     FORWARD(bool, CloseMapping, (void* m), (m))
-    FORWARD(int, RemoveDeadMappings, (const char* p, const char* f), (p, f))
+    FORWARD(int, RemoveDeadMappings, (const char* p, IsMappingName i, const char* f), (p, i, f))
     FORWARD(void, ListFiles, (const char* f, const char* p, Names& n), (f, p, n))
     FORWARD(Maker, MakerOf, (const char* p, long i), (p, i))
     FORWARD(bool, RemoveDeadFile, (const char* p), (p))

@@ -97,6 +97,9 @@ CHILD_TEST(Tool, TellsAndRemovesExactlyWhatTheDeadHaveLeft, InChildAmongOwnMount
                     return path.find("Block_" + std::to_string(killed) + "_") != path.npos;
                 }));
     CHILD_CHECK(Names(temp) == names && Ask("clean").Tells("Nothing is left over.\n"));
+    const pid_t next = StartOwner(); // which cleans up by the same rule
+    CHILD_CHECK(kill(next, SIGKILL) == 0 && EndOfChild(next) == -SIGKILL);
+    CHILD_CHECK(Ask("clean").code == 0 && Names(temp) == names);
     return kill(living, SIGKILL) != 0 || fs::remove_all(temp) != 4 ? 2 : 0;
 }
 

@@ -28,7 +28,8 @@ public:
     void* MapView(void* mapping, std::uint64_t offset, std::uint64_t size) override;
     bool UnmapView(void* view, std::uint64_t size) override;
     bool CloseMapping(void* mapping) override;
-    int RemoveDeadMappings(const char* prefix, const char* spare_folder) override;
+    int RemoveDeadMappings(const char* prefix, IsMappingName is_one,
+                           const char* spare_folder) override;
 
     void ListFiles(const char* folder, const char* prefix, Names& names) override;
     Maker MakerOf(const char* path, long process) override;
