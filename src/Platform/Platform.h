@@ -268,6 +268,11 @@ public:
     /// Writes the name of this process's program in the same way.
     virtual void ProcessName(char* text, std::size_t size) = 0;
 
+    /// Writes the local time and date in the C library's usual form of 24 characters, and a line
+    /// end, in the same way. Once OnAllocationFailure() was called, it allocates nothing unless
+    /// the host changes the time zone.
+    virtual void TimeAndDate(char* text, std::size_t size) = 0;
+
     // The following three are for a plain file. A link isn't followed: whoever may write to the
     // folder could have it lead to a file of this user's. What isn't a plain file is a failure.
     // None waits for another process, and none allocates.

@@ -46,6 +46,7 @@ public:
     FORWARD(std::uint64_t, MostStretches, (), ())
     FORWARD(void, SystemName, (char* t, std::size_t s), (t, s))
     FORWARD(void, ProcessName, (char* t, std::size_t s), (t, s))
+    FORWARD(void, TimeAndDate, (char* t, std::size_t s), (t, s))
     FORWARD(long long, FileLength, (const char* p), (p))
     FORWARD(bool, TruncateFile, (const char* p), (p))
     FORWARD(bool, AppendToFile, (const char* p, const char* t, std::size_t s), (p, t, s))

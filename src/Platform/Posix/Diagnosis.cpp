@@ -5,6 +5,7 @@
 #include "Platform/Posix/Reserve.h"
 
 #include <cstdio>
+#include <ctime>
 #include <iterator>
 
 #include <execinfo.h>
@@ -62,10 +63,19 @@ void WriteProcessName(char* text, std::size_t size)
     text[name.copy(text, length)] = '\0';
 }
 
-void PrepareStackTrace()
+void WriteTimeAndDate(char* text, std::size_t size)
+{
+    char room[64]; // not the one that all threads share
+    const std::time_t now = std::time(nullptr);
+    tzset();
+    std::snprintf(text, size, "%s", ctime_r(&now, room) != nullptr ? room : "\n");
+}
+
+void PrepareLastWords()
 {
     void* call;
     backtrace(&call, 1); // loads what it needs
+    tzset();
 }
 
 void WriteStackTrace()

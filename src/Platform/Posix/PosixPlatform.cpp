@@ -392,7 +392,7 @@ bool PosixPlatform::TrimWorkingSet(Views& views)
 
 void PosixPlatform::OnAllocationFailure(AllocationHandler handler)
 {
-    PrepareStackTrace(); // for the time when that handler reports
+    PrepareLastWords(); // for the time when that handler reports
     SetAllocationHandler(handler);
 }
 
@@ -421,6 +421,11 @@ void PosixPlatform::SystemName(char* text, std::size_t size)
 void PosixPlatform::ProcessName(char* text, std::size_t size)
 {
     WriteProcessName(text, size);
+}
+
+void PosixPlatform::TimeAndDate(char* text, std::size_t size)
+{
+    WriteTimeAndDate(text, size);
 }
 
 long long PosixPlatform::FileLength(const char* path)

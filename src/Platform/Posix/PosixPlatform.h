@@ -61,6 +61,7 @@ public:
     char PathSeparator() override;
     void SystemName(char* text, std::size_t size) override;
     void ProcessName(char* text, std::size_t size) override;
+    void TimeAndDate(char* text, std::size_t size) override;
     long long FileLength(const char* path) override;
     bool TruncateFile(const char* path) override;
     bool AppendToFile(const char* path, const char* text, std::size_t size) override;
