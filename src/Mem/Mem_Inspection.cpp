@@ -54,6 +54,12 @@ bool has_form(const std::string& name)
     return at != name.npos && BaseMapInfo::IsUniqueName(name.c_str() + at);
 }
 
+/// Who made what bears the path, by its name; 0 if that can't be a process.
+long maker_of(const std::string& path)
+{
+    return std::max(BaseMapInfo::GetProcessIdFromUniqueName(RWCString(path.c_str())), 0);
+}
+
 class NamesIn final : public Platform::Names
 {
 public:
@@ -90,7 +96,7 @@ Entry entry_for(const std::string& path, Kind kind, const Facts& facts)
     entry.kind = kind;
     entry.state = state_of(facts.mark);
     entry.bytes = facts.bytes;
-    entry.process = BaseMapInfo::GetProcessIdFromUniqueName(RWCString(path.c_str()));
+    entry.process = maker_of(path);
     if (entry.state == State::Alive) {
         char program[64];
         Platform::Get().ProgramOf(path.c_str(), entry.process, program, sizeof program);
@@ -192,7 +198,7 @@ private:
         if (facts.is_lost) {
             entry.kind = Kind::LostLink;
             entry.state = State::Dead;
-            entry.process = BaseMapInfo::GetProcessIdFromUniqueName(RWCString(link.c_str()));
+            entry.process = maker_of(link);
         } else if (m_platform.Inspect(target.c_str(), behind) && behind.is_own &&
                    behind.kind == Facts::Kind::Plain) {
             entry = entry_for(target, kind_behind(link, target), behind);
@@ -232,19 +238,32 @@ std::string error_text()
     return text;
 }
 
+/// What became of `path`, whose removal was tried.
+Mem_Inspection::Removal outcome_for(const Entry& leftover, bool removed, const std::string& path)
+{
+    const std::string reason = removed ? "" : error_text();
+    if (removed)
+        return {leftover, Mem_Inspection::Outcome::Removed, {}};
+    if (is_there(path))
+        return {leftover, Mem_Inspection::Outcome::Kept, reason};
+    return {leftover, Mem_Inspection::Outcome::Gone, {}};
+}
+
 /// The file goes first: its link then leads nowhere, and only such links are taken away.
 Mem_Inspection::Removal remove(const Entry& leftover)
 {
     Platform& platform = Platform::Get();
-    const std::string& link = leftover.kind == Kind::LostLink ? leftover.path : leftover.link;
-    if (!is_there(leftover.path))
-        return {leftover, Mem_Inspection::Outcome::Gone, {}};
-    if (leftover.kind != Kind::LostLink && !platform.RemoveDeadFile(leftover.path.c_str()) &&
-        is_there(leftover.path))
-        return {leftover, Mem_Inspection::Outcome::Kept, error_text()};
-    if (!link.empty() && !platform.RemoveLostLink(link.c_str()) && is_there(link))
-        return {leftover, Mem_Inspection::Outcome::Kept, error_text()};
-    return {leftover, Mem_Inspection::Outcome::Removed, {}};
+    const auto remove_link = [&](const std::string& link) {
+        return outcome_for(leftover, platform.RemoveLostLink(link.c_str()), link);
+    };
+    if (leftover.kind == Kind::LostLink)
+        return remove_link(leftover.path);
+    const auto removal =
+        outcome_for(leftover, platform.RemoveDeadFile(leftover.path.c_str()), leftover.path);
+    if (removal.outcome == Mem_Inspection::Outcome::Kept || leftover.link.empty())
+        return removal;
+    const auto of_link = remove_link(leftover.link);
+    return of_link.outcome == Mem_Inspection::Outcome::Kept ? of_link : removal;
 }
 
 std::uint64_t bytes_of(unsigned int mb)

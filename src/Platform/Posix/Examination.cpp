@@ -127,12 +127,12 @@ std::uint64_t soft_limit(__rlimit_resource what)
     return getrlimit(what, &limit) == 0 ? limit.rlim_cur : RLIM_INFINITY;
 }
 
-/// @return false if the file doesn't begin with a number.
+/// But the one that the look itself takes.
 std::uint64_t count_descriptors()
 {
     std::uint64_t count = 0;
     ForEachName("/proc/self/fd", "", [&count](const char* name) { count += name[0] != '.'; });
-    return count;
+    return count - std::min<std::uint64_t>(count, 1);
 }
 
 std::uint64_t rest(std::uint64_t all, std::uint64_t taken)
@@ -148,14 +148,22 @@ bool is_there(const char* path)
 
 // What the login manager does to files in shared memory when a user's last session ends ---------
 
+std::string_view without_spaces(std::string_view text)
+{
+    constexpr char spaces[] = " \t\r";
+    text.remove_prefix(std::min(text.find_first_not_of(spaces), text.size()));
+    return text.substr(0, text.find_last_not_of(spaces) + 1);
+}
+
 /// Takes the setting from a file, if it is there: a line is "RemoveIPC=boolean".
 void read_setting(const char* path, bool& removes)
 {
     Lines lines(path);
     for (std::string_view line; lines.Next(line);) {
-        const std::string_view key = take(line, "=");
-        if (key == "RemoveIPC" && !line.empty())
-            removes = line[0] == '1' || line[0] == 'y' || line[0] == 't' || line == "on";
+        const std::string_view key = without_spaces(take(line, "="));
+        const std::string_view value = without_spaces(line);
+        if (key == "RemoveIPC" && !value.empty())
+            removes = value[0] == '1' || value[0] == 'y' || value[0] == 't' || value == "on";
     }
 }
 
