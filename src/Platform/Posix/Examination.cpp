@@ -121,12 +121,6 @@ private:
     }
 };
 
-std::uint64_t soft_limit(__rlimit_resource what)
-{
-    rlimit limit{};
-    return getrlimit(what, &limit) == 0 ? limit.rlim_cur : RLIM_INFINITY;
-}
-
 /// But the one that the look itself takes.
 std::uint64_t count_descriptors()
 {
@@ -207,6 +201,7 @@ public:
         names();
         control_group();
         machine();
+        promises();
         temp_folder();
         temp_room();
         file_size();
@@ -301,6 +296,19 @@ private:
              Text("end other programs, add swap, or SetSwapMaxSizeInMb(%llu)", mb(left)));
     }
 
+    void promises() const
+    {
+        const Commitment now = ReadCommitment();
+        const std::uint64_t left = rest(now.limit, now.promised);
+        if (!KeepsToCommitment())
+            return tell(Verdict::Ok, "machine's promises", Text("no limit of them"), Text());
+        tell(measure_memory(left), "machine's promises",
+             Text("%llu MB of %llu MB left, %llu MB wanted", mb(left), mb(now.limit),
+                  mb(m_demand.shared_memory)),
+             Text("sysctl -w vm.overcommit_memory=0, add swap, or SetSwapMaxSizeInMb(%llu)",
+                  mb(left)));
+    }
+
     void temp_folder() const
     {
         const char* const subject = "temp folder";
@@ -338,7 +346,7 @@ private:
 
     void file_size() const
     {
-        const std::uint64_t limit = soft_limit(RLIMIT_FSIZE);
+        const std::uint64_t limit = SoftLimit(RLIMIT_FSIZE);
         tell(measure(limit, m_demand.region, m_demand.file), "file size",
              limit == RLIM_INFINITY ? Text("no limit")
                                     : Text("at most %llu MB, %llu MB wanted", mb(limit),
@@ -349,7 +357,7 @@ private:
     void descriptors() const
     {
         constexpr std::uint64_t at_once = 4; // for a moment, in a few threads
-        const std::uint64_t limit = soft_limit(RLIMIT_NOFILE);
+        const std::uint64_t limit = SoftLimit(RLIMIT_NOFILE);
         const std::uint64_t left = rest(limit, count_descriptors());
         const std::uint64_t wanted = parts(m_demand.files, m_demand.file) + at_once;
         tell(measure(left, at_once, wanted), "descriptors",
