@@ -237,6 +237,7 @@ private:
     // Life
     static MEM_MemPager* publish(MEM_MemPager& pager, ProcessSlot& slot) FIBREX_REQUIRES(mutex);
     static bool HasEnded(const MEM_MemPager* pager);
+    static bool guard_forks();
     static void before_fork();
     static void after_fork_in_parent();
     static void after_fork_in_child();
@@ -268,6 +269,7 @@ private:
     static ProcessSlot s_second;
     static std::atomic<bool> s_single_handle;
     static ForkLocks s_fork_locks;
+    static const bool s_forks_are_guarded;
     static bool s_new_handler_handled FIBREX_GUARDED_BY(mutex);
 
     static const RWCString ALLOCATE_COUNTER_NAME;

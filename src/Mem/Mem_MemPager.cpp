@@ -134,7 +134,7 @@ void MEM_MemPager::SetSingleHandleInMemPager()
 MEM_MemPager* MEM_MemPager::publish(MEM_MemPager& pager, ProcessSlot& slot)
 {
     if (!s_new_handler_handled) {
-        if (!Platform::Get().OnFork(before_fork, after_fork_in_parent, after_fork_in_child))
+        if (!guard_forks())
             ZOR_LOG("MEM_MemPager::GetHandle", 3,
                     "Couldn't guard the locks over a fork: a child may find them held\n");
         set_new_memory_handler();
@@ -174,6 +174,17 @@ FIBREX_NO_THREAD_SAFETY_ANALYSIS void make_anew(WindowUnixMutex& mutex)
 }
 } // namespace
 
+bool MEM_MemPager::guard_forks()
+{
+    static const bool guarded =
+        Platform::Get().OnFork(before_fork, after_fork_in_parent, after_fork_in_child);
+    return guarded;
+}
+
+// From the start: a fork may come while another thread uses a pager for the very first time. So,
+// too, the locks that hosts take around a fork are taken before these, as in their other calls.
+const bool MEM_MemPager::s_forks_are_guarded = guard_forks();
+
 // A child of a process with several threads finds the tables whole and the locks free. The thread
 // that forks may hold some of them, in a guard or in the log's sink.
 FIBREX_NO_THREAD_SAFETY_ANALYSIS void MEM_MemPager::before_fork()
@@ -209,7 +220,8 @@ FIBREX_NO_THREAD_SAFETY_ANALYSIS void MEM_MemPager::after_fork_in_child()
             if (pager != nullptr)
                 std::fill_n(pager->m_stripe_held, MEM_PagerInfo::kStripes, false);
     }
-    RetireInheritedBlocks();
+    if (s_general.pager != nullptr || s_second.pager != nullptr)
+        RetireInheritedBlocks();
     after_fork_in_parent();
 }
 

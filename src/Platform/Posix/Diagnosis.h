@@ -17,6 +17,11 @@ void WriteProcessName(char* text, std::size_t size);
 /// time, and when the time zone was changed.
 void WriteTimeAndDate(char* text, std::size_t size);
 
+/// To be called before a fork, and in the child, which then goes by what was so before: the time
+/// zone can't be looked up there if the parent had several threads.
+void RememberTimeZone();
+void KeepTimeZone();
+
 /// Makes the first stack trace, and the first look at the time, possible without memory. Allocates.
 void PrepareLastWords();
 

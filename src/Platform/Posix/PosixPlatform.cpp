@@ -287,6 +287,7 @@ void PosixPlatform::disown_all()
 
 void PosixPlatform::before_fork()
 {
+    RememberTimeZone();
     instance().m_mutex.lock();
 }
 
@@ -297,6 +298,7 @@ void PosixPlatform::after_fork_in_parent()
 
 void PosixPlatform::after_fork_in_child()
 {
+    KeepTimeZone();
     instance().disown_all();
     instance().m_mutex.unlock();
 }
