@@ -74,6 +74,7 @@ void WriteProcessName(char* text, std::size_t size)
 
 void RememberTimeZone()
 {
+    const KeepErrno keep;
     has_threads = __libc_single_threaded == 0;
     if (time_zone_is_locked)
         return;
