@@ -134,7 +134,7 @@ public:
     {
         if (may_list(m_temp_folder)) {
             add_all(m_temp_folder, temp_file_prefix(), Kind::TempFile);
-            if (joined(m_temp_folder, "") != joined(m_mapping_folder, ""))
+            if (!is_mapping_folder(m_temp_folder))
                 add_all(m_temp_folder, BaseMapInfo::s_BlockPrefix, Kind::SpareRegion);
         }
         if (!m_mapping_folder.empty() && may_list(m_mapping_folder))
@@ -155,6 +155,15 @@ private:
         const bool may = m_platform.Inspect(joined(folder, ".").c_str(), facts) && facts.may_list;
         (may ? m_folders : m_unread).push_back(folder);
         return may;
+    }
+
+    /// Whatever it is called.
+    bool is_mapping_folder(const std::string& folder) const
+    {
+        Facts facts[2];
+        return m_platform.Inspect(joined(folder, ".").c_str(), facts[0]) &&
+               m_platform.Inspect(joined(m_mapping_folder, ".").c_str(), facts[1]) &&
+               std::ranges::equal(facts[0].identity, facts[1].identity);
     }
 
     void add_all(const std::string& folder, const std::string& prefix, Kind kind)
@@ -309,7 +318,9 @@ Mem_Inspection::Cleaning Mem_Inspection::Clean(bool trial, const char* temp_fold
         if (entry.state != State::Dead)
             continue;
         if (!entry.may_remove)
-            cleaning.removals.push_back({entry, Outcome::Kept, "it belongs to " + entry.owner});
+            cleaning.removals.push_back(
+                {entry, Outcome::Kept,
+                 entry.is_own ? "its folder can't be written to" : "it belongs to " + entry.owner});
         else
             cleaning.removals.push_back(trial ? Removal{entry, Outcome::Removed, {}}
                                               : remove(entry));

@@ -305,6 +305,7 @@ public:
         enum class Mark { Held, Gone, Unknown };
 
         Kind kind = Kind::Other;
+        std::uint64_t identity[2] = {}; ///< the same for all paths to one thing
         Mark mark = Mark::Unknown; ///< whether the maker of a mapping's file still has it
         bool may_list = false;     ///< a folder
         bool is_lost = false;      ///< this user's own link to a mapping's file that is gone
