@@ -306,10 +306,10 @@ public:
 
         Kind kind = Kind::Other;
         std::uint64_t identity[2] = {}; ///< the same for all paths to one thing
-        Mark mark = Mark::Unknown; ///< whether the maker of a mapping's file still has it
-        bool may_list = false;     ///< a folder
-        bool is_lost = false;      ///< this user's own link to a mapping's file that is gone
-        bool is_own = false;       ///< belongs to this process's user
+        Mark mark = Mark::Unknown;      ///< whether the maker of a mapping's file still has it
+        bool may_list = false;          ///< a folder
+        bool is_lost = false;           ///< this user's own link to a mapping's file that is gone
+        bool is_own = false;            ///< belongs to this process's user
         bool may_remove = false;
         std::uint64_t bytes = 0; ///< that it takes
         std::uint64_t age = 0;   ///< in seconds
