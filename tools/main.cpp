@@ -101,7 +101,9 @@ int answer(const CLI::App& app, const CLI::ParseError& error)
     const bool asked_for = app.exit(error, out, complaint) == 0;
     if (asked_for)
         return print(out.str(), AllWell);
-    std::fprintf(stderr, "mempager: %s", complaint.str().c_str());
+    std::istringstream lines(complaint.str());
+    for (std::string line; std::getline(lines, line);) // which may quote an argument
+        complain(Shown(line));
     return Usage;
 }
 

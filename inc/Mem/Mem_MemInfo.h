@@ -115,8 +115,10 @@ public:
     /// std::bad_alloc.
     static int GetProcessIdFromUniqueName(RWCString name);
 
-    /// Whether `name` has the form of a unique name, whoever made it. Threads: any.
+    /// Whether `name` has the form of a unique name, whoever made it. No region of another name is
+    /// ever registered, or removed as a leftover. Allocates nothing. Threads: any.
     static bool IsUniqueName(const RWCString& name);
+    static bool IsUniqueName(const char* name);
 
 protected:
     /// A stretch that was carved from `block`.

@@ -160,8 +160,9 @@ public:
     /// file that is a link, or no plain file, or can't be written to, is left alone.
     void PrintSharedMemoryStatus();
 
-    /// The same of the process's address space. Runs by itself when a mapping or an allocation of
-    /// the host's has failed for good. Never throws.
+    /// The same of the process's address space, with a line for each of the two pagers that has
+    /// something mapped; makes those that don't exist yet. Runs by itself, but makes none, when a
+    /// mapping or an allocation of the host's has failed for good. Never throws.
     static void PrintVirtualMemoryStatus();
 
 private:
@@ -236,6 +237,7 @@ private:
     // Life
     static MEM_MemPager* publish(MEM_MemPager& pager, ProcessSlot& slot) FIBREX_REQUIRES(mutex);
     static bool HasEnded(const MEM_MemPager* pager);
+    static bool guard_forks();
     static void before_fork();
     static void after_fork_in_parent();
     static void after_fork_in_child();
@@ -244,13 +246,14 @@ private:
     static void set_new_memory_handler() FIBREX_REQUIRES(mutex);
     static int clear_cache_handler(std::size_t size, bool reported);
     static unsigned long long clear_for_handler(MEM_MemPager* pager, bool reported);
-    static void report_exhaustion(std::size_t size);
+    static void report_exhaustion(std::size_t size) FIBREX_REQUIRES(mutex);
 
     // Diagnostics
     Zor_PerformanceCounterData* get_mem_counter(const RWCString& name);
     void report_shared_memory() FIBREX_REQUIRES(mutex);
     void write_dump_record(std::ostream& dump, const Zor_OSMemoryInfo& machine)
         FIBREX_REQUIRES(mutex);
+    static void print_virtual_memory_status() FIBREX_REQUIRES(mutex);
     static void report_address_space();
     static void print_usage(MEM_MemPager* pager);
     void debug_print_status() FIBREX_REQUIRES(mutex);
@@ -266,6 +269,7 @@ private:
     static ProcessSlot s_second;
     static std::atomic<bool> s_single_handle;
     static ForkLocks s_fork_locks;
+    static const bool s_forks_are_guarded;
     static bool s_new_handler_handled FIBREX_GUARDED_BY(mutex);
 
     static const RWCString ALLOCATE_COUNTER_NAME;

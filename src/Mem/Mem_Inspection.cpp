@@ -51,7 +51,13 @@ std::string last_part(const std::string& path)
 bool has_form(const std::string& name)
 {
     const std::size_t at = name.find(BaseMapInfo::s_BlockPrefix);
-    return at != name.npos && BaseMapInfo::IsUniqueName(RWCString(name.c_str() + at));
+    return at != name.npos && BaseMapInfo::IsUniqueName(name.c_str() + at);
+}
+
+/// Who made what bears the path, by its name; 0 if that can't be a process.
+long maker_of(const std::string& path)
+{
+    return std::max(BaseMapInfo::GetProcessIdFromUniqueName(RWCString(path.c_str())), 0);
 }
 
 class NamesIn final : public Platform::Names
@@ -90,7 +96,7 @@ Entry entry_for(const std::string& path, Kind kind, const Facts& facts)
     entry.kind = kind;
     entry.state = state_of(facts.mark);
     entry.bytes = facts.bytes;
-    entry.process = BaseMapInfo::GetProcessIdFromUniqueName(RWCString(path.c_str()));
+    entry.process = maker_of(path);
     if (entry.state == State::Alive) {
         char program[64];
         Platform::Get().ProgramOf(path.c_str(), entry.process, program, sizeof program);
@@ -128,7 +134,7 @@ public:
     {
         if (may_list(m_temp_folder)) {
             add_all(m_temp_folder, temp_file_prefix(), Kind::TempFile);
-            if (joined(m_temp_folder, "") != joined(m_mapping_folder, ""))
+            if (!is_mapping_folder(m_temp_folder))
                 add_all(m_temp_folder, BaseMapInfo::s_BlockPrefix, Kind::SpareRegion);
         }
         if (!m_mapping_folder.empty() && may_list(m_mapping_folder))
@@ -149,6 +155,15 @@ private:
         const bool may = m_platform.Inspect(joined(folder, ".").c_str(), facts) && facts.may_list;
         (may ? m_folders : m_unread).push_back(folder);
         return may;
+    }
+
+    /// Whatever it is called.
+    bool is_mapping_folder(const std::string& folder) const
+    {
+        Facts facts[2];
+        return m_platform.Inspect(joined(folder, ".").c_str(), facts[0]) &&
+               m_platform.Inspect(joined(m_mapping_folder, ".").c_str(), facts[1]) &&
+               std::ranges::equal(facts[0].identity, facts[1].identity);
     }
 
     void add_all(const std::string& folder, const std::string& prefix, Kind kind)
@@ -192,7 +207,7 @@ private:
         if (facts.is_lost) {
             entry.kind = Kind::LostLink;
             entry.state = State::Dead;
-            entry.process = BaseMapInfo::GetProcessIdFromUniqueName(RWCString(link.c_str()));
+            entry.process = maker_of(link);
         } else if (m_platform.Inspect(target.c_str(), behind) && behind.is_own &&
                    behind.kind == Facts::Kind::Plain) {
             entry = entry_for(target, kind_behind(link, target), behind);
@@ -232,19 +247,32 @@ std::string error_text()
     return text;
 }
 
+/// What became of `path`, whose removal was tried.
+Mem_Inspection::Removal outcome_for(const Entry& leftover, bool removed, const std::string& path)
+{
+    const std::string reason = removed ? "" : error_text();
+    if (removed)
+        return {leftover, Mem_Inspection::Outcome::Removed, {}};
+    if (is_there(path))
+        return {leftover, Mem_Inspection::Outcome::Kept, reason};
+    return {leftover, Mem_Inspection::Outcome::Gone, {}};
+}
+
 /// The file goes first: its link then leads nowhere, and only such links are taken away.
 Mem_Inspection::Removal remove(const Entry& leftover)
 {
     Platform& platform = Platform::Get();
-    const std::string& link = leftover.kind == Kind::LostLink ? leftover.path : leftover.link;
-    if (!is_there(leftover.path))
-        return {leftover, Mem_Inspection::Outcome::Gone, {}};
-    if (leftover.kind != Kind::LostLink && !platform.RemoveDeadFile(leftover.path.c_str()) &&
-        is_there(leftover.path))
-        return {leftover, Mem_Inspection::Outcome::Kept, error_text()};
-    if (!link.empty() && !platform.RemoveLostLink(link.c_str()) && is_there(link))
-        return {leftover, Mem_Inspection::Outcome::Kept, error_text()};
-    return {leftover, Mem_Inspection::Outcome::Removed, {}};
+    const auto remove_link = [&](const std::string& link) {
+        return outcome_for(leftover, platform.RemoveLostLink(link.c_str()), link);
+    };
+    if (leftover.kind == Kind::LostLink)
+        return remove_link(leftover.path);
+    const auto removal =
+        outcome_for(leftover, platform.RemoveDeadFile(leftover.path.c_str()), leftover.path);
+    if (removal.outcome == Mem_Inspection::Outcome::Kept || leftover.link.empty())
+        return removal;
+    const auto of_link = remove_link(leftover.link);
+    return of_link.outcome == Mem_Inspection::Outcome::Kept ? of_link : removal;
 }
 
 std::uint64_t bytes_of(unsigned int mb)
@@ -290,7 +318,9 @@ Mem_Inspection::Cleaning Mem_Inspection::Clean(bool trial, const char* temp_fold
         if (entry.state != State::Dead)
             continue;
         if (!entry.may_remove)
-            cleaning.removals.push_back({entry, Outcome::Kept, "it belongs to " + entry.owner});
+            cleaning.removals.push_back(
+                {entry, Outcome::Kept,
+                 entry.is_own ? "its folder can't be written to" : "it belongs to " + entry.owner});
         else
             cleaning.removals.push_back(trial ? Removal{entry, Outcome::Removed, {}}
                                               : remove(entry));

@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string_view>
 
 namespace
@@ -34,6 +33,15 @@ bool take_number(std::string_view& rest)
     const std::size_t digits = std::min(rest.find_first_not_of("0123456789"), rest.size());
     rest.remove_prefix(digits);
     return digits >= 1 && digits <= 20;
+}
+
+bool is_unique_name(std::string_view name)
+{
+    const std::string_view prefix = BaseMapInfo::s_BlockPrefix;
+    if (!name.starts_with(prefix))
+        return false;
+    name.remove_prefix(prefix.size());
+    return take_number(name) && take_number(name) && take_number(name) && name.empty();
 }
 } // namespace
 
@@ -128,11 +136,12 @@ int BaseMapInfo::GetProcessIdFromUniqueName(RWCString name)
 
 bool BaseMapInfo::IsUniqueName(const RWCString& name)
 {
-    std::string_view rest(name.data(), name.length());
-    if (!rest.starts_with(s_BlockPrefix))
-        return false;
-    rest.remove_prefix(std::strlen(s_BlockPrefix));
-    return take_number(rest) && take_number(rest) && take_number(rest) && rest.empty();
+    return is_unique_name({name.data(), name.length()}); // a zero in the middle is no form
+}
+
+bool BaseMapInfo::IsUniqueName(const char* name)
+{
+    return is_unique_name(name);
 }
 
 MEM_MemInfo::MEM_MemInfo(BaseMapInfo* owner, unsigned int alignment, Block* block)

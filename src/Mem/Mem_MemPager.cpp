@@ -19,7 +19,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <iostream>
 #include <limits>
 #include <locale>
@@ -135,7 +134,7 @@ void MEM_MemPager::SetSingleHandleInMemPager()
 MEM_MemPager* MEM_MemPager::publish(MEM_MemPager& pager, ProcessSlot& slot)
 {
     if (!s_new_handler_handled) {
-        if (!Platform::Get().OnFork(before_fork, after_fork_in_parent, after_fork_in_child))
+        if (!guard_forks())
             ZOR_LOG("MEM_MemPager::GetHandle", 3,
                     "Couldn't guard the locks over a fork: a child may find them held\n");
         set_new_memory_handler();
@@ -175,6 +174,17 @@ FIBREX_NO_THREAD_SAFETY_ANALYSIS void make_anew(WindowUnixMutex& mutex)
 }
 } // namespace
 
+bool MEM_MemPager::guard_forks()
+{
+    static const bool guarded =
+        Platform::Get().OnFork(before_fork, after_fork_in_parent, after_fork_in_child);
+    return guarded;
+}
+
+// From the start: a fork may come while another thread uses a pager for the very first time. So,
+// too, the locks that hosts take around a fork are taken before these, as in their other calls.
+const bool MEM_MemPager::s_forks_are_guarded = guard_forks();
+
 // A child of a process with several threads finds the tables whole and the locks free. The thread
 // that forks may hold some of them, in a guard or in the log's sink.
 FIBREX_NO_THREAD_SAFETY_ANALYSIS void MEM_MemPager::before_fork()
@@ -210,7 +220,8 @@ FIBREX_NO_THREAD_SAFETY_ANALYSIS void MEM_MemPager::after_fork_in_child()
             if (pager != nullptr)
                 std::fill_n(pager->m_stripe_held, MEM_PagerInfo::kStripes, false);
     }
-    RetireInheritedBlocks();
+    if (s_general.pager != nullptr || s_second.pager != nullptr)
+        RetireInheritedBlocks();
     after_fork_in_parent();
 }
 
@@ -713,7 +724,7 @@ int MEM_MemPager::map_after_clearing(RegisteredBlock* block)
             "below:\n");
     ZOR_LOG("MEM_MemPager::private_map", 3, "\tTried to map: %.2fMB.\n", size);
     ViewLimits.Tell("MEM_MemPager::private_map");
-    PrintVirtualMemoryStatus();
+    print_virtual_memory_status();
     return -1;
 }
 
@@ -916,7 +927,7 @@ void MEM_MemPager::report_exhaustion(std::size_t size)
             "Either a memory leak occurred, or too much memory is allocated. See details "
             "below:\n");
     ZOR_LOG("clear_cache_handler", 2, "\tTried to allocate: %.2fMB\n", InMb(size));
-    PrintVirtualMemoryStatus();
+    print_virtual_memory_status();
 }
 
 /// Walks the views of a pager's blocks, of which another process may see the memory, but never
@@ -1019,13 +1030,13 @@ const char kSeventyStars[] =
     "**********************************************************************";
 
 /// The path of the dump file, worked out by each report at its first run. There may be no memory
-/// then, and no system opens a longer one.
+/// then. What is cut is still longer than any system opens, so that no other file is meant.
 struct DumpPath {
     DumpPath()
     {
         std::snprintf(text, sizeof text, "%s/mem_dump.log", Zor_LogFile::GetLogConfigDir());
     }
-    char text[4096];
+    char text[4096 + 1];
 };
 
 void empty_dump_if_too_long(const char* function, const char* path)
@@ -1044,13 +1055,12 @@ void trace_and_point_to_dump(const char* function, const char* path)
 }
 
 /// These are the last words of a process in trouble: what they can't say, they leave out.
-void without_throwing(auto report) noexcept
+void without_throwing(const char* function, auto report) noexcept
 {
     try {
         report();
     } catch (...) {
-        ZOR_LOG("MEM_MemPager::PrintVirtualMemoryStatus", 2,
-                "\tThere is no memory for the whole report\n");
+        ZOR_LOG(function, 2, "\tThere is no memory for the whole report\n");
     }
 }
 } // namespace
@@ -1058,7 +1068,8 @@ void without_throwing(auto report) noexcept
 void MEM_MemPager::PrintSharedMemoryStatus()
 {
     WindowUnixGuard lock(&mutex);
-    without_throwing([this]() FIBREX_NO_THREAD_SAFETY_ANALYSIS { report_shared_memory(); });
+    without_throwing("MEM_MemPager::PrintSharedMemoryStatus",
+                     [this]() FIBREX_NO_THREAD_SAFETY_ANALYSIS { report_shared_memory(); });
 }
 
 void MEM_MemPager::report_shared_memory()
@@ -1087,15 +1098,15 @@ void MEM_MemPager::write_dump_record(std::ostream& dump, const Zor_OSMemoryInfo&
 {
     char name[256];
     char system[256];
+    char time[64];
     Platform::Get().ProcessName(name, sizeof name); // Zor_System would need memory for them
     Platform::Get().SystemName(system, sizeof system);
-    const std::time_t now = std::time(nullptr);
-    const char* const time = std::ctime(&now); // with its line end
-    using std::endl;                           // line by line, so that as much as possible arrives
+    Platform::Get().TimeAndDate(time, sizeof time);
+    using std::endl; // line by line, so that as much as possible arrives
     dump << endl << endl << kSeventyStars << endl;
     dump << "Shared Memory Debug Information for PID <" << Platform::Get().ProcessId()
          << ">, Process Name <" << name << ">" << endl;
-    dump << "Time and Date:\t\t\t" << (time != nullptr ? time : "\n") << endl << endl;
+    dump << "Time and Date:\t\t\t" << time << endl << endl;
     dump << "Total Mapped = " << m_total_mapped << "; Total Cached = " << m_total_cached << endl
          << endl;
     m_heap->PrintStatus(dump);
@@ -1112,7 +1123,18 @@ void MEM_MemPager::write_dump_record(std::ostream& dump, const Zor_OSMemoryInfo&
 void MEM_MemPager::PrintVirtualMemoryStatus()
 {
     WindowUnixGuard lock(&mutex);
-    without_throwing([] { report_address_space(); });
+    try {
+        GetHandle();
+        GetHandleForMP();
+    } catch (...) { // a pager that couldn't be made has nothing to tell
+    }
+    print_virtual_memory_status();
+}
+
+/// Makes no pager: this is for when there is no memory.
+void MEM_MemPager::print_virtual_memory_status()
+{
+    without_throwing("MEM_MemPager::PrintVirtualMemoryStatus", [] { report_address_space(); });
 }
 
 void MEM_MemPager::report_address_space()
@@ -1135,7 +1157,7 @@ void MEM_MemPager::report_address_space()
             InMb(process.used_address_space), machine.address_space);
     ZOR_LOG(function, 2, "\tMaximal free memory block size: %.2fMB\n",
             InMb(process.largest_free_block));
-    print_usage(s_second.Living());
+    print_usage((s_single_handle ? s_general : s_second).Living());
     print_usage(s_general.Living());
     trace_and_point_to_dump(function, path.text);
 }

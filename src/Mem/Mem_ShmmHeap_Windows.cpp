@@ -85,7 +85,8 @@ Swap_ShmmHeap* Swap_ShmmHeap::GetInstance()
     static bool first = true;
     if (std::exchange(first, false)) {
         const RWCString spare = MEM_MemoryConfiguration::GetInstance()->FileHeap_TempPath();
-        Platform::Get().RemoveDeadMappings(BaseMapInfo::s_BlockPrefix, spare.data());
+        Platform::Get().RemoveDeadMappings(BaseMapInfo::s_BlockPrefix, BaseMapInfo::IsUniqueName,
+                                           spare.data());
     }
     return heap;
 }

@@ -86,11 +86,15 @@ public:
     /// The handle is gone afterwards, also on failure.
     virtual bool CloseMapping(void* mapping) = 0;
 
-    /// Removes mappings whose names begin with `prefix` and whose creator has ended without
-    /// closing them. Mappings of living processes, and anything that can't be judged, stay.
-    /// A system that does this by itself does nothing here. Looks at `spare_folder` too.
-    /// @return how many were removed.
-    virtual int RemoveDeadMappings(const char* prefix, const char* spare_folder) = 0;
+    /// Whether a name is one that mappings get. Allocates nothing and calls nothing of this class.
+    using IsMappingName = bool (*)(const char* name);
+
+    /// Removes mappings whose names begin with `prefix` and are such that `is_one` says so, and
+    /// whose creator has ended without closing them. Mappings of living processes, and anything
+    /// that can't be judged, stay. A system that does this by itself does nothing here. Looks at
+    /// `spare_folder` too. @return how many were removed.
+    virtual int RemoveDeadMappings(const char* prefix, IsMappingName is_one,
+                                   const char* spare_folder) = 0;
 
     // Files ---------------------------------------------------------------------------------
 
@@ -264,6 +268,11 @@ public:
     /// Writes the name of this process's program in the same way.
     virtual void ProcessName(char* text, std::size_t size) = 0;
 
+    /// Writes the local time and date in the C library's usual form of 24 characters, and a line
+    /// end, in the same way. Once OnAllocationFailure() was called, it allocates nothing unless
+    /// the host changes the time zone.
+    virtual void TimeAndDate(char* text, std::size_t size) = 0;
+
     // The following three are for a plain file. A link isn't followed: whoever may write to the
     // folder could have it lead to a file of this user's. What isn't a plain file is a failure.
     // None waits for another process, and none allocates.
@@ -296,10 +305,11 @@ public:
         enum class Mark { Held, Gone, Unknown };
 
         Kind kind = Kind::Other;
-        Mark mark = Mark::Unknown; ///< whether the maker of a mapping's file still has it
-        bool may_list = false;     ///< a folder
-        bool is_lost = false;      ///< this user's own link to a mapping's file that is gone
-        bool is_own = false;       ///< belongs to this process's user
+        std::uint64_t identity[2] = {}; ///< the same for all paths to one thing
+        Mark mark = Mark::Unknown;      ///< whether the maker of a mapping's file still has it
+        bool may_list = false;          ///< a folder
+        bool is_lost = false;           ///< this user's own link to a mapping's file that is gone
+        bool is_own = false;            ///< belongs to this process's user
         bool may_remove = false;
         std::uint64_t bytes = 0; ///< that it takes
         std::uint64_t age = 0;   ///< in seconds

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
 #include <string_view>
 
@@ -107,7 +108,7 @@ private:
         set_name(m_largest[at].name, stretch);
     }
 
-    /// Of a long path, the end says most.
+    /// Of a long path, the end says most. Control characters would act on who reads the file.
     template <std::size_t N>
     static void set_name(char (&name)[N], const Platform::Stretch& stretch)
     {
@@ -115,6 +116,9 @@ private:
         const std::size_t left_out = text.size() < N ? 0 : text.size() - (N - 4);
         std::snprintf(name, N, "%s%.*s", left_out != 0 ? "..." : "",
                       static_cast<int>(text.size() - left_out), text.data() + left_out);
+        std::replace_if(
+            name, name + std::strlen(name),
+            [](unsigned char byte) { return byte < ' ' || byte == 127; }, '?');
     }
 
     static std::string_view what(const Platform::Stretch& stretch)

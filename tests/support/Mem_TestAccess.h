@@ -40,6 +40,7 @@ struct Mem_TestAccess {
     {
         return std::unique_ptr<MEM_MemPager>(new MEM_MemPager(heap));
     }
+    static WindowUnixMutex& Mutex() { return MEM_MemPager::mutex; }
     static const char* Broken(const MEM_MemPager& pager)
     {
         WindowUnixGuard lock(&MEM_MemPager::mutex);

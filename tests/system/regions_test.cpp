@@ -31,7 +31,8 @@ std::string Path(pid_t process, int n)
 }
 int RemoveDead(pid_t process, const std::string& spare_folder = "")
 {
-    return platform.RemoveDeadMappings(Name(process, "").c_str(), spare_folder.c_str());
+    return platform.RemoveDeadMappings(
+        Name(process, "").c_str(), [](const char*) { return true; }, spare_folder.c_str());
 }
 void* Make(int n, std::uint64_t size, const std::string& spare_folder = "")
 {

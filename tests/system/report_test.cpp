@@ -148,7 +148,8 @@ TEST(Report, MakesDoWithAnyDumpFile)
             LogCapture log(5);
             const Footprint before = Footprint::Now();
             CHILD_CHECK(seteuid(65534) == 0);
-            MEM_MemPager::PrintVirtualMemoryStatus();
+            MEM_MemPager::PrintVirtualMemoryStatus(); // makes the pagers that it asks
+            CHILD_CHECK(log.Count(5, "MEM_MemPager::set_new_memory_handler") == 1);
             CHILD_CHECK(std::system((set + now.second).data()) == 0);
             MEM_MemPager::GetHandle()->PrintSharedMemoryStatus();
             return log.Count(2, "") == 6 && Footprint::Now() == before ? 0 : 2;

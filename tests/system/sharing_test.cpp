@@ -138,7 +138,8 @@ TEST(SharedPieces, OutliveTheirMakerIfTheyWereMapped)
             EXPECT_EQ(pieces.HoldAnew(), there);
             EXPECT_EQ(log.Size() == 0, there);
             const std::string names = "NorvaneMemoryBlock_" + std::to_string(maker.process) + "_";
-            Platform::Get().RemoveDeadMappings(names.c_str(), "/var/tmp");
+            Platform::Get().RemoveDeadMappings(names.c_str(), BaseMapInfo::IsUniqueName,
+                                               "/var/tmp");
             EXPECT_EQ(pieces.HoldAnew(), there);
             std::ranges::for_each(pieces.all, &MEM_PagerInfo::Release);
             EXPECT_FALSE(Pieces(maker.descriptors).Map()) << signal;

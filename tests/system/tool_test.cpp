@@ -82,6 +82,8 @@ CHILD_TEST(Tool, TellsAndRemovesExactlyWhatTheDeadHaveLeft, InChildAmongOwnMount
     const nlohmann::json told = nlohmann::json::parse(Ask("ls --json").text);
     CHILD_CHECK(told["alive"] == told["dead"] && told["dead"]["count"] == 3);
     CHILD_CHECK(told["dead"]["bytes"] == 2 * 8454144 + (64 << 20));
+    const Answer once = Ask("ls --json --temp /dev/shm/."); // the rest is found by its links
+    CHILD_CHECK(nlohmann::json::parse(once.text)["dead"] == told["dead"]);
     for (const auto& entry : told["entries"]) {
         CHILD_CHECK((entry["process"] == killed) == (entry["state"] == "dead"));
         CHILD_CHECK((entry["program"] == "system_tests") == (entry["state"] == "alive"));
@@ -97,6 +99,9 @@ CHILD_TEST(Tool, TellsAndRemovesExactlyWhatTheDeadHaveLeft, InChildAmongOwnMount
                     return path.find("Block_" + std::to_string(killed) + "_") != path.npos;
                 }));
     CHILD_CHECK(Names(temp) == names && Ask("clean").Tells("Nothing is left over.\n"));
+    const pid_t next = StartOwner(); // which cleans up by the same rule
+    CHILD_CHECK(kill(next, SIGKILL) == 0 && EndOfChild(next) == -SIGKILL);
+    CHILD_CHECK(Ask("clean").code == 0 && Names(temp) == names);
     return kill(living, SIGKILL) != 0 || fs::remove_all(temp) != 4 ? 2 : 0;
 }
 

@@ -131,6 +131,24 @@ TEST(PagerThreads, MixAllOperationsWhileChildrenAreForked)
     EXPECT_EQ(quiet.Size(), 0u);
 }
 
+TEST(PagerThreads, MayForkWhileOneUsesAPagerForTheFirstTime)
+{
+    std::atomic<bool> holds = false;
+    const std::jthread first([&holds] {
+        WindowUnixGuard lock(&Mem_TestAccess::Mutex());
+        holds = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    });
+    while (!holds)
+        std::this_thread::yield();
+    EXPECT_EQ(InChild([] {
+                  CHILD_CHECK(Mem_TestAccess::Mutex().TryCatchMutex());
+                  Mem_TestAccess::Mutex().ReleaseMutex();
+                  return 0;
+              }),
+              0);
+}
+
 TEST(PagerThreads, LeaveTheRegionsOfAParentToIt)
 {
     MEM_PagerInfo parents;

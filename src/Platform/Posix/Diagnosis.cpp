@@ -4,15 +4,25 @@
 #include "Platform/Posix/Paths.h"
 #include "Platform/Posix/Reserve.h"
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <iterator>
 
 #include <execinfo.h>
+#include <sys/single_threaded.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 
 namespace
 {
+
+// What the C library knows of the time zone stands behind a lock of its own, which a child of a
+// process with threads may find held for ever.
+std::atomic<bool> has_threads = false;
+std::atomic<bool> time_zone_is_locked = false;
+std::atomic<long> seconds_east = 0;
 
 /// A file that must be a plain one. Opening anything else could wait, or write elsewhere.
 class PlainFile
@@ -62,10 +72,48 @@ void WriteProcessName(char* text, std::size_t size)
     text[name.copy(text, length)] = '\0';
 }
 
-void PrepareStackTrace()
+void RememberTimeZone()
+{
+    const KeepErrno keep;
+    has_threads = __libc_single_threaded == 0;
+    if (time_zone_is_locked)
+        return;
+    tm local{};
+    const std::time_t now = std::time(nullptr);
+    tzset();
+    if (localtime_r(&now, &local) != nullptr)
+        seconds_east = local.tm_gmtoff;
+}
+
+void KeepTimeZone()
+{
+    if (has_threads)
+        time_zone_is_locked = true;
+}
+
+void WriteTimeAndDate(char* text, std::size_t size)
+{
+    using namespace std::chrono;
+    constexpr char days_of_week[][4] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+    constexpr char months[][4] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                  "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    RememberTimeZone();
+    const sys_seconds now(seconds(std::time(nullptr) + seconds_east));
+    const sys_days today = floor<days>(now);
+    const year_month_day date(today);
+    const hh_mm_ss time(now - today);
+    std::snprintf(text, size, "%s %s %2u %02d:%02d:%02d %d\n",
+                  days_of_week[weekday(today).c_encoding()], months[unsigned{date.month()} - 1],
+                  unsigned{date.day()}, static_cast<int>(time.hours().count()),
+                  static_cast<int>(time.minutes().count()),
+                  static_cast<int>(time.seconds().count()), int{date.year()});
+}
+
+void PrepareLastWords()
 {
     void* call;
     backtrace(&call, 1); // loads what it needs
+    RememberTimeZone();
 }
 
 void WriteStackTrace()

@@ -13,8 +13,17 @@ void WriteSystemName(char* text, std::size_t size);
 /// Writes the name of this process's program.
 void WriteProcessName(char* text, std::size_t size);
 
-/// Makes the first stack trace possible without memory. Allocates.
-void PrepareStackTrace();
+/// Writes the local time and date as asctime() does, with its line end. Allocates at the first
+/// time, and when the time zone was changed.
+void WriteTimeAndDate(char* text, std::size_t size);
+
+/// To be called before a fork, and in the child, which then goes by what was so before: the time
+/// zone can't be looked up there if the parent had several threads.
+void RememberTimeZone();
+void KeepTimeZone();
+
+/// Makes the first stack trace, and the first look at the time, possible without memory. Allocates.
+void PrepareLastWords();
 
 /// Writes the calls that led here to standard error, one a line.
 void WriteStackTrace();

@@ -121,18 +121,12 @@ private:
     }
 };
 
-std::uint64_t soft_limit(__rlimit_resource what)
-{
-    rlimit limit{};
-    return getrlimit(what, &limit) == 0 ? limit.rlim_cur : RLIM_INFINITY;
-}
-
-/// @return false if the file doesn't begin with a number.
+/// But the one that the look itself takes.
 std::uint64_t count_descriptors()
 {
     std::uint64_t count = 0;
     ForEachName("/proc/self/fd", "", [&count](const char* name) { count += name[0] != '.'; });
-    return count;
+    return count - std::min<std::uint64_t>(count, 1);
 }
 
 std::uint64_t rest(std::uint64_t all, std::uint64_t taken)
@@ -148,14 +142,22 @@ bool is_there(const char* path)
 
 // What the login manager does to files in shared memory when a user's last session ends ---------
 
+std::string_view without_spaces(std::string_view text)
+{
+    constexpr char spaces[] = " \t\r";
+    text.remove_prefix(std::min(text.find_first_not_of(spaces), text.size()));
+    return text.substr(0, text.find_last_not_of(spaces) + 1);
+}
+
 /// Takes the setting from a file, if it is there: a line is "RemoveIPC=boolean".
 void read_setting(const char* path, bool& removes)
 {
     Lines lines(path);
     for (std::string_view line; lines.Next(line);) {
-        const std::string_view key = take(line, "=");
-        if (key == "RemoveIPC" && !line.empty())
-            removes = line[0] == '1' || line[0] == 'y' || line[0] == 't' || line == "on";
+        const std::string_view key = without_spaces(take(line, "="));
+        const std::string_view value = without_spaces(line);
+        if (key == "RemoveIPC" && !value.empty())
+            removes = value[0] == '1' || value[0] == 'y' || value[0] == 't' || value == "on";
     }
 }
 
@@ -199,6 +201,7 @@ public:
         names();
         control_group();
         machine();
+        promises();
         temp_folder();
         temp_room();
         file_size();
@@ -293,6 +296,19 @@ private:
              Text("end other programs, add swap, or SetSwapMaxSizeInMb(%llu)", mb(left)));
     }
 
+    void promises() const
+    {
+        const Commitment now = ReadCommitment();
+        const std::uint64_t left = rest(now.limit, now.promised);
+        if (!KeepsToCommitment())
+            return tell(Verdict::Ok, "machine's promises", Text("no limit of them"), Text());
+        tell(measure_memory(left), "machine's promises",
+             Text("%llu MB of %llu MB left, %llu MB wanted", mb(left), mb(now.limit),
+                  mb(m_demand.shared_memory)),
+             Text("sysctl -w vm.overcommit_memory=0, add swap, or SetSwapMaxSizeInMb(%llu)",
+                  mb(left)));
+    }
+
     void temp_folder() const
     {
         const char* const subject = "temp folder";
@@ -330,7 +346,7 @@ private:
 
     void file_size() const
     {
-        const std::uint64_t limit = soft_limit(RLIMIT_FSIZE);
+        const std::uint64_t limit = SoftLimit(RLIMIT_FSIZE);
         tell(measure(limit, m_demand.region, m_demand.file), "file size",
              limit == RLIM_INFINITY ? Text("no limit")
                                     : Text("at most %llu MB, %llu MB wanted", mb(limit),
@@ -341,7 +357,7 @@ private:
     void descriptors() const
     {
         constexpr std::uint64_t at_once = 4; // for a moment, in a few threads
-        const std::uint64_t limit = soft_limit(RLIMIT_NOFILE);
+        const std::uint64_t limit = SoftLimit(RLIMIT_NOFILE);
         const std::uint64_t left = rest(limit, count_descriptors());
         const std::uint64_t wanted = parts(m_demand.files, m_demand.file) + at_once;
         tell(measure(left, at_once, wanted), "descriptors",

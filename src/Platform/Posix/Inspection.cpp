@@ -81,6 +81,8 @@ bool ReadFacts(const char* path, Facts& facts, uid_t& owner)
         return false;
     owner = status.st_uid;
     facts.kind = kind_of(status.st_mode);
+    facts.identity[0] = status.st_dev;
+    facts.identity[1] = status.st_ino;
     facts.is_own = owner == geteuid();
     facts.may_remove = may_remove(path, owner);
     facts.bytes = static_cast<std::uint64_t>(status.st_blocks) * block_size;

@@ -52,12 +52,6 @@ struct Met {
 };
 [[gnu::tls_model("initial-exec")]] constinit thread_local Met met = {};
 
-std::uint64_t soft_limit(__rlimit_resource what)
-{
-    rlimit limit{};
-    return getrlimit(what, &limit) == 0 ? limit.rlim_cur : RLIM_INFINITY;
-}
-
 /// A file system with its room.
 struct FileSystem {
     /// Whether that is shared memory, whatever the path that led there.
@@ -109,11 +103,11 @@ void MeetLimitOf(int error)
 {
     const KeepErrno keep;
     if (error == EFBIG)
-        MeetLimit(Limit::FileSize, soft_limit(RLIMIT_FSIZE), 0);
+        MeetLimit(Limit::FileSize, SoftLimit(RLIMIT_FSIZE), 0);
     else if (error == EDQUOT)
         MeetLimit(Limit::Quota, 0, 0);
     else if (error == EMFILE)
-        MeetLimit(Limit::Descriptors, soft_limit(RLIMIT_NOFILE), 0);
+        MeetLimit(Limit::Descriptors, SoftLimit(RLIMIT_NOFILE), 0);
     else if (error == ENFILE)
         MeetLimit(Limit::OpenFiles, 0, 0);
 }
@@ -124,7 +118,7 @@ void MeetNoMap(std::uint64_t size)
     const KeepErrno keep;
     if (errno != ENOMEM)
         return;
-    const std::uint64_t most = soft_limit(RLIMIT_AS);
+    const std::uint64_t most = SoftLimit(RLIMIT_AS);
     const std::uint64_t used = AddressSpaceInUse();
     if (size > most - std::min(most, used))
         return MeetLimit(Limit::AddressSpace, most, most - std::min(most, used));

@@ -29,11 +29,12 @@ public:
     explicit DeadFile(const char* path) : m_path(path), m_file(OpenToRead(path)) {}
 
     /// Looks twice: the file may have been dead and gone already when the lock was had.
+    /// @return false with errno.
     bool Claim()
     {
-        return m_file && !CreatorLives(m_file.Get()) &&
-               flock(m_file.Get(), LOCK_EX | LOCK_NB) == 0 && !CreatorLives(m_file.Get()) &&
-               Identify(m_file.Get(), m_identity) && StandsFor(m_path, m_identity);
+        return m_file && is_left() && flock(m_file.Get(), LOCK_EX | LOCK_NB) == 0 && is_left() &&
+               Identify(m_file.Get(), m_identity) &&
+               (StandsFor(m_path, m_identity) || Fail(ENOENT));
     }
 
     bool BelongsTo(uid_t user) const
@@ -45,6 +46,8 @@ public:
     bool Remove() const { return unlink(m_path) == 0; }
 
 private:
+    bool is_left() const { return !CreatorLives(m_file.Get()) || Fail(EBUSY); }
+
     const char* const m_path;
     const ScopedFile m_file;
     FileIdentity m_identity;

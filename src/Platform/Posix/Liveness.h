@@ -14,7 +14,8 @@ bool CreatorLives(int file);
 /// @return a descriptor; -1 with errno.
 int OpenToRead(const char* path);
 
-/// Removes the file if nobody holds it open who made it. @return true if it is gone by this.
+/// Removes the file if nobody holds it open who made it. @return true if it is gone by this; else
+/// false with errno, EBUSY for one that is held.
 bool RemoveIfDead(const char* path);
 
 /// Removes a link that this user has made to a file, if that is gone or dead; a file of the same

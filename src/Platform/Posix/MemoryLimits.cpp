@@ -231,6 +231,20 @@ Commitment ReadCommitment()
     return {row("Committed_AS:"), row("CommitLimit:")};
 }
 
+bool KeepsToCommitment()
+{
+    Lines lines("/proc/sys/vm/overcommit_memory");
+    std::string_view line;
+    return lines.Next(line) && line == "2";
+}
+
+std::uint64_t SoftLimit(int resource)
+{
+    rlimit limit{};
+    return getrlimit(static_cast<__rlimit_resource>(resource), &limit) == 0 ? limit.rlim_cur
+                                                                            : RLIM_INFINITY;
+}
+
 MachineNow ReadMachine()
 {
     return {row("MemTotal:"), row("MemAvailable:"), row("SwapTotal:"), row("SwapFree:")};
@@ -246,8 +260,7 @@ std::uint64_t AddressSpaceInUse()
 std::uint64_t AddressSpaceLimit()
 {
     constexpr std::uint64_t all = std::uint64_t{1} << 47;
-    rlimit limit{};
-    return getrlimit(RLIMIT_AS, &limit) == 0 ? std::min<std::uint64_t>(limit.rlim_cur, all) : all;
+    return std::min(SoftLimit(RLIMIT_AS), all);
 }
 
 MemoryRoom::MemoryRoom(const char* groups, const char* mounts, const char* machine)

@@ -22,6 +22,12 @@ struct Commitment {
 };
 Commitment ReadCommitment();
 
+/// Whether the machine keeps to that limit.
+bool KeepsToCommitment();
+
+/// The most that this process may have of a resource at present, as getrlimit() names and tells it.
+std::uint64_t SoftLimit(int resource);
+
 /// The machine's memory and swap at this moment, in bytes.
 struct MachineNow {
     std::uint64_t memory;

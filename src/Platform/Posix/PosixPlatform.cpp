@@ -89,12 +89,13 @@ bool lies_in(const SharedMapping& mapping, std::uint64_t offset, std::uint64_t s
     return lies;
 }
 
-int remove_dead(const char* folder, const char* prefix)
+int remove_dead(const char* folder, const char* prefix, Platform::IsMappingName is_one)
 {
     int removed = 0;
     ForEachName(folder, prefix, [&](const char* name) {
         Path path;
-        if (path.Join(folder, name) && (RemoveIfDead(path.Text()) || RemoveLinkIfDead(path.Text())))
+        if (is_one(name) && path.Join(folder, name) &&
+            (RemoveIfDead(path.Text()) || RemoveLinkIfDead(path.Text())))
             ++removed;
     });
     return removed;
@@ -185,10 +186,11 @@ bool PosixPlatform::CloseMapping(void* mapping)
     return told(shared->file.anchor.Drop()) && name_is_gone;
 }
 
-int PosixPlatform::RemoveDeadMappings(const char* prefix, const char* spare_folder)
+int PosixPlatform::RemoveDeadMappings(const char* prefix, IsMappingName is_one,
+                                      const char* spare_folder)
 {
     const std::lock_guard lock(m_mutex);
-    return remove_dead(SharedFolder, prefix) + remove_dead(spare_folder, prefix);
+    return remove_dead(SharedFolder, prefix, is_one) + remove_dead(spare_folder, prefix, is_one);
 }
 
 /// From here on the mapping ends by CloseMapping().
@@ -285,6 +287,7 @@ void PosixPlatform::disown_all()
 
 void PosixPlatform::before_fork()
 {
+    RememberTimeZone();
     instance().m_mutex.lock();
 }
 
@@ -295,6 +298,7 @@ void PosixPlatform::after_fork_in_parent()
 
 void PosixPlatform::after_fork_in_child()
 {
+    KeepTimeZone();
     instance().disown_all();
     instance().m_mutex.unlock();
 }
@@ -390,7 +394,7 @@ bool PosixPlatform::TrimWorkingSet(Views& views)
 
 void PosixPlatform::OnAllocationFailure(AllocationHandler handler)
 {
-    PrepareStackTrace(); // for the time when that handler reports
+    PrepareLastWords(); // for the time when that handler reports
     SetAllocationHandler(handler);
 }
 
@@ -419,6 +423,11 @@ void PosixPlatform::SystemName(char* text, std::size_t size)
 void PosixPlatform::ProcessName(char* text, std::size_t size)
 {
     WriteProcessName(text, size);
+}
+
+void PosixPlatform::TimeAndDate(char* text, std::size_t size)
+{
+    WriteTimeAndDate(text, size);
 }
 
 long long PosixPlatform::FileLength(const char* path)

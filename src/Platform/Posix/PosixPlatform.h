@@ -28,7 +28,8 @@ public:
     void* MapView(void* mapping, std::uint64_t offset, std::uint64_t size) override;
     bool UnmapView(void* view, std::uint64_t size) override;
     bool CloseMapping(void* mapping) override;
-    int RemoveDeadMappings(const char* prefix, const char* spare_folder) override;
+    int RemoveDeadMappings(const char* prefix, IsMappingName is_one,
+                           const char* spare_folder) override;
 
     void ListFiles(const char* folder, const char* prefix, Names& names) override;
     Maker MakerOf(const char* path, long process) override;
@@ -60,6 +61,7 @@ public:
     char PathSeparator() override;
     void SystemName(char* text, std::size_t size) override;
     void ProcessName(char* text, std::size_t size) override;
+    void TimeAndDate(char* text, std::size_t size) override;
     long long FileLength(const char* path) override;
     bool TruncateFile(const char* path) override;
     bool AppendToFile(const char* path, const char* text, std::size_t size) override;
