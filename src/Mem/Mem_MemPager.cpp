@@ -2,6 +2,7 @@
 
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_DumpFile.h"
+#include "Mem/Mem_LastWords.h"
 #include "Mem/Mem_Limits.h"
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_ShmmHeap_Windows.h"
@@ -10,7 +11,6 @@
 #include "Platform/Platform.h"
 #include "Zor/Zor_Buffer.h"
 #include "Zor/Zor_PerformanceCounters.h"
-#include "Zor/Zor_StackTrace.h"
 #include "Zor/Zor_System.h"
 
 #include <algorithm>
@@ -1025,7 +1025,6 @@ void MEM_MemPager::debug_print_status()
 namespace
 {
 constexpr long long kLongestDump = 10485760;
-constexpr int kReportsCode = 5610000;
 const char kSeventyStars[] =
     "**********************************************************************";
 
@@ -1049,8 +1048,7 @@ void empty_dump_if_too_long(const char* function, const char* path)
 
 void trace_and_point_to_dump(const char* function, const char* path)
 {
-    if (ZorGLog.GetLogLevel(kReportsCode) >= 2)
-        Zor_StackTrace::TraceStack(nullptr, nullptr, -1, 1);
+    TraceCallsIfWanted();
     ZOR_LOG(function, 2, "\tSee debug information in: <%s>\n", path);
 }
 
@@ -1142,21 +1140,8 @@ void MEM_MemPager::report_address_space()
     constexpr char function[] = "MEM_MemPager::PrintVirtualMemoryStatus";
     static const DumpPath path;
     empty_dump_if_too_long(function, path.text);
-    Zor_OSMemoryInfo machine;
-    Zor_System::GetHandle()->GetOsMemInfo(machine);
-    Zor_ProcessMemoryInfo process;
-    if (Zor_System::GetHandle()->GetZorProcessMemoryInfo(process, 0, path.text, false, nullptr) !=
-        0) {
-        ZOR_LOG(function, 2,
-                "debug_print_memory_status: Couldn't get process memory information!\n");
+    if (!ReportAddressSpace("src/Mem/Mem_MemPager", function, path.text))
         return;
-    }
-    ZOR_LOG(function, 2,
-            "\tProcess current used address space size: %.2fMB;  Maximal address space size: "
-            "%IuMB\n",
-            InMb(process.used_address_space), machine.address_space);
-    ZOR_LOG(function, 2, "\tMaximal free memory block size: %.2fMB\n",
-            InMb(process.largest_free_block));
     print_usage((s_single_handle ? s_general : s_second).Living());
     print_usage(s_general.Living());
     trace_and_point_to_dump(function, path.text);

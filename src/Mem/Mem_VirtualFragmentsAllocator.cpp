@@ -1,10 +1,9 @@
 #include "Mem/Mem_VirtualFragmentsAllocator.h"
 
 #include "Mem/Mem_FragmentsResize.h"
+#include "Mem/Mem_LastWords.h"
 #include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
-#include "Zor/Zor_StackTrace.h"
-#include "Zor/Zor_System.h"
 
 #include <algorithm>
 #include <cstring>
@@ -13,25 +12,6 @@
 
 namespace
 {
-void report_address_space(const char* function)
-{
-    Zor_System* const system = Zor_System::GetHandle();
-    Zor_OSMemoryInfo machine;
-    Zor_ProcessMemoryInfo process;
-    system->GetOsMemInfo(machine);
-    if (system->GetZorProcessMemoryInfo(process, 0, nullptr, false, nullptr) != 0) {
-        ZOR_LOG(function, 2,
-                "debug_print_memory_status: Couldn't get process memory information!\n");
-        return;
-    }
-    ZOR_LOG(function, 2,
-            "\tProcess current used address space size: %.2fMB;  Maximal address space size: "
-            "%IuMB\n",
-            InMb(process.used_address_space), machine.address_space);
-    ZOR_LOG(function, 2, "\tMaximal free memory block size: %.2fMB\n",
-            InMb(process.largest_free_block));
-}
-
 /// What there is to say when `operator new` has failed although the cache was given up.
 /// `report_request` logs what was asked for.
 template <class ReportRequest>
@@ -43,9 +23,8 @@ void report_exhaustion(const char* function, ReportRequest report_request)
     ZOR_LOG(function, 3,
             "Either a memory leak occurred, or too much memory is allocated. See details below:\n");
     report_request();
-    report_address_space(function);
-    if (ZorGLog.GetLogLevel(5610000) >= 2)
-        Zor_StackTrace::TraceStack(nullptr, nullptr, -1, 1);
+    ReportAddressSpace("src/Mem/Mem_VirtualFragmentsAllocator", function, nullptr);
+    TraceCallsIfWanted();
 }
 
 /// `size` bytes, or null after a report.
