@@ -1,8 +1,11 @@
 // Hunts: a fit, tie, gap or merge that differs from two sorted vectors searched from the start;
-// sums that wrap at 32 bits; a failed allocation that leaves a trace.
+// sums that wrap at 32 bits; a failed allocation that leaves a trace; a heap that chooses another
+// block than a walk over all of them.
 #include "Mem/Mem_BlockSpaceLogic.h"
 #include "Rw/RWBoundsErr.h"
 #include "support/FailingNew.h"
+#include "support/Mem_TestAccess.h"
+#include "support/PagerWorld.h"
 
 #include <algorithm>
 #include <array>
@@ -11,6 +14,7 @@
 #include <new>
 #include <random>
 #include <sstream>
+#include <tuple>
 
 namespace
 {
@@ -55,6 +59,7 @@ struct Model {
     std::multimap<u64, u64> free;                       // offset by size
     std::multimap<u64, std::array<u64, 3>> allocated{}; // size, offset, actual by aligned offset
     u64 sum = 0;
+    u32 lower = 0, upper = 1u << 30;
 };
 
 void Compare(const BlockSpaceLogic& real, const Model& model)
@@ -90,7 +95,7 @@ void Allocate(BlockSpaceLogic& real, Model& model, u32 size, u32 to)
     }
     u64 at = 0, want = 0;
     ASSERT_EQ(done, model.Allocate(size, to, &at, &want)) << size << " " << to;
-    ASSERT_EQ(could, done && size - 1 < 1u << 30) << size << " " << to;
+    ASSERT_EQ(could, done && size > model.lower && size <= model.upper) << size << " " << to;
     ASSERT_TRUE(!done || (chunk.m_Size == size && chunk.m_Offset == at && actual == want));
 }
 
@@ -104,6 +109,8 @@ TEST(SpaceLogic, LivesLikeTwoSortedVectors)
             const u32 sizes[] = {0, 1u << 30, (1u << 30) + 1, UINT32_MAX, region};
             BlockSpaceLogic real(region);
             Model model{{{region, 0}}};
+            if (life % 2 == 1)
+                real.SetLimits(model.lower = region / 64, model.upper = region / 8);
             for (u32 step = 0; step < 300 || !model.allocated.empty(); ++step) {
                 const auto& given = model.allocated;
                 const u32 usual = 1 + below(region / (2u << below(8)) + 1), to = below(10);
@@ -119,5 +126,118 @@ TEST(SpaceLogic, LivesLikeTwoSortedVectors)
             }
             ASSERT_THROW(real.Free(Mem_MemoryChunk(1, 0)), RWBoundsErr);
         }
+}
+
+// Blocks of nothing but numbers.
+struct NumberBlock : Block {
+    explicit NumberBlock(u32 size) : Block(nullptr, nullptr, size) {}
+    int create_info(BaseInfo** result, u32, Block* block) override
+    {
+        *result = new BaseInfo(block, 0, 0);
+        return 0;
+    }
+};
+struct NumberHeap : ShmmHeap {
+    int create_result_element(u32 size, Block** result) override
+    {
+        *result = new NumberBlock(std::max(size, 1000u));
+        return 0;
+    }
+    int create_result_element(u32 size, Block** result, u32, u32) override
+    {
+        return create_result_element(size, result);
+    }
+    int destroy_element(Block*) override { return 0; }
+};
+
+TEST(Heap, ItsBlocksTakeSizesWithinBothLimitsButNotNothing)
+{
+    NumberBlock block(1000);
+    block.SetChunkSizeRange(0, 20);
+    EXPECT_TRUE(block.CanAllocate(0) == -1 && block.CanAllocate(1) == 0);
+    block.SetChunkSizeRange(10, 20);
+    for (u32 size = 1; size < 30; ++size)
+        EXPECT_EQ(block.CanAllocate(size), size >= 10 && size <= 20 ? 0 : -1) << size;
+}
+
+struct Request {
+    u32 size, to, always_mapped, group;
+    const void* client;
+};
+
+// The newest block that takes the request, by a walk over all of them.
+Block* Newest(NumberHeap& heap, const Request& asked)
+{
+    u32 actual;
+    for (Block& block : Mem_TestAccess::Blocks(heap))
+        if (block.Client() == asked.client &&
+            block.CanAllocate(asked.size, asked.always_mapped, asked.group, asked.to, &actual) == 0)
+            return &block;
+    return nullptr;
+}
+
+auto StateOf(NumberHeap& heap)
+{
+    std::vector<std::tuple<Block*, Mem_BlockKind, u32, u32>> state;
+    for (Block& block : Mem_TestAccess::Blocks(heap)) {
+        u32 size, allocated, fixed;
+        block.GetSpaceStatus(&size, &allocated, &fixed);
+        state.emplace_back(&block, block.Kind(), allocated, block.LargestFree());
+    }
+    return std::tuple(state, Mem_TestAccess::Kinds(heap));
+}
+
+// Each allocation on the way fails once.
+BaseInfo* Allocate(NumberHeap& heap, const Request& asked)
+{
+    const auto before = StateOf(heap);
+    for (u32 n = 1;; ++n) {
+        Block* const newest = Newest(heap, asked);
+        BaseInfo* info = nullptr;
+        try {
+            const FailingNew failing(n);
+            heap.Allocate(asked.size, asked.to, &info, asked.always_mapped, asked.group);
+        } catch (const std::bad_alloc&) {
+            EXPECT_EQ(StateOf(heap), before);
+            continue;
+        }
+        const auto blocks = Mem_TestAccess::Blocks(heap).size();
+        EXPECT_EQ(blocks, std::get<0>(before).size() + (newest == nullptr ? 1 : 0));
+        EXPECT_EQ(info->OwnerBlock(), newest ? newest : &Mem_TestAccess::Blocks(heap).front());
+        return info;
+    }
+}
+
+TEST(Heap, ChoosesTheBlockThatAWalkOverAllOfThemWould)
+{
+    const TestConfiguration::Scope configuration;
+    const char clients[2] = {};
+    std::mt19937 random(1);
+    const auto below = [&](u32 end) { return static_cast<u32>(random() % end); };
+    for (const u32 usual : {2u, 30u, 400u}) { // pieces at a time
+        NumberHeap heap;
+        std::vector<BaseInfo*> given;
+        for (u32 step = 0; step < 4000 || !given.empty(); ++step) {
+            u32& threshold = TestConfiguration::block_size_threshold;
+            if (step % 50 == 0)
+                threshold = std::array{1u, 64u, 100u, 400u}[below(4)];
+            if (step % 999 == 998)
+                heap.RetireBlocks();
+            if (step < 4000 && below(2 * usual) >= given.size()) {
+                const u32 sizes[] = {threshold, threshold + 1, threshold - 1, 1 + below(1200)};
+                const Request asked{std::max(sizes[below(4)], 1u),
+                                    std::array{0u, 8u, 300u}[below(3)], below(2), below(2),
+                                    clients + below(2)};
+                heap.SetClient(asked.client);
+                given.push_back(Allocate(heap, asked));
+            } else if (!given.empty()) {
+                std::swap(given[below(static_cast<u32>(given.size()))], given.back());
+                heap.Free(given.back());
+                given.pop_back();
+            }
+            ASSERT_FALSE(HasFailure()) << usual << " " << step;
+        }
+        EXPECT_EQ(Mem_TestAccess::Kinds(heap), 0u);
+    }
 }
 } // namespace
