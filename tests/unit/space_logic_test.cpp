@@ -1,6 +1,5 @@
 // Hunts: a fit, tie, gap or merge that differs from two sorted vectors searched from the start;
-// sums that wrap at 32 bits; a failed allocation that leaves a trace; a heap that chooses another
-// block than a walk over all of them.
+// sums that wrap at 32 bits; a failed allocation that leaves a trace; a heap's choice of a block.
 #include "Mem/Mem_BlockSpaceLogic.h"
 #include "Rw/RWBoundsErr.h"
 #include "support/FailingNew.h"
@@ -14,7 +13,6 @@
 #include <new>
 #include <random>
 #include <sstream>
-#include <tuple>
 
 namespace
 {
@@ -128,26 +126,62 @@ TEST(SpaceLogic, LivesLikeTwoSortedVectors)
         }
 }
 
-// Blocks of nothing but numbers.
+// A heap of nothing but numbers.
 struct NumberBlock : Block {
-    explicit NumberBlock(u32 size) : Block(nullptr, nullptr, size) {}
+    explicit NumberBlock(u32 size, ShmmHeap* heap = nullptr) : Block(nullptr, heap, size) {}
     int create_info(BaseInfo** result, u32, Block* block) override
     {
         *result = new BaseInfo(block, 0, 0);
         return 0;
     }
 };
+struct Request {
+    u32 size, to, always_mapped, group;
+    const void* client;
+};
 struct NumberHeap : ShmmHeap {
-    int create_result_element(u32 size, Block** result) override
-    {
-        *result = new NumberBlock(std::max(size, 1000u));
-        return 0;
-    }
+    int create_result_element(u32, Block**) override { return -1; }
     int create_result_element(u32 size, Block** result, u32, u32) override
     {
-        return create_result_element(size, result);
+        *result = new NumberBlock(std::max(size, 1000u), this);
+        return 0;
     }
     int destroy_element(Block*) override { return 0; }
+
+    // The newest block that takes the request, by a walk over all of them.
+    Block* Newest(const Request& now)
+    {
+        u32 actual;
+        for (Block& block : m_blocks)
+            if (block.Client() == now.client &&
+                block.CanAllocate(now.size, now.always_mapped, now.group, now.to, &actual) == 0)
+                return &block;
+        return nullptr;
+    }
+    std::string State()
+    {
+        std::ostringstream state;
+        PrintStatus(state);
+        return state.str() + std::to_string(Mem_TestAccess::Kinds(*this));
+    }
+    // Each allocation on the way fails once.
+    BaseInfo* Take(const Request& now)
+    {
+        const std::string before = State();
+        for (u32 n = 1;; ++n) {
+            Block* const newest = Newest(now);
+            BaseInfo* info = nullptr;
+            try {
+                const FailingNew failing(n);
+                Allocate(now.size, now.to, &info, now.always_mapped, now.group);
+            } catch (const std::bad_alloc&) {
+                EXPECT_EQ(State(), before);
+                continue;
+            }
+            EXPECT_EQ(info->OwnerBlock(), newest ? newest : &m_blocks.front());
+            return info;
+        }
+    }
 };
 
 TEST(Heap, ItsBlocksTakeSizesWithinBothLimitsButNotNothing)
@@ -160,79 +194,27 @@ TEST(Heap, ItsBlocksTakeSizesWithinBothLimitsButNotNothing)
         EXPECT_EQ(block.CanAllocate(size), size >= 10 && size <= 20 ? 0 : -1) << size;
 }
 
-struct Request {
-    u32 size, to, always_mapped, group;
-    const void* client;
-};
-
-// The newest block that takes the request, by a walk over all of them.
-Block* Newest(NumberHeap& heap, const Request& asked)
-{
-    u32 actual;
-    for (Block& block : Mem_TestAccess::Blocks(heap))
-        if (block.Client() == asked.client &&
-            block.CanAllocate(asked.size, asked.always_mapped, asked.group, asked.to, &actual) == 0)
-            return &block;
-    return nullptr;
-}
-
-auto StateOf(NumberHeap& heap)
-{
-    std::vector<std::tuple<Block*, Mem_BlockKind, u32, u32>> state;
-    for (Block& block : Mem_TestAccess::Blocks(heap)) {
-        u32 size, allocated, fixed;
-        block.GetSpaceStatus(&size, &allocated, &fixed);
-        state.emplace_back(&block, block.Kind(), allocated, block.LargestFree());
-    }
-    return std::tuple(state, Mem_TestAccess::Kinds(heap));
-}
-
-// Each allocation on the way fails once.
-BaseInfo* Allocate(NumberHeap& heap, const Request& asked)
-{
-    const auto before = StateOf(heap);
-    for (u32 n = 1;; ++n) {
-        Block* const newest = Newest(heap, asked);
-        BaseInfo* info = nullptr;
-        try {
-            const FailingNew failing(n);
-            heap.Allocate(asked.size, asked.to, &info, asked.always_mapped, asked.group);
-        } catch (const std::bad_alloc&) {
-            EXPECT_EQ(StateOf(heap), before);
-            continue;
-        }
-        const auto blocks = Mem_TestAccess::Blocks(heap).size();
-        EXPECT_EQ(blocks, std::get<0>(before).size() + (newest == nullptr ? 1 : 0));
-        EXPECT_EQ(info->OwnerBlock(), newest ? newest : &Mem_TestAccess::Blocks(heap).front());
-        return info;
-    }
-}
-
 TEST(Heap, ChoosesTheBlockThatAWalkOverAllOfThemWould)
 {
     const TestConfiguration::Scope configuration;
-    const char clients[2] = {};
+    u32& threshold = TestConfiguration::block_size_threshold;
     std::mt19937 random(1);
-    const auto below = [&](u32 end) { return static_cast<u32>(random() % end); };
-    for (const u32 usual : {2u, 30u, 400u}) { // pieces at a time
+    const auto below = [&](u64 end) { return static_cast<u32>(random() % end); };
+    for (const u32 usual : {2u, 30u, 300u}) { // pieces at a time
         NumberHeap heap;
         std::vector<BaseInfo*> given;
-        for (u32 step = 0; step < 4000 || !given.empty(); ++step) {
-            u32& threshold = TestConfiguration::block_size_threshold;
+        for (u32 step = 0; step < 3000 || !given.empty(); ++step) {
             if (step % 50 == 0)
-                threshold = std::array{1u, 64u, 100u, 400u}[below(4)];
+                threshold = std::array{2u, 64u, 100u, 400u}[below(4)];
             if (step % 999 == 998)
                 heap.RetireBlocks();
-            if (step < 4000 && below(2 * usual) >= given.size()) {
-                const u32 sizes[] = {threshold, threshold + 1, threshold - 1, 1 + below(1200)};
-                const Request asked{std::max(sizes[below(4)], 1u),
-                                    std::array{0u, 8u, 300u}[below(3)], below(2), below(2),
-                                    clients + below(2)};
-                heap.SetClient(asked.client);
-                given.push_back(Allocate(heap, asked));
+            if (step < 3000 && below(2 * usual) >= given.size()) {
+                const u32 size = below(2) ? threshold - 1 + below(3) : 1 + below(1200);
+                const void* const client = below(2) ? &heap : nullptr;
+                heap.SetClient(client);
+                given.push_back(heap.Take({size, 100 * below(4), below(2), below(2), client}));
             } else if (!given.empty()) {
-                std::swap(given[below(static_cast<u32>(given.size()))], given.back());
-                heap.Free(given.back());
+                heap.Free(std::exchange(given[below(given.size())], given.back()));
                 given.pop_back();
             }
             ASSERT_FALSE(HasFailure()) << usual << " " << step;
