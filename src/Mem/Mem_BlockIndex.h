@@ -104,6 +104,8 @@ public:
     Block* NewestFor(const Mem_BlockKind& keys, std::uint32_t size, std::uint64_t age) const;
 
 private:
+    friend struct Mem_TestAccess;
+
     static bool knows(const Block& block, const Mem_BlockKind& kind);
     void tidy(const Mem_BlockKind& kind);
 

@@ -59,6 +59,7 @@ struct Mem_TestAccess {
                 order.push_back(queue.m_ring[at.position]);
         return order;
     }
+    static std::size_t Kinds(const ShmmHeap& heap) { return heap.m_index.m_kinds.size(); }
     static bool HasNoBlocks(const ShmmHeap& heap) { return heap.m_blocks.empty(); }
     static const PagerInfoState* State(const MEM_PagerInfo& info) { return info.m_state; }
 

@@ -194,24 +194,51 @@ CHILD_TEST(PagerAtItsLimits, IsRefusedOnceTheDiskIsFullToo, InChildAmongOwnMount
     return Names(getpid(), folder) == 0 ? 0 : 2;
 }
 
+/// A control group below that of this process, if the system permits it.
+struct Group {
+    explicit Group(unsigned limit)
+    {
+        std::string line;
+        for (std::ifstream groups("/proc/self/cgroup"); std::getline(groups, line);)
+            folder += line.find(":memory:") == line.npos ? "" : line.substr(line.rfind(':') + 1);
+        mkdir((folder += "/mempager_limits").c_str(), 0755);
+        made = bool(std::ofstream(folder + "/memory.limit_in_bytes") << limit << std::flush);
+    }
+    ~Group() { rmdir(folder.c_str()); }
+    bool Enter() const
+    {
+        return bool(std::ofstream(folder + "/cgroup.procs") << getpid() << std::flush);
+    }
+    std::string folder = "/sys/fs/cgroup/memory";
+    bool made;
+};
+
 TEST(PagerAtItsLimits, LiesOnADiskBeforeItsGroupKillsIt)
 {
-    std::string group = "/sys/fs/cgroup/memory", line;
-    for (std::ifstream groups("/proc/self/cgroup"); std::getline(groups, line);)
-        group += line.find(":memory:") == line.npos ? "" : line.substr(line.rfind(':') + 1);
-    mkdir((group += "/mempager_limits").c_str(), 0755);
-    if (!(std::ofstream(group + "/memory.limit_in_bytes") << 100 * MiB << std::flush))
-        GTEST_SKIP() << "the system doesn't permit it here";
+    const Group group(100 * MiB);
+    SKIP_IF_NOT_PERMITTED(group.made ? 0 : not_permitted);
     const Temp temp;
     pid_t children[3];
     for (pid_t& child : children)
         child = StartChild([&] {
-            CHILD_CHECK(std::ofstream(group + "/cgroup.procs") << getpid() << std::flush);
+            CHILD_CHECK(group.Enter());
             return Life(40, temp.path);
         });
     for (const pid_t child : children)
         EXPECT_EQ(EndOfChild(child), 0);
-    rmdir(group.c_str());
+}
+
+TEST(PagerAtItsLimits, SeesTheGroupThatItWasMovedTo)
+{
+    const Group group(60 * MiB);
+    SKIP_IF_NOT_PERMITTED(group.made ? 0 : not_permitted);
+    const Temp temp;
+    EXPECT_EQ(0, InChild([&] {
+                  Configure(1500, temp.path);
+                  Pieces pieces;
+                  CHILD_CHECK(pieces.Add(8 * MiB, 2) && group.Enter() && pieces.Add(8 * MiB, 9));
+                  return Count(temp.path, "NorvaneMemoryBlock") > 2 && pieces.Whole() ? 0 : 2;
+              }));
 }
 
 /// Runs the body in the first process of a pid namespace, so that all of them bear one id.

@@ -6,10 +6,12 @@
 #include "Mem/Mem_MemPager.h"
 #include "Platform/Platform.h"
 #include "support/Children.h"
+#include "support/FailingNew.h"
 #include "support/PagerWorld.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -75,7 +77,12 @@ TEST(Reclaim, GivesEveryKindOfAllocationWhatTheCacheHolds)
         {"new", [](auto bytes) { return ::operator new(bytes); }},
         {"malloc", [](auto bytes) { return std::malloc(bytes); }},
         {"calloc", [](auto bytes) { return std::calloc(bytes / 100, 100); }},
-        {"realloc", [](auto bytes) { return std::realloc(std::malloc(10), bytes); }},
+        {"realloc",
+         [](auto bytes) -> void* {
+             void* const old = std::memset(std::malloc(100000), 3, 100000);
+             auto* const all = static_cast<char*>(std::realloc(old, bytes));
+             return all && std::count(all, all + 100000, 3) == 100000 ? all : nullptr;
+         }},
         {"reallocarray", [](auto bytes) { return reallocarray(nullptr, bytes / 8, 8); }},
         {"aligned_alloc", [](auto bytes) { return std::aligned_alloc(64, bytes); }},
         {"memalign", [](auto bytes) { return memalign(4096, bytes); }},
@@ -152,20 +159,38 @@ CHILD_TEST(Reclaim, KeepsTheContractOfAFailureAndTheCacheWhereItCannotHelp, Unde
     return 3;
 }
 
+/// Whether a failure was mended: of malloc, or of operator new without malloc's being asked.
+bool IsMended(bool of_malloc)
+{
+    if (of_malloc)
+        return std::malloc(450 * kMB) != nullptr;
+    const FailingNew failing(1);
+    return ::operator new(100, std::nothrow) != nullptr;
+}
+
 TEST(Reclaim, ClearsWhomTheEnvironmentChooses)
 {
-    for (const auto* mask : {"2", "1", "0", "none", static_cast<const char*>(nullptr)}) {
-        const int code = UnderLimit([mask] {
-            LogCapture quiet(1);
-            setenv(mask ? "VORTELIX_NEW_HANDLER" : "VORTELIX_DIS_NEW_HANDLER", mask ? mask : "", 1);
-            const int wanted = mask ? std::atoi(mask) : 0;
-            FullCache general(100), second(100, MEM_MemPager::GetHandleForMP());
-            CHILD_CHECK((std::malloc(450 * kMB) != nullptr) == (wanted != 0));
-            CHILD_CHECK((general.MB() == 0) == ((wanted & 2) != 0));
-            return (second.MB() == 0) == ((wanted & 1) != 0) ? 0 : 2;
-        });
-        SKIP_IF_NOT_PERMITTED(code);
-        EXPECT_EQ(code, 0) << (mask ? mask : "handler not wanted");
-    }
+    const struct {
+        const char* setting;
+        int cleared, reports;
+    } cases[] = {{"NEW_HANDLER=0", 0, 2},   {"NEW_HANDLER=1", 1, 1},    {"NEW_HANDLER=2", 2, 1},
+                 {"NEW_HANDLER=3", 3, 1},   {"NEW_HANDLER=none", 0, 2}, {"NEW_HANDLER=", 0, 2},
+                 {"NEW_HANDLER=2nd", 2, 1}, {"OTHER=0", 3, 1},          {"DIS_NEW_HANDLER=", 0, 0}};
+    for (const bool of_malloc : {false, true})
+        for (const auto& now : cases) {
+            const auto body = [of_malloc, now] {
+                LogCapture log(2);
+                putenv(strdup((std::string("VORTELIX_") + now.setting).data()));
+                FullCache general(100), second(100, MEM_MemPager::GetHandleForMP());
+                CHILD_CHECK(IsMended(of_malloc) == (now.cleared != 0));
+                CHILD_CHECK((general.MB() == 0) == ((now.cleared & 2) != 0));
+                CHILD_CHECK((second.MB() == 0) == ((now.cleared & 1) != 0));
+                CHILD_CHECK(!IsMended(of_malloc));
+                return log.Count(2, "clear_cache_handler|Process is") == now.reports ? 0 : 2;
+            };
+            const int code = of_malloc ? UnderLimit(body) : InChild(body);
+            SKIP_IF_NOT_PERMITTED(code);
+            EXPECT_EQ(code, 0) << now.setting << ", malloc: " << of_malloc;
+        }
 }
 } // namespace

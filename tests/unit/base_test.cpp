@@ -1,12 +1,17 @@
-// Strings that outlive their bytes, log lines lost, torn or blamed on the wrong place, sinks that
-// fell the library.
+// Strings, tokens and numbers that outlive their bytes or are read past them, log lines lost, torn
+// or blamed on the wrong place, sinks that fell the library, counters that sum up wrong.
 
 #include "NRVlog/Zor_Log.h"
-#include "Rw/RWCString.h"
+#include "Rw/RWBoundsErr.h"
+#include "Rw/RWTokenizer.h"
+#include "Zor/Zor_Buffer.h"
+#include "Zor/Zor_PerformanceCounters.h"
 #include "support/FailingNew.h"
+#include <cstring>
 #include <gtest/gtest.h>
 #include <memory>
 #include <random>
+#include <thread>
 
 namespace
 {
@@ -33,6 +38,78 @@ TEST(Base, StringsLiveLikeTheirModels)
         ASSERT_EQ(real[at] <=> real[next], model[at] <=> model[next]);
         ASSERT_TRUE(real[at] != real[next] || real[at].hash() == real[next].hash());
     }
+}
+
+TEST(Base, StretchesLieWithinTheirString)
+{
+    const RWCString real("a_b");
+    for (std::size_t at = 0; at < 6; ++at)
+        for (const std::size_t length : {0ul, 1ul, 2ul, 3ul, 4ul, 0 - at, ~0ul})
+            if (at > 3 || length > 3 - at)
+                EXPECT_THROW(real(at, length), RWBoundsErr) << at << " " << length;
+            else
+                EXPECT_EQ(RWCString(real(at, length)), std::string("a_b", at, length).data());
+}
+
+TEST(Base, TokensAreThoseOfTheCLibrary)
+{
+    std::mt19937 random(1);
+    for (int life = 0; life < 3000; ++life) {
+        std::string text(random() % 12, 'a');
+        for (char& byte : text)
+            byte = "ab_/"[random() % 4];
+        RWCTokenizer next(text.data());
+        char* rest = text.data();
+        for (int calls = 0; calls < 8; ++calls) {
+            const char* const apart = std::array{"_", "/_", "b", ""}[random() % 4];
+            ASSERT_EQ(RWCString(next(apart)), strtok_r(nullptr, apart, &rest)) << life;
+        }
+    }
+}
+
+TEST(Base, NumbersOutOfAShortBufferAreZeroFromThereOn)
+{
+    Zor_oBuffer out;
+    (out << -2 << 0x89abcdefu).Write64bitHandle(&out) << 7;
+    const std::string all = out.Bytes();
+    ASSERT_EQ(all.substr(0, 8), "\xfe\xff\xff\xff\xef\xcd\xab\x89");
+    for (std::size_t size = 0; size <= all.size(); ++size) {
+        Zor_iBuffer in(all.data(), size);
+        int first = 1, last = 1;
+        unsigned second = 1;
+        void* handle = &in;
+        (in >> first >> second).Read64bitHandle(handle) >> last;
+        EXPECT_TRUE(first == (size >= 4 ? -2 : 0) && second == (size >= 8 ? 0x89abcdef : 0));
+        EXPECT_TRUE(handle == (size >= 16 ? &out : nullptr) && last == (size == 20 ? 7 : 0));
+        EXPECT_EQ(in.good(), size == 20) << size;
+    }
+}
+
+TEST(Base, CountersKnowTheLeastAndTheGreatestInterval)
+{
+    auto* const counter = Zor_PerformanceCounters::Instance()->AddCounter(
+        ZOR_COUNT_INTERVALS, "", "", "", "", 7, 0, 0, nullptr);
+    counter->EndMark(0, 0); // before any mark
+    EXPECT_TRUE(counter->Read().closes == 0 && counter->Read().least == 0);
+    for (const int milliseconds : {0, 20, 0}) {
+        counter->Mark();
+        std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+        counter->End(0, 0, nullptr);
+    }
+    const auto after = counter->Read();
+    EXPECT_TRUE(after.marks == 3 && after.closes == 3 && after.greatest >= 0.02);
+    EXPECT_LE(after.least, after.total - after.greatest + 1e-9); // the other two
+}
+
+TEST(Base, ALevelForAllEndsThoseOfSingleCodes)
+{
+    for (int code = 1; code <= 16; ++code)
+        ZorGLog.SetLogLevel(code, 7);
+    ZorGLog.SetLogLevel(5);
+    ZorGLog.SetLogLevel(17, 6);
+    for (int code = 1; code <= 17; ++code)
+        EXPECT_EQ(ZorGLog.GetLogLevel(code), code == 17 ? 6 : 5) << code;
+    ZorGLog.SetLogLevel(3);
 }
 
 int Logging(const char* text)

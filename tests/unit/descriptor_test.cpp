@@ -129,6 +129,28 @@ TEST_F(Descriptors, ShareOneBlockOfWhichTheFirstFixesTheRegion)
     }
 }
 
+TEST(Pieces, OfOthersAreMovedUpToTheirAlignmentAndOwnOnesNot)
+{
+    struct Region : MEM_MemInfo {
+        bool Local() override { return alignment % 2 == 1; }
+        unsigned int HandleOffset() override { return 4096; }
+        unsigned alignment = 0;
+    } region;
+    for (const unsigned alignment : {0u, 4u, 16u, 100u, 101u})
+        for (std::uintptr_t base = 4096; base < 4300; ++base) {
+            region.alignment = alignment;
+            MEM_MemInfo piece(&region, alignment, nullptr);
+            piece.SetChunk({10, 7});
+            std::uintptr_t wanted = base + 7;
+            while (!region.Local() && alignment != 0 && wanted % alignment != 0)
+                ++wanted;
+            piece.UpdatePtrByBase(reinterpret_cast<void*>(base + 1)); // as mapped before
+            piece.UpdatePtrByBase(reinterpret_cast<void*>(base));
+            ASSERT_EQ(reinterpret_cast<std::uintptr_t>(piece.Ptr()), wanted) << alignment;
+            ASSERT_EQ(piece.HandleOffset(), 4096 + wanted - base) << alignment;
+        }
+}
+
 TEST_F(Descriptors, ComeBackToTheirMakerInVain)
 {
     MEM_MemPager* const pagers[] = {MEM_MemPager::GetHandle(), MEM_MemPager::GetHandleForMP()};

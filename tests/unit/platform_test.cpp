@@ -116,8 +116,8 @@ TEST(Limits, AreTheLeastOfAllGroupsAbove)
 
     const auto bears_a_mebibyte = [&](const char* pages, const char* machine) {
         write("two/c/memory.stat", pages);
-        return MemoryRoom(groups.c_str(), (root / "mounts").c_str(), write("m", machine).c_str())
-            .Bears(MiB);
+        const GroupFolders folders(groups.c_str(), (root / "mounts").c_str());
+        return MemoryRoom(folders, write("m", machine).c_str()).Bears(MiB);
     };
     EXPECT_FALSE(bears_a_mebibyte("inactive_file 7\nactive_file 7825784", ""));
     EXPECT_TRUE(bears_a_mebibyte("inactive_file 8\nactive_file 7825784", "SwapFree: 17408 kB"));

@@ -1,8 +1,10 @@
 // Hunts: a fit, tie, gap or merge that differs from two sorted vectors searched from the start;
-// sums that wrap at 32 bits; a failed allocation that leaves a trace.
+// sums that wrap at 32 bits; a failed allocation that leaves a trace; a heap's choice of a block.
 #include "Mem/Mem_BlockSpaceLogic.h"
 #include "Rw/RWBoundsErr.h"
 #include "support/FailingNew.h"
+#include "support/Mem_TestAccess.h"
+#include "support/PagerWorld.h"
 
 #include <algorithm>
 #include <array>
@@ -55,6 +57,7 @@ struct Model {
     std::multimap<u64, u64> free;                       // offset by size
     std::multimap<u64, std::array<u64, 3>> allocated{}; // size, offset, actual by aligned offset
     u64 sum = 0;
+    u32 lower = 0, upper = 1u << 30;
 };
 
 void Compare(const BlockSpaceLogic& real, const Model& model)
@@ -90,7 +93,7 @@ void Allocate(BlockSpaceLogic& real, Model& model, u32 size, u32 to)
     }
     u64 at = 0, want = 0;
     ASSERT_EQ(done, model.Allocate(size, to, &at, &want)) << size << " " << to;
-    ASSERT_EQ(could, done && size - 1 < 1u << 30) << size << " " << to;
+    ASSERT_EQ(could, done && size > model.lower && size <= model.upper) << size << " " << to;
     ASSERT_TRUE(!done || (chunk.m_Size == size && chunk.m_Offset == at && actual == want));
 }
 
@@ -104,6 +107,8 @@ TEST(SpaceLogic, LivesLikeTwoSortedVectors)
             const u32 sizes[] = {0, 1u << 30, (1u << 30) + 1, UINT32_MAX, region};
             BlockSpaceLogic real(region);
             Model model{{{region, 0}}};
+            if (life % 2 == 1)
+                real.SetLimits(model.lower = region / 64, model.upper = region / 8);
             for (u32 step = 0; step < 300 || !model.allocated.empty(); ++step) {
                 const auto& given = model.allocated;
                 const u32 usual = 1 + below(region / (2u << below(8)) + 1), to = below(10);
@@ -119,5 +124,102 @@ TEST(SpaceLogic, LivesLikeTwoSortedVectors)
             }
             ASSERT_THROW(real.Free(Mem_MemoryChunk(1, 0)), RWBoundsErr);
         }
+}
+
+// A heap of nothing but numbers.
+struct NumberBlock : Block {
+    explicit NumberBlock(u32 size, ShmmHeap* heap = nullptr) : Block(nullptr, heap, size) {}
+    int create_info(BaseInfo** result, u32, Block* block) override
+    {
+        *result = new BaseInfo(block, 0, 0);
+        return 0;
+    }
+};
+struct Request {
+    u32 size, to, always_mapped, group;
+    const void* client;
+};
+struct NumberHeap : ShmmHeap {
+    int create_result_element(u32, Block**) override { return -1; }
+    int create_result_element(u32 size, Block** result, u32, u32) override
+    {
+        *result = new NumberBlock(std::max(size, 1000u), this);
+        return 0;
+    }
+    int destroy_element(Block*) override { return 0; }
+
+    // The newest block that takes the request, by a walk over all of them.
+    Block* Newest(const Request& now)
+    {
+        u32 actual;
+        for (Block& block : m_blocks)
+            if (block.Client() == now.client &&
+                block.CanAllocate(now.size, now.always_mapped, now.group, now.to, &actual) == 0)
+                return &block;
+        return nullptr;
+    }
+    std::string State()
+    {
+        std::ostringstream state;
+        PrintStatus(state);
+        return state.str() + std::to_string(Mem_TestAccess::Kinds(*this));
+    }
+    // Each allocation on the way fails once.
+    BaseInfo* Take(const Request& now)
+    {
+        const std::string before = State();
+        for (u32 n = 1;; ++n) {
+            Block* const newest = Newest(now);
+            BaseInfo* info = nullptr;
+            try {
+                const FailingNew failing(n);
+                Allocate(now.size, now.to, &info, now.always_mapped, now.group);
+            } catch (const std::bad_alloc&) {
+                EXPECT_EQ(State(), before);
+                continue;
+            }
+            EXPECT_EQ(info->OwnerBlock(), newest ? newest : &m_blocks.front());
+            return info;
+        }
+    }
+};
+
+TEST(Heap, ItsBlocksTakeSizesWithinBothLimitsButNotNothing)
+{
+    NumberBlock block(1000);
+    block.SetChunkSizeRange(0, 20);
+    EXPECT_TRUE(block.CanAllocate(0) == -1 && block.CanAllocate(1) == 0);
+    block.SetChunkSizeRange(10, 20);
+    for (u32 size = 1; size < 30; ++size)
+        EXPECT_EQ(block.CanAllocate(size), size >= 10 && size <= 20 ? 0 : -1) << size;
+}
+
+TEST(Heap, ChoosesTheBlockThatAWalkOverAllOfThemWould)
+{
+    const TestConfiguration::Scope configuration;
+    u32& threshold = TestConfiguration::block_size_threshold;
+    std::mt19937 random(1);
+    const auto below = [&](u64 end) { return static_cast<u32>(random() % end); };
+    for (const u32 usual : {2u, 30u, 300u}) { // pieces at a time
+        NumberHeap heap;
+        std::vector<BaseInfo*> given;
+        for (u32 step = 0; step < 3000 || !given.empty(); ++step) {
+            if (step % 50 == 0)
+                threshold = std::array{2u, 64u, 100u, 400u}[below(4)];
+            if (step % 999 == 998)
+                heap.RetireBlocks();
+            if (step < 3000 && below(2 * usual) >= given.size()) {
+                const u32 size = below(2) ? threshold - 1 + below(3) : 1 + below(1200);
+                const void* const client = below(2) ? &heap : nullptr;
+                heap.SetClient(client);
+                given.push_back(heap.Take({size, 100 * below(4), below(2), below(2), client}));
+            } else if (!given.empty()) {
+                heap.Free(std::exchange(given[below(given.size())], given.back()));
+                given.pop_back();
+            }
+            ASSERT_FALSE(HasFailure()) << usual << " " << step;
+        }
+        EXPECT_EQ(Mem_TestAccess::Kinds(heap), 0u);
+    }
 }
 } // namespace

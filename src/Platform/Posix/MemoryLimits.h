@@ -1,7 +1,8 @@
 #ifndef PLATFORM_POSIX_MEMORYLIMITS_H
 #define PLATFORM_POSIX_MEMORYLIMITS_H
 
-#include <climits>
+#include "Platform/Posix/ControlGroups.h"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -44,14 +45,18 @@ std::uint64_t AddressSpaceInUse();
 std::uint64_t AddressSpaceLimit();
 
 /// How much memory this process can still take without the system having to end one. Remembers
-/// the groups that bound this process, and the texts given, so it is meant for a short life.
-/// Allocates nothing.
+/// the groups that bound this process and their limits, and the text given, so it is meant for a
+/// short life. Allocates nothing.
 class MemoryRoom
 {
 public:
-    explicit MemoryRoom(const char* groups = "/proc/self/cgroup",
-                        const char* mounts = "/proc/self/mountinfo",
-                        const char* machine = "/proc/meminfo");
+    MemoryRoom();
+
+    /// Of a process in these groups, and of a machine with such a table, in the form of /proc.
+    MemoryRoom(const GroupFolders& folders, const char* machine);
+
+    MemoryRoom(const MemoryRoom&) = delete;
+    MemoryRoom& operator=(const MemoryRoom&) = delete;
 
     /// Whether `more` bytes leave a margin, for what other processes take meanwhile, in each of
     /// the groups and on the machine. Pages that hold a copy of what is on disk count as free.
@@ -65,20 +70,18 @@ public:
 
 private:
     struct Group {
-        const struct GroupVersion* version;
+        const GroupVersion* version;
         const char* folder;
         std::uint64_t limit;
     };
 
-    void add(const GroupVersion& version, const char* folder, std::uint64_t limit);
     static bool group_bears(const Group& group, std::uint64_t wanted, std::uint64_t done);
     bool machine_bears(std::uint64_t wanted, std::uint64_t done) const;
 
     const char* const m_machine;
-    Group m_groups[16];
+    const GroupFolders m_folders;
+    Group m_groups[GroupFolders::Most];
     std::size_t m_count = 0;
-    char m_folders[2 * PATH_MAX]; ///< their texts, one behind the other
-    std::size_t m_used = 0;
 };
 
 #endif
