@@ -125,6 +125,15 @@ Mem_BlockIndex::Room::~Room()
         m_index.tidy(m_kind);
 }
 
+void Mem_BlockIndex::Room::Settle(Block& block) const
+{
+    if (!m_is_new)
+        return Update(block);
+    m_index.Leave(block);
+    block.m_place.kind = m_kind;
+    m_index.m_kinds.find(m_kind)->second.Enter(block);
+}
+
 bool Mem_BlockIndex::knows(const Block& block, const Mem_BlockKind& kind)
 {
     return block.m_place.ages != nullptr && block.m_place.kind == kind;
@@ -135,16 +144,6 @@ void Mem_BlockIndex::tidy(const Mem_BlockKind& kind)
     const auto found = m_kinds.find(kind);
     if (found != m_kinds.end() && found->second.IsEmpty())
         m_kinds.erase(found);
-}
-
-void Mem_BlockIndex::Settle(Block& block)
-{
-    const Mem_BlockKind kind = block.Kind();
-    if (knows(block, kind))
-        return block.m_place.ages->Update(block);
-    Leave(block);
-    block.m_place.kind = kind;
-    m_kinds.find(kind)->second.Enter(block);
 }
 
 void Mem_BlockIndex::Update(const Block& block)

@@ -79,6 +79,11 @@ public:
         /// Throws std::bad_alloc, with nothing changed.
         Room(Mem_BlockIndex& index, const Block& block, const Mem_BlockKind& kind);
         ~Room();
+
+        /// Takes note that the block is of that kind now, and of its largest free chunk. Never
+        /// allocates, as the operations that follow.
+        void Settle(Block& block) const;
+
         Room(const Room&) = delete;
         Room& operator=(const Room&) = delete;
 
@@ -87,10 +92,6 @@ public:
         const Mem_BlockKind m_kind;
         const bool m_is_new; // to the block
     };
-
-    /// Takes note of a block's kind, which there is Room for if it is new to the block, and of its
-    /// largest free chunk. Never allocates, as the two that follow.
-    void Settle(Block& block);
 
     /// Takes note of the largest free chunk of a block, if it is known.
     static void Update(const Block& block);

@@ -137,21 +137,10 @@ const BlockSpaceLogic::Chunk* BlockSpaceLogic::search(std::uint32_t size, std::u
     return chunk;
 }
 
-/// As lower_bound() by size, but without a branch at each level: that would be foreseen every
-/// other time only.
 const BlockSpaceLogic::Chunk* BlockSpaceLogic::smallest_of_at_least(std::uint64_t size) const
 {
-    const Chunk* found = nullptr;
-    auto node = m_free.empty() ? nullptr : m_free.root().pointed_node();
-    while (node != nullptr) {
-        const Chunk* const chunk = FreeSet::value_traits::to_value_ptr(node);
-        const auto left = FreeSet::node_traits::get_left(node);
-        const auto right = FreeSet::node_traits::get_right(node);
-        const bool is_less = chunk->actual_size < size;
-        found = is_less ? found : chunk;
-        node = is_less ? right : left;
-    }
-    return found;
+    const auto found = m_free.lower_bound(size, SmallerThan());
+    return found == m_free.end() ? nullptr : &*found;
 }
 
 /// The first free chunk, by size and age, that `borders` is true for; null if there is none.
@@ -200,8 +189,8 @@ void BlockSpaceLogic::enter_free(Chunk& chunk)
     chunk.is_free = true;
     chunk.order = ++m_clock;
     // The youngest of its size stands before the first that is larger.
-    const Chunk* const larger = smallest_of_at_least(std::uint64_t{chunk.actual_size} + 1);
-    m_free.insert_before(larger == nullptr ? m_free.end() : m_free.iterator_to(*larger), chunk);
+    const std::uint64_t larger = std::uint64_t{chunk.actual_size} + 1;
+    m_free.insert_before(m_free.lower_bound(larger, SmallerThan()), chunk);
 }
 
 void BlockSpaceLogic::leave_free(Chunk& chunk)

@@ -96,6 +96,12 @@ private:
                                                   : a.order < b.order;
         }
     };
+    struct SmallerThan {
+        bool operator()(const Chunk& chunk, std::uint64_t size) const
+        {
+            return chunk.actual_size < size;
+        }
+    };
     struct LowerThenOlder {
         bool operator()(const Chunk& a, const Chunk& b) const
         {

@@ -178,7 +178,7 @@ int ShmmHeap::Allocate(unsigned int size, unsigned int alignment, BaseInfo** res
         block->Allocate(size, alignment, result, always_mapped, group_id, &actual_size);
     if (failure == 0) {
         m_total_size += actual_size;
-        m_index.Settle(*block);
+        room.Settle(*block);
     }
     return failure;
 }
