@@ -49,10 +49,14 @@ void Mem_BlockAges::Update(const Block& block)
 
 Block* Mem_BlockAges::NewestWith(std::uint32_t size, std::uint64_t age) const
 {
+    const std::uint64_t most = std::uint64_t{size} + 1;
+    if (m_end == 0 || m_most[1] < most)
+        return nullptr;
+    if (m_ages[m_end - 1] < age) // all are older
+        return m_blocks[last_with(most)];
     const auto end = m_ages.begin() + static_cast<std::ptrdiff_t>(m_end);
     const auto older = std::lower_bound(m_ages.begin(), end, age) - m_ages.begin();
-    const std::size_t found =
-        last_with(std::uint64_t{size} + 1, static_cast<std::size_t>(older), 1, 0, capacity());
+    const std::size_t found = last_before(static_cast<std::size_t>(older), most, 1, 0, capacity());
     return found == kNone ? nullptr : m_blocks[found];
 }
 
@@ -81,6 +85,8 @@ void Mem_BlockAges::exchange(std::size_t one, std::size_t other)
 void Mem_BlockAges::set_most(std::size_t number, std::uint64_t most)
 {
     std::size_t node = capacity() + number;
+    if (m_most[node] == most)
+        return;
     m_most[node] = most;
     while (node > 1) {
         node /= 2;
@@ -91,18 +97,29 @@ void Mem_BlockAges::set_most(std::size_t number, std::uint64_t most)
     }
 }
 
+/// The last place that has `most` or more. There is one.
+std::size_t Mem_BlockAges::last_with(std::uint64_t most) const
+{
+    std::size_t node = 1;
+    while (node < capacity()) {
+        const std::size_t newer = 2 * node + 1;
+        node = m_most[newer] >= most ? newer : newer - 1;
+    }
+    return node - capacity();
+}
+
 /// The last place before `end` that has `most` or more, of the `count` from `first` on that are
 /// under `node`.
-std::size_t Mem_BlockAges::last_with(std::uint64_t most, std::size_t end, std::size_t node,
-                                     std::size_t first, std::size_t count) const
+std::size_t Mem_BlockAges::last_before(std::size_t end, std::uint64_t most, std::size_t node,
+                                       std::size_t first, std::size_t count) const
 {
     if (first >= end || m_most[node] < most)
         return kNone;
     if (count == 1)
         return first;
     const std::size_t half = count / 2;
-    const std::size_t newer = last_with(most, end, 2 * node + 1, first + half, half);
-    return newer != kNone ? newer : last_with(most, end, 2 * node, first, half);
+    const std::size_t newer = last_before(end, most, 2 * node + 1, first + half, half);
+    return newer != kNone ? newer : last_before(end, most, 2 * node, first, half);
 }
 
 Mem_BlockIndex::Room::Room(Mem_BlockIndex& index, const Block& block, const Mem_BlockKind& kind)

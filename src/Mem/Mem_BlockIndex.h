@@ -49,8 +49,9 @@ private:
     void append(Block& block, std::uint64_t most);
     void exchange(std::size_t one, std::size_t other);
     void set_most(std::size_t number, std::uint64_t most);
-    std::size_t last_with(std::uint64_t most, std::size_t end, std::size_t node, std::size_t first,
-                          std::size_t count) const;
+    std::size_t last_with(std::uint64_t most) const;
+    std::size_t last_before(std::size_t end, std::uint64_t most, std::size_t node,
+                            std::size_t first, std::size_t count) const;
 
     std::vector<Block*> m_blocks;      // by place; null where one has left
     std::vector<std::uint64_t> m_ages; // by place, rising

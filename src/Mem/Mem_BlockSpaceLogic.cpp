@@ -103,9 +103,13 @@ void BlockSpaceLogic::SetLimits(std::uint32_t lower, std::uint32_t upper)
     m_upper_limit = upper;
 }
 
+// The set's own way to its last element goes down the tree; its header knows it.
 std::uint32_t BlockSpaceLogic::LargestFreeChunk() const
 {
-    return m_free.empty() ? 0 : m_free.rbegin()->actual_size;
+    if (m_free.empty())
+        return 0;
+    const auto last = FreeSet::node_traits::get_right(m_free.end().pointed_node());
+    return FreeSet::value_traits::to_value_ptr(last)->actual_size;
 }
 
 const BlockSpaceLogic::Chunk* BlockSpaceLogic::find_free_chunk(std::uint32_t size,
