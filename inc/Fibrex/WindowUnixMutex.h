@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <bit>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <thread>

@@ -16,8 +16,8 @@
 ///
 /// Best fit with immediate merging: a request takes the smallest free chunk that can hold it,
 /// the oldest among equals; the rest of that chunk stays free behind it; a freed chunk joins its
-/// free neighbours at once. All numbers are bytes. All operations are logarithmic in the number
-/// of free chunks at most.
+/// free neighbours at once. All numbers are bytes. Taking and giving back is logarithmic in the
+/// number of free chunks at most, but for a walk over what requests of 0 bytes have left.
 ///
 /// Free() allocates nothing. Allocate() allocates before it changes anything, so std::bad_alloc
 /// leaves everything as it was.

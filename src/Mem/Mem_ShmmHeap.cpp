@@ -171,13 +171,15 @@ int ShmmHeap::Allocate(unsigned int size, unsigned int alignment, BaseInfo** res
     }
 
     NewBlock unless_empty(*this, opened ? block : nullptr);
-    const Mem_BlockIndex::Room room(m_index, *block,
-                                    block->KindAfter(size, always_mapped, group_id));
+    const Mem_BlockKind kind = block->KindAfter(size, always_mapped, group_id);
+    const Mem_BlockIndex::Room room(m_index, *block, kind);
     unsigned int actual_size = 0;
     const int failure =
         block->Allocate(size, alignment, result, always_mapped, group_id, &actual_size);
     if (failure == 0) {
         m_total_size += actual_size;
+        // The block has asked for the threshold once more, and that may have changed.
+        block->SetChunkSizeRange(kind.smallest, kind.largest);
         room.Settle(*block);
     }
     return failure;

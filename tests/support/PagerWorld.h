@@ -15,11 +15,12 @@ public:
     inline static unsigned long long cache_limit;
     inline static unsigned int base_block_size;
     inline static unsigned int block_size_threshold;
+    inline static unsigned int threshold_drift; // from one answer to the next
     inline static unsigned long long trim_limit;
 
     unsigned long long HeapCacheInBytes() override { return cache_limit; }
     unsigned int BaseBlockSize() override { return base_block_size; }
-    unsigned int BlockSizeThreshold() override { return block_size_threshold; }
+    unsigned int BlockSizeThreshold() override { return block_size_threshold += threshold_drift; }
     unsigned long long UnmapWorkingSetLimit() override { return trim_limit; }
 
     class Scope
@@ -30,6 +31,7 @@ public:
             cache_limit = 1u << 20;
             base_block_size = 65536;
             block_size_threshold = 8192;
+            threshold_drift = 0;
             trim_limit = 0;
             GetInstance()->SetInstance(new TestConfiguration);
         }
