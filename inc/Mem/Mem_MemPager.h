@@ -12,6 +12,7 @@
 #include <atomic>
 #include <bitset>
 #include <cstddef>
+#include <cstdint>
 #include <iosfwd>
 #include <unordered_map>
 
@@ -57,9 +58,11 @@ struct Mem_Status {
 /// fork: a child has its parent's pieces, and what it writes there the parent sees; the names and
 /// files stay the parent's. New pieces of the child get regions of their own.
 ///
-/// Lifetime: a pager lives from the first GetHandle() until the process ends or the library is
-/// unloaded, and is never copied. Handles may outlive it; they can then only be destroyed, and the
-/// pager itself is then as dead as any object in static storage, though GetHandle() still gives it.
+/// Lifetime: a pager lives from the first GetHandle() until the process ends, and is never copied.
+/// At the end (when destructors of static objects run) it gives its cache up and closes down: from
+/// then on every operation is refused quietly, by -1, 0 or an empty handle, to threads that still
+/// run, to functions of atexit() and to static objects that come later. Handles may outlive it;
+/// what they have mapped stays mapped, and releasing them touches nothing but their own record.
 class MEMPAGER_EXPORT MEM_MemPager
 {
 public:
@@ -79,7 +82,8 @@ public:
     MEM_MemPager(const MEM_MemPager&) = delete;
     MEM_MemPager& operator=(const MEM_MemPager&) = delete;
 
-    /// Clears the cache and logs one line for each block that wasn't freed.
+    /// Clears the cache and logs one line for each block that wasn't freed. The process's pagers do
+    /// that at its end and are never destroyed.
     virtual ~MEM_MemPager();
 
     /// A new piece of `size` bytes, mapped once, in `*info`. What `*info` held is given up first,
@@ -184,9 +188,12 @@ private:
 
     /// Where one of the process's two pagers is found; good also when that has ended.
     struct ProcessSlot {
-        MEM_MemPager* Living() const { return ended ? nullptr : pager.load(); }
+        MEM_MemPager* Living() const
+        {
+            MEM_MemPager* const made = pager.load();
+            return made != nullptr && !made->m_ended ? made : nullptr;
+        }
         std::atomic<MEM_MemPager*> pager = nullptr;
-        std::atomic<bool> ended = false;
     };
 
     /// A pager on the process's memory heap.
@@ -236,7 +243,9 @@ private:
 
     // Life
     static MEM_MemPager* publish(MEM_MemPager& pager, ProcessSlot& slot) FIBREX_REQUIRES(mutex);
-    static bool HasEnded(const MEM_MemPager* pager);
+    void end();
+    void close_down() FIBREX_REQUIRES(mutex);
+    bool HasEnded() const { return m_ended; }
     static bool guard_forks();
     static void before_fork();
     static void after_fork_in_parent();
@@ -244,7 +253,8 @@ private:
 
     // Reclaim
     static void set_new_memory_handler() FIBREX_REQUIRES(mutex);
-    static int clear_cache_handler(std::size_t size, bool reported);
+    static int clear_cache_handler(std::size_t size, bool reported, std::uint64_t& mark);
+    static bool was_helped(std::uint64_t& mark);
     static unsigned long long clear_for_handler(MEM_MemPager* pager, bool reported);
     static void report_exhaustion(std::size_t size) FIBREX_REQUIRES(mutex);
 
@@ -268,6 +278,7 @@ private:
     static ProcessSlot s_general;
     static ProcessSlot s_second;
     static std::atomic<bool> s_single_handle;
+    static std::atomic<std::uint64_t> s_clearings; // that gave something back
     static ForkLocks s_fork_locks;
     static const bool s_forks_are_guarded;
     static bool s_new_handler_handled FIBREX_GUARDED_BY(mutex);
@@ -294,6 +305,7 @@ private:
     bool m_stripe_held[MEM_PagerInfo::kStripes] FIBREX_GUARDED_BY(mutex_vec) = {};
     unsigned long long m_unmapped_since_trim FIBREX_GUARDED_BY(mutex) = 0;
     bool m_counters_on = false;
+    std::atomic<bool> m_ended = false; ///< the process ends: every operation is refused
 };
 
 /// Holds all locks that operations on an array of handles take, for a scope: the thread can call

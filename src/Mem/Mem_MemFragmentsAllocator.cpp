@@ -97,10 +97,8 @@ Mem_MemFragmentsAllocator::~Mem_MemFragmentsAllocator()
                 "~Mem_MemFragmentsAllocator: BufAllocator is invalid, no need to destroy..\n");
         return;
     }
-    // An allocator in static storage can outlive the pager; its pieces went with that.
-    if (!MEM_MemPager::HasEnded(pager))
-        for (size_t i = 0; i < fragments_num; ++i)
-            free_fragment(fragments[i]);
+    for (size_t i = 0; i < fragments_num; ++i)
+        free_fragment(fragments[i]);
     ZOR_LOG("Mem_MemFragmentsAllocator::~Mem_MemFragmentsAllocator", 6,
             "~Mem_MemFragmentsAllocator: Freed %Iu fragments successfully\n", fragments_num);
     delete[] fragments;

@@ -24,6 +24,7 @@
 #include <locale>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace
 {
@@ -31,6 +32,7 @@ constexpr std::size_t kNameBuckets = 1024;
 constexpr int kCountersCode = 5830000;
 constexpr int kCountersLevel = 7;
 constexpr std::chrono::seconds kLongestWaitInHandler(1);
+constexpr std::chrono::seconds kLongestWaitAtTheEnd(1);
 
 void mark(Zor_PerformanceCounterData* counter)
 {
@@ -79,6 +81,7 @@ WindowUnixMutex MEM_MemPager::mutex_vec;
 MEM_MemPager::ProcessSlot MEM_MemPager::s_general;
 MEM_MemPager::ProcessSlot MEM_MemPager::s_second;
 std::atomic<bool> MEM_MemPager::s_single_handle = false;
+std::atomic<std::uint64_t> MEM_MemPager::s_clearings = 0;
 bool MEM_MemPager::s_new_handler_handled = false;
 
 const RWCString MEM_MemPager::ALLOCATE_COUNTER_NAME("MEM_Allocate");
@@ -91,19 +94,15 @@ const RWCString MEM_MemPager::UNMAP_TO_SHARED_COUNTER_NAME("MEM_UnmapToSharedMem
 
 // Life ------------------------------------------------------------------------------------------
 
-/// A pager that serves the process until its end, which it leaves word of.
+/// A pager that serves the process until its end. The object itself is never destroyed: threads
+/// that still run, and destructors that come later, find it closed.
 struct Mem_ProcessPager {
-    explicit Mem_ProcessPager(MEM_MemPager::ProcessSlot& its_slot) : slot(its_slot) {}
-    ~Mem_ProcessPager()
-    {
-        WindowUnixGuard lock(&MEM_MemPager::mutex);
-        slot.ended = true;
-    }
+    Mem_ProcessPager() : pager(*new MEM_MemPager) {}
+    ~Mem_ProcessPager() { pager.end(); }
     Mem_ProcessPager(const Mem_ProcessPager&) = delete;
     Mem_ProcessPager& operator=(const Mem_ProcessPager&) = delete;
 
-    MEM_MemPager::ProcessSlot& slot;
-    MEM_MemPager pager;
+    MEM_MemPager& pager;
 };
 
 MEM_MemPager* MEM_MemPager::GetHandle()
@@ -111,7 +110,7 @@ MEM_MemPager* MEM_MemPager::GetHandle()
     if (MEM_MemPager* const pager = s_general.pager.load(std::memory_order_acquire))
         return pager;
     WindowUnixGuard lock(&mutex);
-    static Mem_ProcessPager general(s_general);
+    static Mem_ProcessPager general;
     return publish(general.pager, s_general);
 }
 
@@ -122,7 +121,7 @@ MEM_MemPager* MEM_MemPager::GetHandleForMP()
     if (MEM_MemPager* const pager = s_second.pager.load(std::memory_order_acquire))
         return pager;
     WindowUnixGuard lock(&mutex);
-    static Mem_ProcessPager second(s_second);
+    static Mem_ProcessPager second;
     return publish(second.pager, s_second);
 }
 
@@ -141,12 +140,6 @@ MEM_MemPager* MEM_MemPager::publish(MEM_MemPager& pager, ProcessSlot& slot)
     }
     slot.pager.store(&pager, std::memory_order_release);
     return &pager;
-}
-
-bool MEM_MemPager::HasEnded(const MEM_MemPager* pager)
-{
-    return (pager == s_general.pager && s_general.ended) ||
-           (pager == s_second.pager && s_second.ended);
 }
 
 /// The locks that the forking thread could take. One that another thread holds, while that thread
@@ -237,14 +230,32 @@ MEM_MemPager::MEM_MemPager(ShmmHeap* heap) : m_block_ids(kNameBuckets), m_heap(h
 
 MEM_MemPager::~MEM_MemPager()
 {
-    ClearCache();
     WindowUnixGuard lock(&mutex);
-    m_blocks.ForEach([](int, RegisteredBlock& block) {
+    close_down();
+    m_blocks.ForEach([](int, RegisteredBlock& block) { delete &block; });
+    m_blocks.Clear();
+}
+
+// A thread that is inside may wait for the one that ends the process, or be gone already, as on
+// some systems: then the pager only closes.
+void MEM_MemPager::end()
+{
+    if (!mutex.CatchMutexFor(kLongestWaitAtTheEnd)) {
+        m_ended = true;
+        return;
+    }
+    WindowUnixGuard lock(&mutex, std::adopt_lock);
+    close_down();
+    m_ended = true;
+}
+
+void MEM_MemPager::close_down()
+{
+    ClearCache();
+    m_blocks.ForEach([](int, RegisteredBlock&) {
         ZOR_LOG("MEM_MemPager::~MEM_MemPager", 3,
                 "Application is exiting (at least one block hasn't been freed yet)\n");
-        delete &block;
     });
-    m_blocks.Clear();
 }
 
 // Registration ----------------------------------------------------------------------------------
@@ -263,6 +274,8 @@ int MEM_MemPager::Allocate(unsigned int size, MEM_PagerInfo* info, int alignment
         return -1;
     }
     WindowUnixGuard lock(&mutex);
+    if (m_ended)
+        return -1;
     Zor_PerformanceCounterData* const counter = get_mem_counter(ALLOCATE_COUNTER_NAME);
     mark(counter);
     MEM_MemInfo* const piece =
@@ -465,6 +478,8 @@ MEM_PagerInfo MEM_MemPager::Register(MEM_MemInfo& info)
     MEM_PagerInfo handle;
     {
         WindowUnixGuard lock(&mutex);
+        if (m_ended)
+            return handle;
         internal_register(info, &handle);
         check_invariants();
     }
@@ -500,7 +515,8 @@ const char* MEM_MemPager::fault_of(MEM_MemInfo& info) const
     if (owner_end > std::numeric_limits<unsigned int>::max() ||
         info.GetOwnerOffset() % Platform::Get().AllocationGranularity() != 0)
         return "there can be no such region";
-    if (makes_locally(info.GetInfoName()))
+    if (makes_locally(info.GetInfoName()) || makes_locally(info.GetMappingName()) ||
+        IsMappingOfOwnFile(info.GetMappingName()))
         return "this process made the memory";
     return nullptr;
 }
@@ -579,7 +595,9 @@ int MEM_MemPager::register_foreign_block(MEM_MemInfo& info, MEM_MemInfo& piece)
 void MEM_MemPager::StreamMemInfo(MEM_PagerInfo& info, Zor_oBuffer& out)
 {
     WindowUnixGuard lock(&mutex); // another thread may map the piece meanwhile
-    m_blocks.At(info.Block());    // throws for a piece that is gone
+    if (m_ended)
+        return;
+    m_blocks.At(info.Block()); // throws for a piece that is gone
     out << *info.GetMemInfoPtr();
 }
 
@@ -587,7 +605,7 @@ int MEM_MemPager::Free(MEM_PagerInfo& info)
 {
     WindowUnixGuard lock(&mutex);
     const int id = info.Block();
-    if (id < 0)
+    if (id < 0 || info.GetMemInfoPtr() == nullptr || m_ended)
         return 0;
     RegisteredBlock& block = m_blocks.At(id);
 
@@ -656,6 +674,8 @@ int MEM_MemPager::MapWithoutLocks(MEM_PagerInfo& info)
 {
     if (info.Ptr() != nullptr)
         return 0;
+    if (m_ended)
+        return -1;
     const int id = info.Block();
     RegisteredBlock& block = m_blocks.At(id);
     Zor_PerformanceCounterData* counter = nullptr;
@@ -736,6 +756,8 @@ int MEM_MemPager::Unmap(MEM_PagerInfo& info)
 
 int MEM_MemPager::UnmapWithoutLocks(MEM_PagerInfo& info)
 {
+    if (m_ended)
+        return -1;
     const int id = info.Block();
     RegisteredBlock& block = m_blocks.At(id);
     const unsigned long long limit = cache_limit();
@@ -811,6 +833,8 @@ void MEM_MemPager::leave_cache(int id, RegisteredBlock& block)
 int MEM_MemPager::Cache(MEM_PagerInfo& info)
 {
     WindowUnixGuard lock(&mutex);
+    if (m_ended)
+        return -1;
     const unsigned long long limit = cache_limit();
     if (m_total_mapped > limit) {
         ZOR_LOG("MEM_MemPager::Cache", 5,
@@ -839,6 +863,8 @@ int MEM_MemPager::Cache(MEM_PagerInfo& info)
 unsigned long long MEM_MemPager::ClearCache()
 {
     WindowUnixGuard lock(&mutex);
+    if (m_ended)
+        return 0;
     Zor_PerformanceCounterData* const clear = get_mem_counter(CLEAR_CACHE_COUNTER_NAME);
     Zor_PerformanceCounterData* const to_shared = get_mem_counter(UNMAP_TO_SHARED_COUNTER_NAME);
     mark(to_shared);
@@ -858,6 +884,7 @@ unsigned long long MEM_MemPager::ClearCache()
             "Cleared cache. Old Total Mapped was <%.2fMB>, from it was Cached <%.2fMB>. New Total "
             "Mapped is <%.2fMB> (No Cache)\n",
             InMb(old_mapped), InMb(old_cached), InMb(m_total_mapped));
+    s_clearings += old_mapped != m_total_mapped ? 1 : 0;
     return old_mapped - m_total_mapped;
 }
 
@@ -869,10 +896,19 @@ void MEM_MemPager::set_new_memory_handler()
         return;
     ZOR_LOG("MEM_MemPager::set_new_memory_handler", 5,
             "MEM_MemPager::MEM_MemPager() setting new handler\n");
-    Platform::Get().OnAllocationFailure(clear_cache_handler);
+    Platform::Get().OnAllocationFailure([](const Platform::FailedAllocation& failed) {
+        return clear_cache_handler(failed.size, failed.reported, failed.mark);
+    });
 }
 
-int MEM_MemPager::clear_cache_handler(std::size_t size, bool reported)
+/// Whether a clearing, by whatever thread, has given something back since this thread looked last:
+/// what it asked for in vain may be there by now.
+bool MEM_MemPager::was_helped(std::uint64_t& mark)
+{
+    return std::exchange(mark, s_clearings) != mark;
+}
+
+int MEM_MemPager::clear_cache_handler(std::size_t size, bool reported, std::uint64_t& mark)
 {
     if (!reported)
         ZOR_LOG("clear_cache_handler", 5,
@@ -881,6 +917,8 @@ int MEM_MemPager::clear_cache_handler(std::size_t size, bool reported)
                 static_cast<int>(size));
     // The thread that failed may hold a lock of the host's that whoever holds `mutex` waits for.
     if (!mutex.CatchMutexFor(kLongestWaitInHandler)) {
+        if (was_helped(mark))
+            return 1;
         ZOR_LOG("clear_cache_handler", 3,
                 "clear_cache_handler: The pager is busy, so no cache could be freed\n");
         throw std::bad_alloc();
@@ -896,8 +934,11 @@ int MEM_MemPager::clear_cache_handler(std::size_t size, bool reported)
         ZOR_LOG("clear_cache_handler", 5,
                 "clear_cache_handler: Succeeded clearing cache, everything is ok now. Will try to "
                 "allocate again..\n");
+        mark = s_clearings;
         return 1;
     }
+    if (was_helped(mark))
+        return 1;
     if (!reported)
         report_exhaustion(size);
     throw std::bad_alloc();
@@ -994,16 +1035,30 @@ int MEM_MemPager::GetCurrentStatus(Mem_Status& status)
     return 0;
 }
 
+namespace
+{
+/// Writes plain decimals to where another stream writes, which keeps the settings that its owner
+/// gave it: its language, its number base, its widths.
+class PlainStream : public std::ostream
+{
+public:
+    explicit PlainStream(const std::ostream& other) : std::ostream(nullptr)
+    {
+        imbue(std::locale::classic()); // without a buffer, which would take the language over
+        rdbuf(other.rdbuf());
+    }
+};
+} // namespace
+
 void MEM_MemPager::PrintDebugStatus()
 {
     WindowUnixGuard lock(&mutex);
-    std::cout << "<<<----------------- MEM_MemPager::PrintStatus()--------------------->>>"
-              << std::endl;
-    std::cout << "Total Mapped = " << m_total_mapped << " , Total Cached = " << m_total_cached
-              << std::endl;
-    m_heap->PrintStatus(std::cout);
-    std::cout << ">>>----------------- MEM_MemPager::PrintStatus()---------------------<<<"
-              << std::endl;
+    PlainStream out(std::cout);
+    out << "<<<----------------- MEM_MemPager::PrintStatus()--------------------->>>" << std::endl;
+    out << "Total Mapped = " << m_total_mapped << " , Total Cached = " << m_total_cached
+        << std::endl;
+    m_heap->PrintStatus(out);
+    out << ">>>----------------- MEM_MemPager::PrintStatus()---------------------<<<" << std::endl;
     debug_print_status();
 }
 

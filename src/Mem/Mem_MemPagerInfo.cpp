@@ -160,9 +160,14 @@ void MEM_PagerInfo::release()
 
 void MEM_PagerInfo::free_piece()
 {
-    // A handle in static storage can outlive the pager; the piece went with the process then.
-    if (!MEM_MemPager::HasEnded(m_pager))
-        m_pager->Free(*this);
+    // Handles end here, also those that a client has made of an id that doesn't exist.
+    try {
+        if (m_pager != nullptr)
+            m_pager->Free(*this);
+    } catch (const RWBoundsErr&) {
+        ZOR_LOG("MEM_PagerInfo::Release", 3, "Release: There is no block %d to free a piece of\n",
+                Block());
+    }
     delete m_state;
     m_state = nullptr;
 }

@@ -102,7 +102,7 @@ bool Block::IsUsed()
     return m_space_logic.IsUsed();
 }
 
-BaseInfo* Block::GetMapInfo()
+BaseInfo* Block::GetMapInfo() const
 {
     return m_map_info;
 }
@@ -326,7 +326,7 @@ int Memory_ShmmHeap::destroy_element(Block* block)
 namespace
 {
 /// Null until the first region.
-ShmmHeap* the_file_heap = nullptr;
+Windows_File_ShmmHeap* the_file_heap = nullptr;
 
 bool too_much_is_committed(unsigned int limit)
 {
@@ -344,6 +344,11 @@ ShmmHeap* GetSourceHeap()
         return file_heap;
     return too_much_is_committed(settings->GetSwapFileComitAdaptiveLimitMB()) ? file_heap
                                                                               : swap_heap;
+}
+
+bool IsMappingOfOwnFile(const RWCString& mapping_name)
+{
+    return the_file_heap != nullptr && the_file_heap->HasMapping(mapping_name);
 }
 
 void RetireInheritedBlocks()
@@ -482,6 +487,13 @@ int File_ShmmHeap::create_result_element(unsigned int size, Block** result,
 int File_ShmmHeap::create_result_element(unsigned int size, Block** result)
 {
     return create_result_element(size, result, 0, 0);
+}
+
+bool File_ShmmHeap::HasMapping(const RWCString& name) const
+{
+    return std::any_of(m_blocks.begin(), m_blocks.end(), [&name](const Block& block) {
+        return static_cast<FileInfo*>(block.GetMapInfo())->MappingName() == name;
+    });
 }
 
 int File_ShmmHeap::destroy_element(Block* block)

@@ -51,7 +51,7 @@ public:
     virtual bool IsUsed();
 
     /// The backing region, not owned.
-    virtual BaseInfo* GetMapInfo();
+    virtual BaseInfo* GetMapInfo() const;
 
     /// The sizes of chunks that this block takes, both included.
     virtual void SetChunkSizeRange(unsigned int smallest, unsigned int largest);
@@ -202,6 +202,9 @@ private:
 /// GetSwapFileComitAdaptiveLimitMB(), the file heap. Chosen anew for each region.
 ShmmHeap* GetSourceHeap();
 
+/// Whether `mapping_name` is that of a temp file which this process has made and not ended.
+bool IsMappingOfOwnFile(const RWCString& mapping_name);
+
 /// Retires the blocks of all heaps of the process, in a forked child.
 void RetireInheritedBlocks();
 
@@ -295,6 +298,9 @@ public:
 
     /// Ends the block's file, which counts no more, also if it couldn't be deleted.
     int destroy_element(Block* block) override;
+
+    /// Whether `name` is the mapping's name of one of the living temp files.
+    bool HasMapping(const RWCString& name) const;
 
     virtual FileInfo* create_file(RWCString name, unsigned int size) = 0;
     virtual Block* create_block(FileInfo* file) = 0;

@@ -2,6 +2,7 @@
 
 #include "Fibrex/WindowUnixMutex.h"
 #include "Platform/KeepErrno.h"
+#include "Platform/PlainDecimals.h"
 #include "Platform/Platform.h"
 
 #include <algorithm>
@@ -256,6 +257,7 @@ void translate(char* format) noexcept
 
 void format_line(Line& line, const char* format, va_list arguments) noexcept
 {
+    const PlainDecimals plain;
     char copy[kMostText];
     const std::size_t size = std::strlen(format) + 1;
     if (size > sizeof copy)

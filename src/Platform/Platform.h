@@ -239,10 +239,17 @@ public:
     /// only trims whole processes need not read them. Mappings and contents stay.
     virtual bool TrimWorkingSet(Views& views) = 0;
 
-    /// What a failed allocation asks for help. `size` is what was asked for, 0 if that can't be
-    /// known; `reported` tells that an earlier call for the same failure has said all there is to
-    /// say. Returns not 0 for another try, or throws std::bad_alloc.
-    using AllocationHandler = int (*)(std::size_t size, bool reported);
+    /// An allocation of this thread that has failed.
+    struct FailedAllocation {
+        std::size_t size; ///< what was asked for, in bytes; 0 if that can't be known
+        bool reported;    ///< an earlier call for the same failure has said all there is to say
+        std::uint64_t&
+            mark; ///< the thread's own, 0 at first: what the handler left there last time
+    };
+
+    /// What a failed allocation asks for help. Returns not 0 for another try, or throws
+    /// std::bad_alloc.
+    using AllocationHandler = int (*)(const FailedAllocation& failed);
 
     /// Has `handler` called, from now on, whenever an allocation of this process fails, on the
     /// thread that failed and as long as it asks for another try. A failure inside the handler

@@ -1,5 +1,6 @@
 #include "Zor/Zor_MemoryDetails.h"
 
+#include "Platform/PlainDecimals.h"
 #include "Platform/Platform.h"
 #include "Zor/Zor_System.h"
 
@@ -33,6 +34,7 @@ public:
     void Add(const char* format, auto... arguments)
     {
         const std::size_t left = sizeof m_text - m_size;
+        const PlainDecimals plain;
         const int wanted = std::snprintf(m_text + m_size, left, format, arguments...);
         m_size += std::min(left - 1, static_cast<std::size_t>(std::max(wanted, 0)));
     }

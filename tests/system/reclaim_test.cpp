@@ -12,12 +12,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <malloc.h>
 #include <map>
 #include <new>
+#include <thread>
 
 namespace
 {
@@ -157,6 +159,30 @@ CHILD_TEST(Reclaim, KeepsTheContractOfAFailureAndTheCacheWhereItCannotHelp, Unde
         return log.Count(2, "clear_cache_handler|\tTried to allocate: 901") == 1 ? 0 : 2;
     }
     return 3;
+}
+
+CHILD_TEST(Reclaim, HelpsAllThreadsThatRunOutTogether, UnderLimit)
+{
+    LogCapture quiet(3);
+    FullCache cache(400);
+    for (unsigned round = 0; round < 10; ++round) {
+        std::atomic<int> ready = 0, helped = 0;
+        std::vector<std::jthread> threads;
+        for (int thread = 0; thread < 4; ++thread)
+            threads.emplace_back([&] {
+                for (++ready; ready < 4;) {
+                }
+                void* const memory = std::malloc(70 * kMB);
+                helped += memory != nullptr ? 1 : 0;
+                for (++ready; ready < 8;) {
+                }
+                std::free(memory);
+            });
+        threads.clear();
+        CHILD_CHECK(helped == 4);
+        CHILD_CHECK(cache.Whole()); // and full again
+    }
+    return 0;
 }
 
 /// Whether a failure was mended: of malloc, or of operator new without malloc's being asked.

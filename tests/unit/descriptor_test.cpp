@@ -5,6 +5,7 @@
 #include "Mem/Mem_ShmmHeap.h"
 #include "Platform/Platform.h"
 #include "Zor/Zor_Buffer.h"
+#include "support/Children.h"
 #include "support/FailingNew.h"
 #include "support/Footprint.h"
 #include "support/Mem_TestAccess.h"
@@ -161,6 +162,23 @@ TEST_F(Descriptors, ComeBackToTheirMakerInVain)
     for (MEM_MemPager* by : pagers)
         EXPECT_FALSE(Adopt(*by, out.Bytes()).IsValid());
     EXPECT_FALSE(pagers[0]->Register(*piece.GetMemInfoPtr()).IsValid());
+}
+
+CHILD_TEST(Descriptor, ComesBackToItsMakerTooLate, InChild)
+{
+    const LogCapture log(3);
+    MEM_MemPager* const pager = MEM_MemPager::GetHandle();
+    MEM_MemoryConfiguration::GetInstance()->SetSwapMaxSizeInMb(0); // regions of one temp file
+    MEM_PagerInfo freed, kept;
+    CHILD_CHECK(pager->Allocate(10 << 20, &freed, 0) == 0);
+    CHILD_CHECK(pager->Allocate(10 << 20, &kept, 0) == 0);
+    Zor_oBuffer out;
+    pager->StreamMemInfo(freed, out);
+    pager->Free(freed);
+    CHILD_CHECK(!Adopt(*pager, out.Bytes()).IsValid());
+    CHILD_CHECK(log.Count(3, "MEM_MemPager::Register|Register: Refused a descriptor: this process "
+                             "made the memory") == 1);
+    return pager->Free(kept);
 }
 
 TEST_F(Descriptors, LeaveNothingWhenMemoryFailsOnTheWay)

@@ -11,6 +11,9 @@
 
 #include <gtest/gtest.h>
 
+#include <iomanip>
+#include <iostream>
+#include <locale>
 #include <set>
 #include <sstream>
 
@@ -36,6 +39,30 @@ protected:
     std::unique_ptr<MEM_MemPager> pager = Mem_TestAccess::MakePager(&heap);
 };
 
+TEST_F(Pagers, PrintPlainDecimalsOnWhateverStreamTheHostHas)
+{
+    struct Commas : std::numpunct<char> {
+        char do_thousands_sep() const override { return ','; }
+        std::string do_grouping() const override { return "\3"; }
+    };
+    const MEM_PagerInfo info = Piece(70000);
+    std::ostringstream out;
+    std::streambuf* const before = std::cout.rdbuf(out.rdbuf());
+    const std::locale language = std::cout.imbue({std::locale(), new Commas});
+    std::cout << std::hex << std::setfill('*');
+    std::cout.width(30);
+    const LogCapture quiet(2);
+    pager->PrintDebugStatus();
+    EXPECT_NE(out.str().find("Total Mapped = 70000 "), std::string::npos) << out.str();
+    EXPECT_EQ(std::cout.width(), 30);
+    out.str("");
+    std::cout << 70000; // as the host had it
+    EXPECT_EQ(out.str(), "************************11,170");
+    std::cout << std::dec << std::setfill(' ');
+    std::cout.imbue(language);
+    std::cout.rdbuf(before);
+}
+
 TEST_F(Pagers, RefuseWhatCannotBe)
 {
     LogCapture log(5);
@@ -45,6 +72,14 @@ TEST_F(Pagers, RefuseWhatCannotBe)
     EXPECT_TRUE(!info.IsValid() && info.GetAllocatedSize() == 1000 && info.Block() == -1);
     EXPECT_EQ(info.Map() + info.Unmap() + info.Cache() + pager->Free(info), -3);
     EXPECT_EQ(info.ReleaseIfUnmapped(true, true), MEM_INVALID);
+
+    for (const bool with_piece : {false, true}) {
+        log.Clear();
+        MEM_MemInfo piece;
+        MEM_PagerInfo(12345, pager.get(), with_piece ? &piece : nullptr, false).Release();
+        EXPECT_EQ(log.Count(3, "MEM_PagerInfo::Release|"), with_piece ? 1 : 0);
+    }
+    log.Clear();
 
     // Far beyond the machine: the platform refuses, and both tries are told of.
     for (const unsigned size : {1u << 30, (1u << 30) + 1, 4294967295u}) {

@@ -3,6 +3,7 @@
 #include "Platform/Posix/Scoped.h"
 
 #include <atomic>
+#include <cstdint>
 #include <new>
 #include <utility>
 
@@ -14,9 +15,10 @@ constinit std::atomic<Platform::AllocationHandler> allocation_handler{nullptr};
 /// What is going on in a thread that ran out of memory. The model keeps the first touch in a
 /// thread from allocating.
 struct Trouble {
-    bool inside = false;   ///< in the handler
-    bool reported = false; ///< malloc's failure was told; operator new may be about to follow
-    std::size_t size = 0;  ///< what malloc was asked for then
+    bool inside = false;    ///< in the handler
+    bool reported = false;  ///< malloc's failure was told; operator new may be about to follow
+    std::size_t size = 0;   ///< what malloc was asked for then
+    std::uint64_t mark = 0; ///< the handler's
 };
 [[gnu::tls_model("initial-exec")]] constinit thread_local Trouble trouble;
 
@@ -29,7 +31,7 @@ bool ask_handler(std::size_t size, bool reported) noexcept
     trouble.inside = true;
     bool again = false;
     try {
-        again = handler(size, reported) != 0;
+        again = handler({size, reported, trouble.mark}) != 0;
     } catch (...) {
         again = false; // it gave up, as std::bad_alloc tells
     }
