@@ -20,6 +20,7 @@
 #define FIBREX_CAPABILITY(name) FIBREX_ATTRIBUTE(capability(name))
 #define FIBREX_SCOPED_CAPABILITY FIBREX_ATTRIBUTE(scoped_lockable)
 #define FIBREX_GUARDED_BY(mutex) FIBREX_ATTRIBUTE(guarded_by(mutex))
+#define FIBREX_PT_GUARDED_BY(mutex) FIBREX_ATTRIBUTE(pt_guarded_by(mutex))
 #define FIBREX_REQUIRES(...) FIBREX_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define FIBREX_ACQUIRE(...) FIBREX_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define FIBREX_TRY_ACQUIRE(...) FIBREX_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))

@@ -132,7 +132,7 @@ protected:
 
 private:
     friend struct Mem_TestAccess;
-    friend class MEM_MemPager;
+    friend class Mem_Blocks;
 
     int m_block_id = -1; // the pager's id for a region that it has made
 };

@@ -2,9 +2,8 @@
 #define MEM_MEMPAGER_H
 
 #include "Fibrex/WindowUnixMutex.h"
-#include "Mem/Mem_BlockTable.h"
-#include "Mem/Mem_FifoQueue.h"
 #include "Mem/Mem_MemPagerInfo.h"
+#include "Mem/Mem_Status.h"
 #include "Rw/RWBoundsErr.h"
 #include "Rw/RWCString.h"
 #include "mempager_export.h"
@@ -13,28 +12,14 @@
 #include <bitset>
 #include <cstddef>
 #include <cstdint>
-#include <iosfwd>
-#include <unordered_map>
+#include <memory>
 
-class BaseMapInfo;
 class MEM_MemInfo;
+class Mem_Counter;
+class Mem_ForkGuard;
 class ShmmHeap;
-class Zor_PerformanceCounterData;
 class Zor_oBuffer;
-struct Zor_OSMemoryInfo;
-
-/// What a pager holds at one moment. `total_mapped` includes `total_cached`: what clients have
-/// mapped is the difference of the two.
-struct Mem_Status {
-    int blocks_count = 0;                       ///< living blocks
-    int local_blocks_count = 0;                 ///< those that this process made
-    unsigned long long foreign_blocks_size = 0; ///< bytes
-    unsigned long long foreign_pieces_size = 0; ///< bytes
-    unsigned long long local_blocks_size = 0;   ///< bytes
-    unsigned long long local_pieces_size = 0;   ///< bytes
-    unsigned long long total_cached = 0;        ///< bytes of views that wait in the cache
-    unsigned long long total_mapped = 0;        ///< bytes of all views
-};
+struct RegisteredBlock;
 
 /// The object that all memory of the library is obtained from.
 ///
@@ -176,15 +161,12 @@ private:
     friend class Mem_MemFragmentsAllocator;
     friend struct Mem_ProcessPager;
 
-    struct NameHash {
-        std::size_t operator()(const RWCString& name) const { return name.hash(); }
-    };
+    /// The source of the log's lines, in whichever file they are written.
+    static constexpr char zor_log_source[] = "src/Mem/Mem_MemPager";
 
-    class NextBlock;
-    class ForeignOwner;
-    class BlockViews;
+    /// What the pager keeps, by what it belongs to; docs/architecture.md shows the rooms.
+    struct Rooms;
     class MappedSoFar;
-    struct ForkLocks;
 
     /// Where one of the process's two pagers is found; good also when that has ended.
     struct ProcessSlot {
@@ -200,6 +182,15 @@ private:
     MEM_MemPager();
     explicit MEM_MemPager(ShmmHeap* heap);
 
+    // Life
+    static MEM_MemPager* publish(MEM_MemPager& pager, ProcessSlot& slot) FIBREX_REQUIRES(mutex);
+    void end();
+    void close_down() FIBREX_REQUIRES(mutex);
+    bool HasEnded() const { return m_ended; }
+    static Mem_ForkGuard& fork_guard();
+    static bool guard_forks();
+    static void after_fork_in_child();
+
     // Registration
     MEM_MemInfo* allocate_piece(unsigned int size, unsigned int alignment,
                                 unsigned int always_mapped, unsigned int group_id)
@@ -207,19 +198,17 @@ private:
     MEM_MemInfo* ask_heap(unsigned int size, unsigned int alignment, unsigned int always_mapped,
                           unsigned int group_id) FIBREX_REQUIRES(mutex);
     void report_refused_piece(unsigned int size) FIBREX_REQUIRES(mutex);
+    int register_or_give_back(MEM_MemInfo* piece, MEM_PagerInfo* out) FIBREX_REQUIRES(mutex);
     void give_back(MEM_MemInfo* piece) FIBREX_REQUIRES(mutex);
     int internal_register(MEM_MemInfo& info, MEM_PagerInfo* out) FIBREX_REQUIRES(mutex);
-    int find_local_block(const BaseMapInfo& owner) const FIBREX_REQUIRES(mutex);
     int register_local(MEM_MemInfo& info) FIBREX_REQUIRES(mutex);
     int register_on_block(int id, MEM_MemInfo& info) FIBREX_REQUIRES(mutex);
     int register_new_block(MEM_MemInfo& info) FIBREX_REQUIRES(mutex);
     int register_foreign(MEM_MemInfo& info, MEM_PagerInfo* out) FIBREX_REQUIRES(mutex);
+    int register_foreign_piece(MEM_MemInfo& info, MEM_MemInfo& piece) FIBREX_REQUIRES(mutex);
     int register_foreign_block(MEM_MemInfo& info, MEM_MemInfo& piece) FIBREX_REQUIRES(mutex);
-    bool makes_locally(const RWCString& name) const;
-    const char* fault_of(MEM_MemInfo& info) const FIBREX_REQUIRES(mutex);
-    void free_piece(MEM_MemInfo* piece, bool local) FIBREX_REQUIRES(mutex);
-    void forget_block(int id, RegisteredBlock& block, const RWCString& name) FIBREX_REQUIRES(mutex);
-    void release_owner(BaseMapInfo* owner, RWCString name) FIBREX_REQUIRES(mutex);
+    bool made_here(MEM_MemInfo& info) const FIBREX_REQUIRES(mutex);
+    bool has_local_block(const RWCString& name) const FIBREX_REQUIRES(mutex);
 
     // Mapping, reached from the handles
     int Map(MEM_PagerInfo& info);
@@ -227,50 +216,23 @@ private:
     int Cache(MEM_PagerInfo& info);
     int MapWithoutLocks(MEM_PagerInfo& info) FIBREX_REQUIRES(mutex);
     int UnmapWithoutLocks(MEM_PagerInfo& info) FIBREX_REQUIRES(mutex);
-
-    int private_map(RegisteredBlock* block, bool add_ref, bool try_clear) FIBREX_REQUIRES(mutex);
-    int map_after_clearing(RegisteredBlock* block) FIBREX_REQUIRES(mutex);
-    unsigned int unmap_block(RegisteredBlock* block) FIBREX_REQUIRES(mutex);
-    unsigned int drop_view(RegisteredBlock* block) FIBREX_REQUIRES(mutex);
-    bool evict_at_least(unsigned int needed, Zor_PerformanceCounterData* to_shared)
-        FIBREX_REQUIRES(mutex);
-    void enter_cache(int id, RegisteredBlock& block) FIBREX_REQUIRES(mutex);
-    void leave_cache(int id, RegisteredBlock& block) FIBREX_REQUIRES(mutex);
-    unsigned long long client_mapped() const FIBREX_REQUIRES(mutex)
-    {
-        return m_total_mapped - m_total_cached;
-    }
-
-    // Life
-    static MEM_MemPager* publish(MEM_MemPager& pager, ProcessSlot& slot) FIBREX_REQUIRES(mutex);
-    void end();
-    void close_down() FIBREX_REQUIRES(mutex);
-    bool HasEnded() const { return m_ended; }
-    static bool guard_forks();
-    static void before_fork();
-    static void after_fork_in_parent();
-    static void after_fork_in_child();
+    int private_map(RegisteredBlock& block, bool try_clear) FIBREX_REQUIRES(mutex);
+    int map_after_clearing(RegisteredBlock& block) FIBREX_REQUIRES(mutex);
+    int report_refused_map(const RegisteredBlock& block) FIBREX_REQUIRES(mutex);
+    Mem_Counter counter_of_map(const RegisteredBlock& block) FIBREX_REQUIRES(mutex);
+    void keep_or_drop(int id, RegisteredBlock& block) FIBREX_REQUIRES(mutex);
 
     // Reclaim
     static void set_new_memory_handler() FIBREX_REQUIRES(mutex);
     static int clear_cache_handler(std::size_t size, bool reported, std::uint64_t& mark);
-    static bool was_helped(std::uint64_t& mark);
+    static unsigned long long clear_pagers(bool reported) FIBREX_REQUIRES(mutex);
     static unsigned long long clear_for_handler(MEM_MemPager* pager, bool reported);
+    static bool was_helped(std::uint64_t& mark);
     static void report_exhaustion(std::size_t size) FIBREX_REQUIRES(mutex);
 
     // Diagnostics
-    Zor_PerformanceCounterData* get_mem_counter(const RWCString& name);
-    void report_shared_memory() FIBREX_REQUIRES(mutex);
-    void write_dump_record(std::ostream& dump, const Zor_OSMemoryInfo& machine)
-        FIBREX_REQUIRES(mutex);
     static void print_virtual_memory_status() FIBREX_REQUIRES(mutex);
-    static void report_address_space();
-    static void print_usage(MEM_MemPager* pager);
-    void debug_print_status() FIBREX_REQUIRES(mutex);
 
-    /// Compares tables, counts, queue and totals with each other. @return what is broken, as a
-    /// text; null if all holds.
-    const char* broken_invariant() const FIBREX_REQUIRES(mutex);
     void check_invariants() const FIBREX_REQUIRES(mutex);
 
     static WindowUnixMutex mutex;
@@ -278,33 +240,13 @@ private:
     static ProcessSlot s_general;
     static ProcessSlot s_second;
     static std::atomic<bool> s_single_handle;
-    static std::atomic<std::uint64_t> s_clearings; // that gave something back
-    static ForkLocks s_fork_locks;
+    static std::atomic<std::uint64_t> s_clearings; ///< that gave something back
     static const bool s_forks_are_guarded;
     static bool s_new_handler_handled FIBREX_GUARDED_BY(mutex);
 
-    static const RWCString ALLOCATE_COUNTER_NAME;
-    static const RWCString CACHE_COUNTER_NAME;
-    static const RWCString CLEAR_CACHE_COUNTER_NAME;
-    static const RWCString MAP_FROM_CACHE_COUNTER_NAME;
-    static const RWCString MAP_FROM_SHARED_COUNTER_NAME;
-    static const RWCString UNMAP_TO_CACHE_COUNTER_NAME;
-    static const RWCString UNMAP_TO_SHARED_COUNTER_NAME;
-
-    Mem_BlockTable m_blocks FIBREX_GUARDED_BY(mutex);
-    MEM_FifoQueue m_cache_queue FIBREX_GUARDED_BY(mutex);
-    std::unordered_map<RWCString, int, NameHash> m_block_ids FIBREX_GUARDED_BY(mutex);
-    ShmmHeap* m_heap;
-    unsigned long long m_local_blocks_size FIBREX_GUARDED_BY(mutex) = 0;
-    unsigned long long m_local_pieces_size FIBREX_GUARDED_BY(mutex) = 0;
-    unsigned long long m_foreign_blocks_size FIBREX_GUARDED_BY(mutex) = 0;
-    unsigned long long m_foreign_pieces_size FIBREX_GUARDED_BY(mutex) = 0;
-    unsigned long long m_total_mapped FIBREX_GUARDED_BY(mutex) = 0;
-    unsigned long long m_total_cached FIBREX_GUARDED_BY(mutex) = 0;
-    int m_blocks_count FIBREX_GUARDED_BY(mutex) = 0;
+    const std::unique_ptr<Rooms> m_rooms FIBREX_PT_GUARDED_BY(mutex);
+    ShmmHeap* const m_heap; ///< not owned
     bool m_stripe_held[MEM_PagerInfo::kStripes] FIBREX_GUARDED_BY(mutex_vec) = {};
-    unsigned long long m_unmapped_since_trim FIBREX_GUARDED_BY(mutex) = 0;
-    bool m_counters_on = false;
     std::atomic<bool> m_ended = false; ///< the process ends: every operation is refused
 };
 
@@ -319,12 +261,13 @@ private:
 /// concern only pieces of the outer one's handles: any other would be locked against the order
 /// that keeps threads from waiting for each other. In a child forked inside a guard, pieces that
 /// other threads were mapping at that moment may be left half mapped.
-class MEMPAGER_EXPORT Mem_PagerInfoVecLockGuard
+class FIBREX_SCOPED_CAPABILITY MEMPAGER_EXPORT Mem_PagerInfoVecLockGuard
 {
 public:
     /// Takes the locks of `count` handles of `pager`; of none for a count of 0 or less.
-    Mem_PagerInfoVecLockGuard(MEM_MemPager* pager, MEM_PagerInfo** infos, int count);
-    ~Mem_PagerInfoVecLockGuard();
+    Mem_PagerInfoVecLockGuard(MEM_MemPager* pager, MEM_PagerInfo** infos, int count)
+        FIBREX_ACQUIRE(MEM_MemPager::mutex_vec, MEM_MemPager::mutex);
+    ~Mem_PagerInfoVecLockGuard() FIBREX_RELEASE();
 
     Mem_PagerInfoVecLockGuard(const Mem_PagerInfoVecLockGuard&) = delete;
     Mem_PagerInfoVecLockGuard& operator=(const Mem_PagerInfoVecLockGuard&) = delete;
@@ -332,8 +275,8 @@ public:
 private:
     friend struct Mem_TestAccess;
 
-    void take_stripes();
-    void release_stripes();
+    void take_stripes() FIBREX_REQUIRES(MEM_MemPager::mutex_vec);
+    void release_stripes() FIBREX_REQUIRES(MEM_MemPager::mutex_vec);
 
     MEM_MemPager* m_pager;
     MEM_PagerInfo** m_infos;

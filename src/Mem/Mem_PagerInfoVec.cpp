@@ -1,9 +1,6 @@
+#include "Mem/Mem_LocksByHand.h"
 #include "Mem/Mem_MemPager.h"
 
-// The analysis can't follow locks that are chosen at run time.
-#define MEM_LOCKS_BY_HAND FIBREX_NO_THREAD_SAFETY_ANALYSIS
-
-MEM_LOCKS_BY_HAND
 Mem_PagerInfoVecLockGuard::Mem_PagerInfoVecLockGuard(MEM_MemPager* pager, MEM_PagerInfo** infos,
                                                      int count)
     : m_pager(pager), m_infos(infos), m_count(count)
@@ -13,7 +10,6 @@ Mem_PagerInfoVecLockGuard::Mem_PagerInfoVecLockGuard(MEM_MemPager* pager, MEM_Pa
     MEM_MemPager::mutex.CatchMutex();
 }
 
-MEM_LOCKS_BY_HAND
 Mem_PagerInfoVecLockGuard::~Mem_PagerInfoVecLockGuard()
 {
     MEM_MemPager::mutex.ReleaseMutex();
@@ -24,7 +20,6 @@ Mem_PagerInfoVecLockGuard::~Mem_PagerInfoVecLockGuard()
 // A stripe that several handles share, or that a guard around this one holds, is taken once. They
 // are taken by rising number: `mutex_vec` lets one thread at a time take several, and this order
 // would be safe without it.
-MEM_LOCKS_BY_HAND
 void Mem_PagerInfoVecLockGuard::take_stripes()
 {
     for (int i = 0; i < m_count; ++i)
@@ -33,19 +28,18 @@ void Mem_PagerInfoVecLockGuard::take_stripes()
         m_taken[stripe] = m_taken[stripe] && !m_pager->m_stripe_held[stripe];
         if (!m_taken[stripe])
             continue;
-        MEM_PagerInfo::mutex[stripe].CatchMutex();
+        TakeByHand(MEM_PagerInfo::mutex[stripe]);
         m_pager->m_stripe_held[stripe] = true;
     }
 }
 
-MEM_LOCKS_BY_HAND
 void Mem_PagerInfoVecLockGuard::release_stripes()
 {
     for (std::size_t stripe = 0; stripe < m_taken.size(); ++stripe) {
         if (!m_taken[stripe])
             continue;
         m_pager->m_stripe_held[stripe] = false;
-        MEM_PagerInfo::mutex[stripe].ReleaseMutex();
+        ReleaseByHand(MEM_PagerInfo::mutex[stripe]);
     }
 }
 

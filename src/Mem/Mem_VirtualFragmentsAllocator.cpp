@@ -1,7 +1,7 @@
 #include "Mem/Mem_VirtualFragmentsAllocator.h"
 
 #include "Mem/Mem_FragmentsResize.h"
-#include "Mem/Mem_LastWords.h"
+#include "Mem/Mem_Reports.h"
 #include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
 
@@ -23,8 +23,7 @@ void report_exhaustion(const char* function, ReportRequest report_request)
     ZOR_LOG(function, 3,
             "Either a memory leak occurred, or too much memory is allocated. See details below:\n");
     report_request();
-    ReportAddressSpace("src/Mem/Mem_VirtualFragmentsAllocator", function, nullptr);
-    TraceCallsIfWanted();
+    ReportAddressSpaceOf("src/Mem/Mem_VirtualFragmentsAllocator", function);
 }
 
 /// `size` bytes, or null after a report.

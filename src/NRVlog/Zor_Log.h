@@ -11,10 +11,14 @@
 ///
 /// The arguments are evaluated only if the line is wanted. A format that they don't fit, in
 /// number or in kind, doesn't compile; zor_log::Takes tells which conversion takes what.
+///
+/// The line's source is what the name zor_log_source stands for where the line is written: the file
+/// itself, unless a class or a function has a text of that name, such as "src/Mem/Mem_MemPager".
+/// So code that moves to a file of its own can keep its lines' source.
 #define ZOR_LOG(function, level, ...)                                                              \
     do {                                                                                           \
-        static constexpr auto zor_log_source = ::zor_log::SourceName(__FILE__);                    \
-        const ::zor_log::Site zor_log_site{zor_log_source.text, function, __LINE__, level};        \
+        static constexpr auto zor_log_name = ::zor_log::SourceOf(zor_log_source, __FILE__);        \
+        const ::zor_log::Site zor_log_site{zor_log_name.text, function, __LINE__, level};          \
         if (zor_log_site.Wanted())                                                                 \
             ::zor_log::Write(zor_log_site, __VA_ARGS__);                                           \
     } while (false)
@@ -61,6 +65,26 @@ consteval Text<N> SourceName(const char (&file)[N])
     Text<N> name;
     for (std::size_t at = begin; at < end; ++at)
         name.text[at - begin] = IsSeparator(path[at]) ? '/' : path[at];
+    return name;
+}
+
+/// Stands for the file that a line is written in.
+struct ThisFile {
+};
+
+template <std::size_t N>
+consteval Text<N> SourceOf(ThisFile, const char (&file)[N])
+{
+    return SourceName(file);
+}
+
+/// A source that was named.
+template <std::size_t M, std::size_t N>
+consteval Text<M> SourceOf(const char (&named)[M], const char (&)[N])
+{
+    Text<M> name;
+    for (std::size_t at = 0; at < M; ++at)
+        name.text[at] = named[at];
     return name;
 }
 
@@ -163,5 +187,7 @@ void Write(const Site& site, Format<std::type_identity_t<A>...> format, A... arg
 }
 
 } // namespace zor_log
+
+inline constexpr zor_log::ThisFile zor_log_source;
 
 #endif

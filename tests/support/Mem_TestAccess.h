@@ -6,6 +6,7 @@
 #include "Mem/Mem_FifoQueue.h"
 #include "Mem/Mem_MemFragmentsAllocator.h"
 #include "Mem/Mem_MemPager.h"
+#include "Mem/Mem_PagerRooms.h"
 #include "Mem/Mem_ShmmHeap.h"
 #include "Mem/Mem_SlotTable.h"
 #include "Mem/Mem_VirtualFragmentsAllocator.h"
@@ -44,16 +45,16 @@ struct Mem_TestAccess {
     static const char* Broken(const MEM_MemPager& pager)
     {
         WindowUnixGuard lock(&MEM_MemPager::mutex);
-        return pager.broken_invariant();
+        return pager.m_rooms->Broken();
     }
     static const Mem_BlockTable& Blocks(MEM_MemPager& pager) FIBREX_NO_THREAD_SAFETY_ANALYSIS
     {
-        return pager.m_blocks;
+        return pager.m_rooms->blocks.Table();
     }
     static std::vector<int> QueueOrder(MEM_MemPager& pager) FIBREX_NO_THREAD_SAFETY_ANALYSIS
     {
         std::vector<int> order;
-        MEM_FifoQueue& queue = pager.m_cache_queue;
+        MEM_FifoQueue& queue = pager.m_rooms->views.m_cache_queue;
         for (auto at = queue.m_read; !(at == queue.m_write); at.StepForward())
             if (queue.m_ring[at.position] >= 0)
                 order.push_back(queue.m_ring[at.position]);

@@ -1,0 +1,30 @@
+#ifndef MEM_PAGERROOMS_H
+#define MEM_PAGERROOMS_H
+
+#include "Mem/Mem_Blocks.h"
+#include "Mem/Mem_FirstBreak.h"
+#include "Mem/Mem_ForeignOwners.h"
+#include "Mem/Mem_MemPager.h"
+#include "Mem/Mem_PagerCounters.h"
+#include "Mem/Mem_Views.h"
+
+/// What a pager keeps. Each room is the only writer of what belongs to it and checks itself.
+struct MEM_MemPager::Rooms {
+    explicit Rooms(const MEM_MemPager* pager) : views(blocks.Table()), foreign(pager) {}
+
+    /// @return what is broken first, as a text; null if all holds.
+    const char* Broken() const
+    {
+        Mem_FirstBreak check;
+        check.Expect(blocks.Broken());
+        check.Expect(views.Broken());
+        return check.What();
+    }
+
+    Mem_Blocks blocks;
+    Mem_Views views;
+    Mem_ForeignOwners foreign;
+    Mem_PagerCounters counters;
+};
+
+#endif
