@@ -10,17 +10,17 @@
 
 namespace
 {
-bool is_held(const RegisteredBlock& block)
+[[maybe_unused]] bool is_held(const RegisteredBlock& block)
 {
     return block.stat == RegisteredBlock::kMapped && block.m_ref > 0;
 }
 
-bool is_let_go(const RegisteredBlock& block)
+[[maybe_unused]] bool is_let_go(const RegisteredBlock& block)
 {
     return block.stat == RegisteredBlock::kMapped && block.m_ref == 0;
 }
 
-bool is_open(const RegisteredBlock& block)
+[[maybe_unused]] bool is_open(const RegisteredBlock& block)
 {
     return block.stat == RegisteredBlock::kUnmapped && Mem_Views::HasView(block);
 }
