@@ -47,11 +47,17 @@ std::string last_part(const std::string& path)
     return path.substr(path.rfind(Platform::Get().PathSeparator()) + 1);
 }
 
-/// Whether a name is, or ends in, one that the library gives.
-bool has_form(const std::string& name)
+RWCString first_part_of_temp_files()
 {
-    const std::size_t at = name.find(BaseMapInfo::s_BlockPrefix);
-    return at != name.npos && BaseMapInfo::IsUniqueName(name.c_str() + at);
+    return MEM_MemoryConfiguration::GetInstance()->FileHeap_TempFileName();
+}
+
+/// Whether a name is one that the library gives to what is of that kind.
+bool has_form(const std::string& name, Kind kind)
+{
+    return kind == Kind::TempFile
+               ? BaseMapInfo::IsTempFileName(name.c_str(), first_part_of_temp_files())
+               : BaseMapInfo::IsUniqueName(name.c_str());
 }
 
 /// Who made what bears the path, by its name; 0 if that can't be a process.
@@ -91,7 +97,7 @@ Entry entry_for(const std::string& path, Kind kind, const Facts& facts)
     entry.is_own = facts.is_own;
     entry.may_remove = facts.may_remove;
     entry.age = facts.age;
-    if (facts.kind != Facts::Kind::Plain || !has_form(last_part(path)))
+    if (facts.kind != Facts::Kind::Plain || !has_form(last_part(path), kind))
         return entry;
     entry.kind = kind;
     entry.state = state_of(facts.mark);
@@ -145,8 +151,7 @@ public:
 private:
     static std::string temp_file_prefix()
     {
-        return text_of(MEM_MemoryConfiguration::GetInstance()->FileHeap_TempFileName()) +
-               BaseMapInfo::s_BlockPrefix;
+        return text_of(first_part_of_temp_files()) + BaseMapInfo::s_BlockPrefix;
     }
 
     bool may_list(const std::string& folder)
@@ -173,7 +178,7 @@ private:
             const std::string path = joined(folder, name);
             if (!m_platform.Inspect(path.c_str(), facts))
                 continue; // it has gone meanwhile
-            if (facts.kind == Facts::Kind::Link && kind == Kind::Region && has_form(name))
+            if (facts.kind == Facts::Kind::Link && kind == Kind::Region && has_form(name, kind))
                 add_link(path, facts);
             else
                 add(entry_for(path, kind, facts));

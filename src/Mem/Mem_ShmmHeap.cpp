@@ -463,7 +463,8 @@ int File_ShmmHeap::create_result_element(unsigned int size, Block** result,
             refuse_file("temp files of less than %llu MB, where one of %llu MB is due", 4096, mb);
         return -1;
     }
-    const RWCString name = m_temp_path + m_temp_file_name + BaseMapInfo::CreateUniqueName();
+    const RWCString name =
+        m_temp_path + BaseMapInfo::TempFileName(m_temp_file_name, BaseMapInfo::CreateUniqueName());
     std::unique_ptr<FileInfo> file(create_file(name, bytes));
     const int failure = file->AllocateFile();
     if (failure != 0)

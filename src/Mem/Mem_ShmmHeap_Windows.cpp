@@ -271,7 +271,11 @@ class Windows_File_ShmmHeap::Leftovers final : public Platform::Names
 {
 public:
     explicit Leftovers(Windows_File_ShmmHeap& heap) : m_heap(heap) {}
-    void Take(const char* name) override { m_heap.delete_file(m_heap.m_temp_path + name); }
+    void Take(const char* name) override
+    {
+        if (BaseMapInfo::IsTempFileName(name, m_heap.m_temp_file_name)) // all others are a user's
+            m_heap.delete_file(m_heap.m_temp_path + name);
+    }
 
 private:
     Windows_File_ShmmHeap& m_heap;

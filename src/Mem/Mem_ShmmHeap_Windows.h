@@ -129,8 +129,9 @@ public:
     FileInfo* create_file(RWCString name, unsigned int size) override;
     Block* create_block(FileInfo* file) override;
 
-    /// Looks through the temp folder for files that begin with the temp file name, and deletes
-    /// those whose maker, by the process id in the name and the platform's word, is gone.
+    /// Looks through the temp folder for files whose names have the full form of a temp file's,
+    /// and deletes those whose maker, by the process id in the name and the platform's word, is
+    /// gone.
     int crash_recovery() override;
 
 private:
