@@ -2,6 +2,7 @@
 
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_MemInfo.h"
+#include "Mem/Mem_TempFolder.h"
 #include "Platform/Platform.h"
 
 #include <algorithm>
@@ -24,8 +25,9 @@ std::string text_of(const RWCString& text)
 
 std::string temp_folder_or(const char* folder)
 {
-    return folder != nullptr ? std::string(folder)
-                             : text_of(MEM_MemoryConfiguration::GetInstance()->FileHeap_TempPath());
+    const bool is_given = folder != nullptr && *folder != '\0';
+    return text_of(AbsoluteFolder(
+        is_given ? folder : MEM_MemoryConfiguration::GetInstance()->FileHeap_TempPath()));
 }
 
 /// A path with single separators, so that two of one file are equal.
@@ -131,8 +133,7 @@ class Walk
 {
 public:
     explicit Walk(const std::string& temp_folder)
-        : m_temp_folder(temp_folder.empty() ? joined("", "") : temp_folder),
-          m_mapping_folder(m_platform.MappingFolder())
+        : m_temp_folder(temp_folder), m_mapping_folder(m_platform.MappingFolder())
     {
     }
 

@@ -1,9 +1,11 @@
 #include "Mem/Mem_MemInfo.h"
+#include "Mem/Mem_NewName.h"
 #include "Platform/Platform.h"
 
 #include <algorithm>
 #include <atomic>
 #include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <string_view>
 
@@ -39,6 +41,22 @@ bool is_unique_name(std::string_view name)
            name.empty();
 }
 
+RWCString unique_name(long long number)
+{
+    Platform& platform = Platform::Get();
+    char text[256];
+    std::snprintf(text, sizeof text, "%s_%ld_%ld_%lld", BaseMapInfo::s_BlockPrefix,
+                  platform.ProcessId(), platform.ThreadId(), number);
+    return RWCString(text);
+}
+
+/// Above all that are given in turn, and of no more digits than those can have.
+long long unforeseeable_number()
+{
+    constexpr std::uint64_t least = std::uint64_t{1} << 31, end = 100'000'000'000;
+    return static_cast<long long>(least + Platform::Get().RandomNumber() % (end - least));
+}
+
 std::string_view view_of(const RWCString& text)
 {
     return {text.data(), text.length()}; // a zero in the middle is no form
@@ -59,12 +77,17 @@ int BaseMapInfo::s_unique_name_id = 0;
 
 RWCString BaseMapInfo::CreateUniqueName()
 {
-    Platform& platform = Platform::Get();
-    char text[256];
-    std::snprintf(text, sizeof text, "%s_%ld_%ld_%ld", s_BlockPrefix, platform.ProcessId(),
-                  platform.ThreadId(),
-                  static_cast<long>(std::atomic_ref(s_unique_name_id).fetch_add(1)));
-    return RWCString(text);
+    return unique_name(std::atomic_ref(s_unique_name_id).fetch_add(1));
+}
+
+bool Mem_NewName::TryAnother()
+{
+    constexpr int near_tries = 3, tries = 6;
+    if (++m_taken >= tries || Platform::Get().LastCause() != Platform::Cause::NameExists)
+        return false;
+    m_text = m_taken <= near_tries ? BaseMapInfo::CreateUniqueName()
+                                   : unique_name(unforeseeable_number());
+    return true;
 }
 
 bool BaseMapInfo::IsUniqueName(const RWCString& name)
