@@ -9,7 +9,8 @@
 struct MEM_MemoryConfiguration_FileHeapParemeters {
     static constexpr unsigned int kUnchanged = 4294967295u;
 
-    RWCString TempFilePath;                        ///< empty: unchanged
+    RWCString TempFilePath;                        ///< absolute, or of the current folder;
+                                                   ///< empty: unchanged
     unsigned int FileSizeInMb = kUnchanged;        ///< below 4096
     unsigned int MaxTotalSpaceInMb = kUnchanged;   ///< the most that all temp files may take
     unsigned int MinSpaceToLeaveInMb = kUnchanged; ///< disk space that stays free
@@ -58,7 +59,9 @@ public:
     /// First part of a temp file's name: "TempFile". An override must hold no "_".
     virtual RWCString FileHeap_TempFileName();
 
-    /// Folder of the temp files: the environment variable TEMP, or /var/tmp if that isn't set.
+    /// Folder of the temp files: the environment variable TEMP, or /var/tmp if that isn't set or
+    /// empty. A relative one is made absolute when it is set, or the object made, so that it stays
+    /// the same when the process changes its current folder.
     virtual RWCString FileHeap_TempPath();
 
     /// Size of one temp file in MB; 1024 unless set.

@@ -19,9 +19,9 @@
 /// is ever removed. Texts are bytes as the system has them, control characters and all: escape
 /// them before you show them.
 ///
-/// `temp_folder` is where to look for temp files; null stands for the configured folder, which is
-/// the environment variable TEMP or the system's own choice unless the host has set another. Only
-/// one such folder is looked at: a process with another one has its temp files there.
+/// `temp_folder` is where to look for temp files; null or "" stands for the configured one, which
+/// is the environment variable TEMP or the system's own choice unless the host has set another.
+/// Only one such folder is looked at: a process with another one has its temp files there.
 ///
 /// Threads: any, at any time; not while another thread configures the library. All operations
 /// throw std::bad_alloc, with nothing left behind.

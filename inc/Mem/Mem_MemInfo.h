@@ -115,10 +115,22 @@ public:
     /// std::bad_alloc.
     static int GetProcessIdFromUniqueName(RWCString name);
 
+    /// The same for a zero-terminated name. Allocates nothing.
+    static int GetProcessIdFromUniqueName(const char* name);
+
     /// Whether `name` has the form of a unique name, whoever made it. No region of another name is
     /// ever registered, or removed as a leftover. Allocates nothing. Threads: any.
     static bool IsUniqueName(const RWCString& name);
     static bool IsUniqueName(const char* name);
+
+    /// The name, without its folder, of the temp file that bears a unique name: that stands behind
+    /// `first_part`, the settings' FileHeap_TempFileName(). Throws std::bad_alloc. Threads: any.
+    static RWCString TempFileName(const RWCString& first_part, const RWCString& unique_name);
+
+    /// Whether `name`, without a folder, has the form that the above gives. No file of another
+    /// name is ever taken for a temp file, or removed as a leftover. Allocates nothing.
+    /// Threads: any.
+    static bool IsTempFileName(const char* name, const RWCString& first_part);
 
 protected:
     /// A stretch that was carved from `block`.

@@ -1,5 +1,6 @@
 #include "Mem/Mem_Configuration.h"
 
+#include "Mem/Mem_TempFolder.h"
 #include "NRVlog/Zor_Log.h"
 #include "Platform/Platform.h"
 
@@ -24,8 +25,7 @@ unsigned int default_cache_size_in_mb()
 
 RWCString default_temp_path()
 {
-    const char* folder = std::getenv("TEMP");
-    return RWCString(folder != nullptr ? folder : Platform::Get().DefaultTempFolder());
+    return AbsoluteFolder(std::getenv("TEMP")); // an empty one is none
 }
 
 /// The environment's word on the cache size, as it was when it was first asked for.
@@ -115,7 +115,7 @@ void MEM_MemoryConfiguration::SetFileHeapParmeters(
     MEM_MemoryConfiguration_FileHeapParemeters& params)
 {
     if (params.TempFilePath.length() != 0)
-        m_temp_path = params.TempFilePath;
+        m_temp_path = AbsoluteFolder(params.TempFilePath);
     set_unless_unchanged(m_file_size, params.FileSizeInMb);
     set_unless_unchanged(m_max_total_space, params.MaxTotalSpaceInMb);
     set_unless_unchanged(m_min_space_to_leave, params.MinSpaceToLeaveInMb);

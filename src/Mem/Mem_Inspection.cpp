@@ -2,6 +2,7 @@
 
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_MemInfo.h"
+#include "Mem/Mem_TempFolder.h"
 #include "Platform/Platform.h"
 
 #include <algorithm>
@@ -24,8 +25,9 @@ std::string text_of(const RWCString& text)
 
 std::string temp_folder_or(const char* folder)
 {
-    return folder != nullptr ? std::string(folder)
-                             : text_of(MEM_MemoryConfiguration::GetInstance()->FileHeap_TempPath());
+    const bool is_given = folder != nullptr && *folder != '\0';
+    return text_of(AbsoluteFolder(
+        is_given ? folder : MEM_MemoryConfiguration::GetInstance()->FileHeap_TempPath()));
 }
 
 /// A path with single separators, so that two of one file are equal.
@@ -47,11 +49,17 @@ std::string last_part(const std::string& path)
     return path.substr(path.rfind(Platform::Get().PathSeparator()) + 1);
 }
 
-/// Whether a name is, or ends in, one that the library gives.
-bool has_form(const std::string& name)
+RWCString first_part_of_temp_files()
 {
-    const std::size_t at = name.find(BaseMapInfo::s_BlockPrefix);
-    return at != name.npos && BaseMapInfo::IsUniqueName(name.c_str() + at);
+    return MEM_MemoryConfiguration::GetInstance()->FileHeap_TempFileName();
+}
+
+/// Whether a name is one that the library gives to what is of that kind.
+bool has_form(const std::string& name, Kind kind)
+{
+    return kind == Kind::TempFile
+               ? BaseMapInfo::IsTempFileName(name.c_str(), first_part_of_temp_files())
+               : BaseMapInfo::IsUniqueName(name.c_str());
 }
 
 /// Who made what bears the path, by its name; 0 if that can't be a process.
@@ -91,7 +99,7 @@ Entry entry_for(const std::string& path, Kind kind, const Facts& facts)
     entry.is_own = facts.is_own;
     entry.may_remove = facts.may_remove;
     entry.age = facts.age;
-    if (facts.kind != Facts::Kind::Plain || !has_form(last_part(path)))
+    if (facts.kind != Facts::Kind::Plain || !has_form(last_part(path), kind))
         return entry;
     entry.kind = kind;
     entry.state = state_of(facts.mark);
@@ -125,8 +133,7 @@ class Walk
 {
 public:
     explicit Walk(const std::string& temp_folder)
-        : m_temp_folder(temp_folder.empty() ? joined("", "") : temp_folder),
-          m_mapping_folder(m_platform.MappingFolder())
+        : m_temp_folder(temp_folder), m_mapping_folder(m_platform.MappingFolder())
     {
     }
 
@@ -145,8 +152,7 @@ public:
 private:
     static std::string temp_file_prefix()
     {
-        return text_of(MEM_MemoryConfiguration::GetInstance()->FileHeap_TempFileName()) +
-               BaseMapInfo::s_BlockPrefix;
+        return text_of(first_part_of_temp_files()) + BaseMapInfo::s_BlockPrefix;
     }
 
     bool may_list(const std::string& folder)
@@ -173,7 +179,7 @@ private:
             const std::string path = joined(folder, name);
             if (!m_platform.Inspect(path.c_str(), facts))
                 continue; // it has gone meanwhile
-            if (facts.kind == Facts::Kind::Link && kind == Kind::Region && has_form(name))
+            if (facts.kind == Facts::Kind::Link && kind == Kind::Region && has_form(name, kind))
                 add_link(path, facts);
             else
                 add(entry_for(path, kind, facts));

@@ -11,10 +11,13 @@ constinit Mem_Limits ViewLimits;
 void Mem_Limits::Met()
 {
     m_met = Platform::Get().LastLimits(m_text, sizeof m_text);
+    m_is_room = Platform::Get().LastCause() == Platform::Cause::NoRoom;
 }
 
-void Mem_Limits::MetSetting(const char* form, unsigned long long first, unsigned long long second)
+void Mem_Limits::MetSetting(const char* form, unsigned long long first, unsigned long long second,
+                            bool is_room)
 {
+    m_is_room = is_room;
     constexpr std::uint64_t not_the_platforms = std::uint64_t{1} << 63; // whose have 32 bits
     m_met = reinterpret_cast<std::uintptr_t>(form) | not_the_platforms;
     std::snprintf(m_text, sizeof m_text, form, first, second);
@@ -24,6 +27,7 @@ void Mem_Limits::Ended()
 {
     m_met = 0;
     m_told = 0;
+    m_is_room = false;
 }
 
 void Mem_Limits::Tell(const char* function)

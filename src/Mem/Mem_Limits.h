@@ -17,7 +17,12 @@ public:
 
     /// The same for a limit that the settings or this library have set. `form`, printf's for the
     /// two numbers, is a literal and stands for the limit.
-    void MetSetting(const char* form, unsigned long long first, unsigned long long second);
+    /// `is_room`: others' room could be used instead.
+    void MetSetting(const char* form, unsigned long long first, unsigned long long second,
+                    bool is_room = false);
+
+    /// Whether what was met last is that memory or a disk has no room.
+    bool IsRoom() const { return m_is_room; }
 
     /// An operation of this kind succeeded.
     void Ended();
@@ -29,6 +34,7 @@ public:
 private:
     std::uint64_t m_met = 0; ///< stands for the limits; 0 for none
     std::uint64_t m_told = 0;
+    bool m_is_room = false;
     char m_text[256] = "";
 };
 

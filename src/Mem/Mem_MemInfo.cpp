@@ -2,16 +2,9 @@
 
 #include "Mem/Mem_ShmmHeap.h"
 #include "NRVlog/Zor_Log.h"
-#include "Platform/Platform.h"
-#include "Rw/RWTokenizer.h"
 #include "Zor/Zor_Buffer.h"
 
-#include <algorithm>
-#include <atomic>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string_view>
 
 namespace
 {
@@ -22,26 +15,6 @@ unsigned int bytes_up_to_multiple(const void* pointer, unsigned int alignment)
     const auto rest =
         static_cast<unsigned int>(reinterpret_cast<std::uintptr_t>(pointer) % alignment);
     return rest == 0 ? 0 : alignment - rest;
-}
-
-/// Takes "_" and a decimal number of a sane length off a name's front.
-bool take_number(std::string_view& rest)
-{
-    if (!rest.starts_with('_'))
-        return false;
-    rest.remove_prefix(rest.substr(1).starts_with('-') ? 2 : 1);
-    const std::size_t digits = std::min(rest.find_first_not_of("0123456789"), rest.size());
-    rest.remove_prefix(digits);
-    return digits >= 1 && digits <= 20;
-}
-
-bool is_unique_name(std::string_view name)
-{
-    const std::string_view prefix = BaseMapInfo::s_BlockPrefix;
-    if (!name.starts_with(prefix))
-        return false;
-    name.remove_prefix(prefix.size());
-    return take_number(name) && take_number(name) && take_number(name) && name.empty();
 }
 } // namespace
 
@@ -77,9 +50,6 @@ void BaseInfo::SetChunk(Mem_MemoryChunk chunk)
     m_chunk = chunk;
 }
 
-const char* const BaseMapInfo::s_BlockPrefix = "NorvaneMemoryBlock";
-int BaseMapInfo::s_unique_name_id = 0;
-
 BaseMapInfo::~BaseMapInfo() = default;
 
 int BaseMapInfo::Map()
@@ -111,37 +81,6 @@ void BaseMapInfo::GetHeaderParameters(unsigned int& first, unsigned int& second)
 {
     first = 0;
     second = 0;
-}
-
-RWCString BaseMapInfo::CreateUniqueName()
-{
-    Platform& platform = Platform::Get();
-    char text[256];
-    std::snprintf(text, sizeof text, "%s_%ld_%ld_%ld", s_BlockPrefix, platform.ProcessId(),
-                  platform.ThreadId(),
-                  static_cast<long>(std::atomic_ref(s_unique_name_id).fetch_add(1)));
-    return RWCString(text);
-}
-
-int BaseMapInfo::GetProcessIdFromUniqueName(RWCString name)
-{
-    const std::string_view path(name.data(), name.length());
-    const std::size_t separator = path.find_last_of("/\\");
-    const std::size_t begin = separator == path.npos ? 0 : separator + 1;
-    const RWCString file = name(begin, name.length() - begin);
-    RWCTokenizer next(file);
-    next("_");
-    return std::atoi(RWCString(next("_")).data());
-}
-
-bool BaseMapInfo::IsUniqueName(const RWCString& name)
-{
-    return is_unique_name({name.data(), name.length()}); // a zero in the middle is no form
-}
-
-bool BaseMapInfo::IsUniqueName(const char* name)
-{
-    return is_unique_name(name);
 }
 
 MEM_MemInfo::MEM_MemInfo(BaseMapInfo* owner, unsigned int alignment, Block* block)

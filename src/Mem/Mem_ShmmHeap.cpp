@@ -1,8 +1,11 @@
 #include "Mem/Mem_ShmmHeap.h"
 
 #include "Mem/Mem_Configuration.h"
+#include "Mem/Mem_Leftovers.h"
 #include "Mem/Mem_Limits.h"
+#include "Mem/Mem_NewName.h"
 #include "Mem/Mem_ShmmHeap_Windows.h"
+#include "Mem/Mem_TempFolder.h"
 #include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
 #include "Platform/Platform.h"
@@ -287,12 +290,37 @@ Memory_ShmmHeap* Memory_ShmmHeap::GetInstance()
     return heap;
 }
 
+namespace
+{
+/// Null until the first region.
+Windows_File_ShmmHeap* the_file_heap = nullptr;
+
+/// Links last, once their files are gone.
+Mem_CleanUp& clean_up()
+{
+    static auto* const spare_regions = new Mem_LeftRegions(TempFolder());
+    static auto* const regions = new Mem_LeftRegions(Platform::Get().MappingFolder());
+    static auto* const all = new Mem_CleanUp(the_file_heap->TempFiles(), *spare_regions, *regions);
+    return *all;
+}
+
+/// Makes the heaps, and sees what dead processes have left behind.
+ShmmHeap* first_file_heap()
+{
+    the_file_heap = Windows_File_ShmmHeap::GetInstance();
+    clean_up().Begin();
+    return the_file_heap;
+}
+} // namespace
+
 int Memory_ShmmHeap::create_result_element(unsigned int size, Block** result,
                                            unsigned int always_mapped, unsigned int group_id)
 {
     ShmmHeap* const source = GetSourceHeap();
     BaseInfo* region = nullptr;
-    const int failure = source->Allocate(size, 0, &region, always_mapped, group_id);
+    int failure = source->Allocate(size, 0, &region, always_mapped, group_id);
+    if (failure != 0 && RegionLimits.IsRoom() && clean_up().MakeRoom())
+        failure = source->Allocate(size, 0, &region, always_mapped, group_id);
     if (failure != 0)
         return failure;
     RegionLimits.Ended();
@@ -325,9 +353,6 @@ int Memory_ShmmHeap::destroy_element(Block* block)
 
 namespace
 {
-/// Null until the first region.
-Windows_File_ShmmHeap* the_file_heap = nullptr;
-
 bool too_much_is_committed(unsigned int limit)
 {
     return limit != 0 && static_cast<std::int64_t>(Platform::Get().CommittedMemory() / 1048576) >
@@ -338,7 +363,8 @@ bool too_much_is_committed(unsigned int limit)
 ShmmHeap* GetSourceHeap()
 {
     static ShmmHeap* const swap_heap = Swap_ShmmHeap::GetInstance();
-    static ShmmHeap* const file_heap = the_file_heap = Windows_File_ShmmHeap::GetInstance();
+    static ShmmHeap* const file_heap = first_file_heap();
+    clean_up().GoOn();
     MEM_MemoryConfiguration* const settings = MEM_MemoryConfiguration::GetInstance();
     if (swap_heap->GetSizeInMb() >= settings->GetSwapMaxSizeInMb())
         return file_heap;
@@ -403,7 +429,7 @@ Mem_BlockKind FileBlock::KindAfter(unsigned int /*size*/, unsigned int /*always_
     return Kind();
 }
 
-File_ShmmHeap::File_ShmmHeap()
+File_ShmmHeap::File_ShmmHeap(const RWCString& temp_path) : m_temp_path(temp_path)
 {
     MEM_MemoryConfiguration* const settings = MEM_MemoryConfiguration::GetInstance();
     m_file_size = settings->FileHeap_FileSizeInMb();
@@ -422,10 +448,22 @@ namespace
 {
 constexpr std::uint64_t kLeastFileInMb = 64;
 
-std::uint64_t refuse_file(const char* form, std::uint64_t first, std::uint64_t second)
+std::uint64_t refuse_file(const char* form, std::uint64_t first, std::uint64_t second,
+                          bool is_room = false)
 {
-    RegionLimits.MetSetting(form, first, second);
+    RegionLimits.MetSetting(form, first, second, is_room);
     return 0;
+}
+
+/// What the limits leave may be too much for 32 bits, or too little for a region.
+bool is_file_size(std::uint64_t mb, std::uint64_t region)
+{
+    constexpr std::uint64_t end = 4096;
+    if (mb >= end)
+        return refuse_file("temp files of less than %llu MB, where one of %llu MB is due", end, mb);
+    return region <= mb << 20 ||
+           refuse_file("a temp file of %llu MB, where a region takes %llu bytes (BaseBlockSize)",
+                       mb, region);
 }
 } // namespace
 
@@ -447,29 +485,20 @@ std::uint64_t File_ShmmHeap::new_file_size(unsigned int size) const
     if (free < m_min_space_to_leave + needed)
         return refuse_file("the temp folder's disk, %llu MB left, of which %llu MB are to stay "
                            "(FileHeap_MinSpaceToLeaveInMb)",
-                           free, m_min_space_to_leave);
+                           free, m_min_space_to_leave, true);
     const std::uint64_t available =
         free >= wanted + m_min_space_to_leave ? wanted : free - m_min_space_to_leave;
     const std::uint64_t mb = std::min(available, room);
     if (mb < kLeastFileInMb)
         return refuse_file("a temp file of at least %llu MB, for which %llu MB are left",
-                           kLeastFileInMb, mb);
-    return mb;
+                           kLeastFileInMb, mb, mb == available);
+    return is_file_size(mb, region_size(size)) ? mb : 0;
 }
 
-int File_ShmmHeap::create_result_element(unsigned int size, Block** result,
-                                         unsigned int /*always_mapped*/, unsigned int /*group_id*/)
+int File_ShmmHeap::make_file(const RWCString& unique_name, unsigned int bytes, Block** result)
 {
-    // A size of 4096 MB and more doesn't go into 32 bits: what is left may be too small.
-    const std::uint64_t mb = new_file_size(size);
-    const auto bytes = static_cast<unsigned int>(mb << 20);
-    if (bytes == 0 || bytes < size) {
-        if (mb != 0)
-            refuse_file("temp files of less than %llu MB, where one of %llu MB is due", 4096, mb);
-        return -1;
-    }
-    const RWCString name = m_temp_path + m_temp_file_name + BaseMapInfo::CreateUniqueName();
-    std::unique_ptr<FileInfo> file(create_file(name, bytes));
+    const RWCString name = BaseMapInfo::TempFileName(m_temp_file_name, unique_name);
+    std::unique_ptr<FileInfo> file(create_file(m_temp_path + name, bytes));
     const int failure = file->AllocateFile();
     if (failure != 0)
         return failure;
@@ -480,8 +509,23 @@ int File_ShmmHeap::create_result_element(unsigned int size, Block** result,
         throw;
     }
     file.release();
-    m_current_space += bytes >> 20;
     return 0;
+}
+
+int File_ShmmHeap::create_result_element(unsigned int size, Block** result,
+                                         unsigned int /*always_mapped*/, unsigned int /*group_id*/)
+{
+    const std::uint64_t mb = new_file_size(size);
+    if (mb == 0)
+        return -1;
+    const auto bytes = static_cast<unsigned int>(mb << 20);
+    Mem_NewName name;
+    int failure = make_file(name.Text(), bytes, result);
+    while (failure != 0 && name.TryAnother())
+        failure = make_file(name.Text(), bytes, result);
+    if (failure == 0)
+        m_current_space += static_cast<unsigned int>(mb);
+    return failure;
 }
 
 int File_ShmmHeap::create_result_element(unsigned int size, Block** result)

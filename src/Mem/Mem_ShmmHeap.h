@@ -282,7 +282,8 @@ public:
 class File_ShmmHeap : public ShmmHeap
 {
 public:
-    File_ShmmHeap();
+    /// `temp_path` ends in a separator.
+    explicit File_ShmmHeap(const RWCString& temp_path);
 
     /// Regions of all groups share the files.
     using ShmmHeap::Allocate;
@@ -320,6 +321,7 @@ protected:
 
 private:
     std::uint64_t new_file_size(unsigned int size) const;
+    int make_file(const RWCString& unique_name, unsigned int bytes, Block** result);
 };
 
 #endif

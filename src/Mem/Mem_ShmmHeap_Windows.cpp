@@ -2,11 +2,14 @@
 
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_Limits.h"
+#include "Mem/Mem_NewName.h"
+#include "Mem/Mem_TempFolder.h"
 #include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
 #include "Platform/Platform.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <memory>
 #include <utility>
 
@@ -14,7 +17,7 @@ SwapMapInfo::SwapMapInfo(RWCString name, unsigned int size) : BaseMapInfo(size, 
 
 int SwapMapInfo::AllocateSwap()
 {
-    const RWCString spare = MEM_MemoryConfiguration::GetInstance()->FileHeap_TempPath();
+    const RWCString spare = TempFolder();
     m_handle = Platform::Get().CreateSharedMapping(m_name.data(), Size(), spare.data());
     if (m_handle != nullptr)
         return 0;
@@ -82,12 +85,6 @@ unsigned int SwapMapInfo::HandleOffset()
 Swap_ShmmHeap* Swap_ShmmHeap::GetInstance()
 {
     static auto* const heap = new Swap_ShmmHeap;
-    static bool first = true;
-    if (std::exchange(first, false)) {
-        const RWCString spare = MEM_MemoryConfiguration::GetInstance()->FileHeap_TempPath();
-        Platform::Get().RemoveDeadMappings(BaseMapInfo::s_BlockPrefix, BaseMapInfo::IsUniqueName,
-                                           spare.data());
-    }
     return heap;
 }
 
@@ -96,8 +93,13 @@ int Swap_ShmmHeap::Allocate(unsigned int size, unsigned int /*alignment*/, BaseI
 {
     const unsigned int region_size =
         std::max(size, MEM_MemoryConfiguration::GetInstance()->BaseBlockSize());
-    auto region = std::make_unique<SwapMapInfo>(BaseMapInfo::CreateUniqueName(), region_size);
-    const int failure = region->AllocateSwap();
+    Mem_NewName name;
+    auto region = std::make_unique<SwapMapInfo>(name.Text(), region_size);
+    int failure = region->AllocateSwap();
+    while (failure != 0 && name.TryAnother()) {
+        region = std::make_unique<SwapMapInfo>(name.Text(), region_size);
+        failure = region->AllocateSwap();
+    }
     if (failure != 0)
         return failure;
     m_total_size += region_size;
@@ -147,11 +149,14 @@ unsigned int GetAllocationGranularity()
 int Windows_FileInfo::AllocateFile()
 {
     Platform& platform = Platform::Get();
-    m_mapping_name = BaseMapInfo::CreateUniqueName();
     m_maker = platform.ProcessId();
     Platform::FileFault fault = Platform::FileFault::None;
-    m_mapping_handle =
-        platform.CreateFileMapping(FileName().data(), m_mapping_name.data(), Size(), &fault);
+    Mem_NewName name;
+    do {
+        m_mapping_name = name.Text();
+        m_mapping_handle =
+            platform.CreateFileMapping(FileName().data(), m_mapping_name.data(), Size(), &fault);
+    } while (fault == Platform::FileFault::Mapping && name.TryAnother());
     if (m_mapping_handle != nullptr)
         return 0;
     RegionLimits.Met();
@@ -245,11 +250,17 @@ Windows_File_ShmmHeap* Windows_File_ShmmHeap::GetInstance()
     return heap;
 }
 
-Windows_File_ShmmHeap::Windows_File_ShmmHeap()
+namespace
+{
+/// With the separator at its end.
+RWCString temp_path()
 {
     const char separator[] = {Platform::Get().PathSeparator(), 0};
-    m_temp_path = MEM_MemoryConfiguration::GetInstance()->FileHeap_TempPath() + separator;
+    return TempFolder() + separator;
 }
+} // namespace
+
+Windows_File_ShmmHeap::Windows_File_ShmmHeap() : File_ShmmHeap(temp_path()), m_temp_files(*this) {}
 
 RWCString Windows_File_ShmmHeap::Name()
 {
@@ -266,54 +277,48 @@ Block* Windows_File_ShmmHeap::create_block(FileInfo* file)
     return new Windows_FileBlock(static_cast<Windows_FileInfo*>(file));
 }
 
-/// Judges each file of the temp folder that may be a leftover.
-class Windows_File_ShmmHeap::Leftovers final : public Platform::Names
-{
-public:
-    explicit Leftovers(Windows_File_ShmmHeap& heap) : m_heap(heap) {}
-    void Take(const char* name) override { m_heap.delete_file(m_heap.m_temp_path + name); }
-
-private:
-    Windows_File_ShmmHeap& m_heap;
-};
-
 int Windows_File_ShmmHeap::crash_recovery()
 {
     const RWCString pattern = m_temp_path + m_temp_file_name + "*";
     ZOR_LOG("Windows_File_ShmmHeap::crash_recovery", 5, "Mem do clean for path %s  %s \n",
             pattern.data(), m_temp_path.data());
-    Leftovers leftovers(*this);
-    Platform::Get().ListFiles(m_temp_path.data(), m_temp_file_name.data(), leftovers);
+    m_temp_files.Restart();
+    m_temp_files.GoOn(Mem_Leftovers::AtFirst);
     return 0;
 }
 
-int Windows_File_ShmmHeap::delete_file(RWCString file)
+/// Names of another form are a user's.
+bool Windows_File_ShmmHeap::LeftFiles::remove_if_left(const char* name)
+{
+    char path[4096];
+    const int length = std::snprintf(path, sizeof path, "%s%s", m_folder.data(), name);
+    return BaseMapInfo::IsTempFileName(name, m_heap.m_temp_file_name) &&
+           static_cast<std::size_t>(length) < sizeof path && delete_file(path);
+}
+
+bool Windows_File_ShmmHeap::delete_file(const char* file)
 {
     Platform& platform = Platform::Get();
     const int process = BaseMapInfo::GetProcessIdFromUniqueName(file);
     const auto shown = static_cast<unsigned int>(process);
     ZOR_LOG("Windows_File_ShmmHeap::delete_file", 5, "Mem: try to clean file %s creator pid %u  \n",
-            file.data(), shown);
+            file, shown);
     if (process == 0)
-        return 0;
-    const Platform::Maker maker = platform.MakerOf(file.data(), process);
+        return false;
+    const Platform::Maker maker = platform.MakerOf(file, process);
     if (maker == Platform::Maker::Gone) {
         ZOR_LOG("Windows_File_ShmmHeap::delete_file", 4,
                 "Handle of process with PID <%u> is NULL, call Os to remove file <%s>   \n", shown,
-                file.data());
-        platform.RemoveDeadFile(file.data());
-        return 0;
+                file);
+        return platform.RemoveDeadFile(file);
     }
     ZOR_LOG("Windows_File_ShmmHeap::delete_file", 5,
-            "Handle is not NULL, check if process ended or still active for file <%s>   \n",
-            file.data());
-    if (maker == Platform::Maker::Ended) {
-        ZOR_LOG("Windows_File_ShmmHeap::delete_file", 4,
-                "Process with PID <%u> is not active, call Os to remove file <%s>   \n", shown,
-                file.data());
-        platform.RemoveDeadFile(file.data());
-    }
-    return 0;
+            "Handle is not NULL, check if process ended or still active for file <%s>   \n", file);
+    if (maker == Platform::Maker::Running)
+        return false;
+    ZOR_LOG("Windows_File_ShmmHeap::delete_file", 4,
+            "Process with PID <%u> is not active, call Os to remove file <%s>   \n", shown, file);
+    return platform.RemoveDeadFile(file);
 }
 
 StreamedMapInfo::StreamedMapInfo(const char* mappingName, const char* name, unsigned int offset,
@@ -332,7 +337,7 @@ int StreamedMapInfo::Map()
 {
     Platform& platform = Platform::Get();
     if (m_Handle == nullptr) {
-        const RWCString spare = MEM_MemoryConfiguration::GetInstance()->FileHeap_TempPath();
+        const RWCString spare = TempFolder();
         m_Handle = platform.OpenMapping(m_mapping_name.data(), spare.data());
     }
     if (m_Handle == nullptr) {

@@ -1,6 +1,7 @@
 #ifndef MEM_SHMMHEAP_WINDOWS_H
 #define MEM_SHMMHEAP_WINDOWS_H
 
+#include "Mem/Mem_Leftovers.h"
 #include "Mem/Mem_ShmmHeap.h"
 
 #include <map>
@@ -44,8 +45,7 @@ private:
 class Swap_ShmmHeap : public ShmmHeap
 {
 public:
-    /// The process's swap heap, made at the first call, which also removes what dead processes
-    /// left behind.
+    /// The process's swap heap, made at the first call.
     static Swap_ShmmHeap* GetInstance();
 
     /// A region of `size` bytes or BaseBlockSize(), whichever is more, as a SwapMapInfo without a
@@ -129,17 +129,37 @@ public:
     FileInfo* create_file(RWCString name, unsigned int size) override;
     Block* create_block(FileInfo* file) override;
 
-    /// Looks through the temp folder for files that begin with the temp file name, and deletes
-    /// those whose maker, by the process id in the name and the platform's word, is gone.
+    /// Looks through the temp folder for files whose names have the full form of a temp file's,
+    /// and deletes those whose maker, by the process id in the name and the platform's word, is
+    /// gone.
+    /// What there isn't the time for now is left to later steps of TempFiles().
     int crash_recovery() override;
+
+    /// The walk that crash_recovery() begins.
+    Mem_Leftovers& TempFiles() { return m_temp_files; }
 
 private:
     friend struct Mem_TestAccess;
-    class Leftovers;
 
-    int delete_file(RWCString file);
+    class LeftFiles final : public Mem_Leftovers
+    {
+    public:
+        explicit LeftFiles(const Windows_File_ShmmHeap& heap)
+            : Mem_Leftovers(heap.m_temp_path, heap.m_temp_file_name), m_heap(heap)
+        {
+        }
+
+    private:
+        bool remove_if_left(const char* name) override;
+
+        const Windows_File_ShmmHeap& m_heap;
+    };
+
+    /// Whether the file is gone by this.
+    static bool delete_file(const char* file);
 
     const RWCString m_name = "Windows_Files";
+    LeftFiles m_temp_files;
 };
 
 /// A region that another process made, seen read-only. Owned by the owners repository.

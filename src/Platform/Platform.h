@@ -86,15 +86,11 @@ public:
     /// The handle is gone afterwards, also on failure.
     virtual bool CloseMapping(void* mapping) = 0;
 
-    /// Whether a name is one that mappings get. Allocates nothing and calls nothing of this class.
-    using IsMappingName = bool (*)(const char* name);
-
-    /// Removes mappings whose names begin with `prefix` and are such that `is_one` says so, and
-    /// whose creator has ended without closing them. Mappings of living processes, and anything
-    /// that can't be judged, stay. A system that does this by itself does nothing here. Looks at
-    /// `spare_folder` too. @return how many were removed.
-    virtual int RemoveDeadMappings(const char* prefix, IsMappingName is_one,
-                                   const char* spare_folder) = 0;
+    /// Removes what bears `name` in `folder`, which is MappingFolder() or a spare folder, if it is
+    /// a mapping whose creator has ended without closing it, or only a link that is left of one.
+    /// Mappings of living processes, and anything that can't be judged, stay, and nobody who can
+    /// only read it keeps a dead one. Allocates nothing. @return whether it is gone by this.
+    virtual bool RemoveDeadMapping(const char* folder, const char* name) = 0;
 
     // Files ---------------------------------------------------------------------------------
 
@@ -113,6 +109,18 @@ public:
     /// that can't be read.
     virtual void ListFiles(const char* folder, const char* prefix, Names& names) = 0;
 
+    /// Where a walk in steps goes on; at the beginning until it is moved on.
+    struct Place {
+        std::int64_t at = 0; ///< the system's word for it
+        bool ended = false;
+    };
+
+    /// The same for a few entries, from `place` on, which is moved behind them; for a folder that
+    /// ends or can't be read, to the end. What comes or goes between two steps can be given twice
+    /// or be left out; nothing else is left out if a step in which something was removed is made
+    /// again from where it began. Allocates nothing.
+    virtual void ListSome(const char* folder, const char* prefix, Place& place, Names& names) = 0;
+
     /// What is known of a process that made a file.
     enum class Maker { Gone, Ended, Running };
 
@@ -120,7 +128,8 @@ public:
     /// Gone if no process has that id, Ended if one has but it isn't the maker or runs no more.
     virtual Maker MakerOf(const char* path, long process) = 0;
 
-    /// Removes a file whose maker isn't running. One that is in use stays.
+    /// Removes a file whose maker isn't running. One that is in use stays. Its name ends in "_" and
+    /// a number, as all of the library's. Allocates nothing.
     virtual bool RemoveDeadFile(const char* path) = 0;
 
     /// Removes a file that this process made with CreateFileMapping().
@@ -136,6 +145,14 @@ public:
 
     /// Writes the system's text for `error` into `text`, cut to `size` bytes with its zero.
     virtual void ErrorText(unsigned long error, char* text, std::size_t size) = 0;
+
+    /// What that cause comes to for a mapping or a file that was to be made.
+    enum class Cause {
+        NameExists, ///< another name will do
+        NoRoom,     ///< of memory or disk: it helps if somebody else takes less
+        Other
+    };
+    virtual Cause LastCause() = 0;
 
     /// Tells which limits stood in the way of this thread's last failing operation on a mapping or
     /// view: writes their names and numbers into `text`, cut to `size` bytes with its zero.
@@ -265,6 +282,13 @@ public:
 
     /// Where temp files go if nobody says otherwise.
     virtual const char* DefaultTempFolder() = 0;
+
+    /// Writes the path that `path` stands for while the current folder is the present one, cut to
+    /// `size` bytes with its zero. @return false if that can't be told, or is longer.
+    virtual bool AbsolutePath(const char* path, char* text, std::size_t size) = 0;
+
+    /// A number that no other process can foresee.
+    virtual std::uint64_t RandomNumber() = 0;
 
     /// What parts folders and names in a path.
     virtual char PathSeparator() = 0;

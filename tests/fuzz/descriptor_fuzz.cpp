@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
     for (const char* text : {name, name})
         (good << int{sizeof name - 1}) << text;
     std::ofstream((*argv)[*argc - 1] + std::string("/good")) << good.Bytes() << good.Bytes();
-    Platform::Get().RemoveDeadMappings(name, BaseMapInfo::IsUniqueName, "/var/tmp");
+    Platform::Get().RemoveDeadMapping("/dev/shm", name);
     if (Platform::Get().CreateSharedMapping(name, 65536, "/var/tmp") == nullptr)
         std::abort(); // another fuzzer runs
     return 0;

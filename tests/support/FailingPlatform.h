@@ -24,14 +24,16 @@ public:
     FORWARD(void*, MapView, (void* m, std::uint64_t o, std::uint64_t s), (m, o, s))
     FORWARD(bool, UnmapView, (void* v, std::uint64_t s), (v, s))
     FORWARD(bool, CloseMapping, (void* m), (m))
-    FORWARD(int, RemoveDeadMappings, (const char* p, IsMappingName i, const char* f), (p, i, f))
+    FORWARD(bool, RemoveDeadMapping, (const char* f, const char* n), (f, n))
     FORWARD(void, ListFiles, (const char* f, const char* p, Names& n), (f, p, n))
+    FORWARD(void, ListSome, (const char* f, const char* p, Place& a, Names& n), (f, p, a, n))
     FORWARD(Maker, MakerOf, (const char* p, long i), (p, i))
     FORWARD(bool, RemoveDeadFile, (const char* p), (p))
     FORWARD(bool, RemoveFile, (const char* p), (p))
     FORWARD(bool, FreeSpace, (const char* f, double* b), (f, b))
     FORWARD(unsigned long, LastError, (), ())
     FORWARD(void, ErrorText, (unsigned long e, char* t, std::size_t s), (e, t, s))
+    FORWARD(Cause, LastCause, (), ())
     FORWARD(std::uint32_t, LastLimits, (char* t, std::size_t s), (t, s))
     FORWARD(long, ProcessId, (), ())
     FORWARD(long, ThreadId, (), ())
@@ -55,6 +57,8 @@ public:
     FORWARD(void, OnAllocationFailure, (AllocationHandler h), (h))
     FORWARD(bool, MallocIsHooked, (), ())
     FORWARD(const char*, DefaultTempFolder, (), ())
+    FORWARD(bool, AbsolutePath, (const char* p, char* t, std::size_t s), (p, t, s))
+    FORWARD(std::uint64_t, RandomNumber, (), ())
     FORWARD(char, PathSeparator, (), ())
     FORWARD(void, WriteStandardError, (const char* t, std::size_t s), (t, s))
     FORWARD(const char*, MappingFolder, (), ())
@@ -133,6 +137,7 @@ public:
         return passed(m_real.CloseMapping(mapping)) && !failing;
     }
     unsigned long LastError() override { return s_error != 0 ? s_error : m_real.LastError(); }
+    Cause LastCause() override { return s_error != 0 ? Cause::Other : m_real.LastCause(); }
     std::uint32_t LastLimits(char* text, std::size_t size) override
     {
         return s_error != 0 ? *text = '\0' : m_real.LastLimits(text, size);

@@ -314,8 +314,8 @@ TEST(PagerAtItsLimits, TakesTheTempFolderItIsTold)
     const std::string folder = temp.path, barred = folder + "/barred", missing = folder + "/none";
     ASSERT_TRUE(fs::create_directory(barred) && chmod(barred.c_str(), 0500) == 0);
     const std::pair<std::string, std::string> told_and_taken[] = {
-        {"unset", "/var/tmp"},  {"", ""},      {".", folder}, {folder, folder},
-        {folder + "/", folder}, {missing, ""}, {barred, ""}};
+        {"unset", "/var/tmp"},  {"", "/var/tmp"}, {".", folder}, {folder, folder},
+        {folder + "/", folder}, {missing, ""},    {barred, ""}};
     for (const auto& [told, taken] : told_and_taken)
         EXPECT_EQ(0, InChild([&, &told = told, &taken = taken] {
                       CHILD_CHECK(chdir(temp.path) == 0 && (setuid(65534) == 0 || getuid() != 0));

@@ -5,6 +5,7 @@
 #include "Platform/Platform.h"
 #include "support/Children.h"
 #include "support/Footprint.h"
+#include "support/Leftovers.h"
 
 #include <gtest/gtest.h>
 
@@ -31,8 +32,7 @@ std::string Path(pid_t process, int n)
 }
 int RemoveDead(pid_t process, const std::string& spare_folder = "")
 {
-    return platform.RemoveDeadMappings(
-        Name(process, "").c_str(), [](const char*) { return true; }, spare_folder.c_str());
+    return RemoveDeadMappings(Name(process, ""), spare_folder);
 }
 void* Make(int n, std::uint64_t size, const std::string& spare_folder = "")
 {

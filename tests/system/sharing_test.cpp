@@ -8,6 +8,7 @@
 #include "support/Children.h"
 #include "support/Footprint.h"
 #include "support/Mem_TestAccess.h"
+#include "support/Leftovers.h"
 #include "support/PagerWorld.h"
 
 #include <gtest/gtest.h>
@@ -138,8 +139,7 @@ TEST(SharedPieces, OutliveTheirMakerIfTheyWereMapped)
             EXPECT_EQ(pieces.HoldAnew(), there);
             EXPECT_EQ(log.Size() == 0, there);
             const std::string names = "NorvaneMemoryBlock_" + std::to_string(maker.process) + "_";
-            Platform::Get().RemoveDeadMappings(names.c_str(), BaseMapInfo::IsUniqueName,
-                                               "/var/tmp");
+            RemoveDeadMappings(names, "/var/tmp");
             EXPECT_EQ(pieces.HoldAnew(), there);
             std::ranges::for_each(pieces.all, &MEM_PagerInfo::Release);
             EXPECT_FALSE(Pieces(maker.descriptors).Map()) << signal;

@@ -75,6 +75,10 @@ CHILD_TEST(Tool, TellsAndRemovesExactlyWhatTheDeadHaveLeft, InChildAmongOwnMount
     CHILD_CHECK(std::ofstream(file) << "x" && std::ofstream(name + "1_1_\x1b[2J\n\"\xff") << "x");
     CHILD_CHECK(symlink(file.c_str(), (name + "1_1_0").c_str()) == 0);
     CHILD_CHECK(lchown((name + "1_1_0").c_str(), 65534, 65534) == 0); // can't mean root's file
+    const std::string report = temp + std::string("/reportNorvaneMemoryBlock_1_1_0");
+    CHILD_CHECK(std::ofstream(report) << "x" &&
+                symlink(report.c_str(), (name + "1_1_3").c_str()) == 0);
+    CHILD_CHECK(std::ofstream(temp + std::string("/TempFileNorvaneMemoryBlock_1_1_0.bak")) << "x");
     CHILD_CHECK(mkfifo((name + "1_1_1").c_str(), 0666) == 0 &&
                 fs::create_directory(name + "1_1_2"));
 
@@ -88,7 +92,7 @@ CHILD_TEST(Tool, TellsAndRemovesExactlyWhatTheDeadHaveLeft, InChildAmongOwnMount
         CHILD_CHECK((entry["process"] == killed) == (entry["state"] == "dead"));
         CHILD_CHECK((entry["program"] == "system_tests") == (entry["state"] == "alive"));
     }
-    CHILD_CHECK(Ask("ls").Tells("; 4 not this library's.\n") && !Ask("ls").Tells("\x1b"));
+    CHILD_CHECK(Ask("ls").Tells("; 6 not this library's.\n") && !Ask("ls").Tells("\x1b"));
     CHILD_CHECK(Ask("doctor").Tells("--shm-size=15") && Ask("clean --dry-run").code == 0);
     CHILD_CHECK(1 == InChild([] { // unless that user can't get to the program
                     return setuid(65534) != 0 || Ask("-h").code != 0 ? 1 : Ask("clean").code;
@@ -102,7 +106,7 @@ CHILD_TEST(Tool, TellsAndRemovesExactlyWhatTheDeadHaveLeft, InChildAmongOwnMount
     const pid_t next = StartOwner(); // which cleans up by the same rule
     CHILD_CHECK(kill(next, SIGKILL) == 0 && EndOfChild(next) == -SIGKILL);
     CHILD_CHECK(Ask("clean").code == 0 && Names(temp) == names);
-    return kill(living, SIGKILL) != 0 || fs::remove_all(temp) != 4 ? 2 : 0;
+    return kill(living, SIGKILL) != 0 || fs::remove_all(temp) != 6 ? 2 : 0;
 }
 
 CHILD_TEST(Tool, EndsWithACodeThatScriptsCanTrust, InChildAmongOwnMounts)

@@ -98,12 +98,17 @@ TEST_F(FileHeap, CleansOnlyWhatTheDeadHaveLeft)
     BaseInfo* region = nullptr;
     ASSERT_EQ(living.Allocate(1, 0, &region), 0);
     std::set<std::string> stay = Files();
-    for (const char* const name : {"TempFile.txt", "TempFile_abc", "TempFile_0_1", "Other_9_9_9"}) {
+    const std::string full = "TempFileNorvaneMemoryBlock_99999999_1_0",
+                      own = std::to_string(getpid());
+    for (const std::string& name :
+         {std::string("TempFile.txt"), std::string("TempFile_abc"), std::string("TempFile_0_1"),
+          std::string("TempFile_2024_report.csv"), std::string("TempFile_7zip"),
+          "TempFile_" + own + ".dat", full + ".bak", full + "~", full + "_1", "My" + full}) {
         std::ofstream(m_folder + "/" + name) << "x";
         stay.insert(name);
     }
     // No process has such an id; one has this test's own, but it doesn't hold the file.
-    for (const auto& maker : {std::string("99999999"), std::to_string(getpid())})
+    for (const auto& maker : {std::string("99999999"), own})
         std::ofstream(m_folder + "/TempFileNorvaneMemoryBlock_" + maker + "_1_0") << "x";
     Windows_File_ShmmHeap().crash_recovery();
     EXPECT_EQ(Files(), stay);
@@ -122,5 +127,31 @@ TEST(UniqueNames, TellTheirProcessWhateverTheFolder)
     };
     for (const auto& [name, process] : names)
         EXPECT_EQ(BaseMapInfo::GetProcessIdFromUniqueName(name), process) << name;
+}
+
+TEST(UniqueNames, AreToldFromNearMisses)
+{
+    const RWCString first = "TempFile", unique = BaseMapInfo::CreateUniqueName();
+    EXPECT_TRUE(BaseMapInfo::IsUniqueName(unique));
+    EXPECT_TRUE(
+        BaseMapInfo::IsTempFileName(BaseMapInfo::TempFileName(first, unique).data(), first));
+
+    const std::string prefix = "NorvaneMemoryBlock_";
+    for (const char* const numbers : {"4242_17_3", "1_140737353996160_0", "7_1_-2147483648"}) {
+        EXPECT_TRUE(BaseMapInfo::IsUniqueName((prefix + numbers).c_str())) << numbers;
+        EXPECT_TRUE(BaseMapInfo::IsTempFileName(("TempFile" + prefix + numbers).c_str(), first));
+    }
+    for (const char* const numbers :
+         {"", "1", "1_2", "1_2_", "1_2_3_4", "1_2_3 ", "1_2_3.bak", "1_2_x", "1__3", "0_2_3",
+          "-1_2_3", "01_2_3", "1_02_3", "1_2_-", "1_2_03", "1_2_+3", "1_2_123456789012345678901"}) {
+        EXPECT_FALSE(BaseMapInfo::IsUniqueName((prefix + numbers).c_str())) << numbers;
+        EXPECT_FALSE(BaseMapInfo::IsTempFileName(("TempFile" + prefix + numbers).c_str(), first));
+    }
+    const std::string good = prefix + "1_2_3";
+    for (const std::string& name :
+         {std::string(), good, "Temp" + good, "tempFile" + good, "TempFile_" + good,
+          "TempFileTempFile" + good, "/TempFile" + good})
+        EXPECT_FALSE(BaseMapInfo::IsTempFileName(name.c_str(), first)) << name;
+    EXPECT_FALSE(BaseMapInfo::IsUniqueName(RWCString("NorvaneMemoryBlock_1_2_3\0", 25)));
 }
 } // namespace

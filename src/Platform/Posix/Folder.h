@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -29,6 +30,44 @@ void ForEachName(const char* folder, const char* prefix, Visitor visit)
         }
     }
 }
+
+/// As many names of a folder as a step takes, in a room on the stack.
+class FewNames
+{
+public:
+    /// Reads on from `place`, which is moved behind what was read, or tells that there is no more.
+    void Read(const char* folder, std::int64_t& place, bool& ended)
+    {
+        const ScopedFile opened(open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (lseek(opened.Get(), place, SEEK_SET) == place)
+            m_size = getdents64(opened.Get(), m_buffer, sizeof m_buffer);
+        ended = m_size <= 0;
+        ForEach([&place](const dirent64& entry) { place = entry.d_off; });
+    }
+
+    template <class Visitor>
+    void ForEach(const char* prefix, Visitor visit) const
+    {
+        ForEach([&, length = std::strlen(prefix)](const dirent64& entry) {
+            if (std::strncmp(entry.d_name, prefix, length) == 0)
+                visit(static_cast<const char*>(entry.d_name));
+        });
+    }
+
+private:
+    template <class Visitor>
+    void ForEach(Visitor visit) const
+    {
+        for (ssize_t at = 0; at < m_size;) {
+            const auto* entry = reinterpret_cast<const dirent64*>(m_buffer + at);
+            visit(*entry);
+            at += entry->d_reclen;
+        }
+    }
+
+    alignas(dirent64) char m_buffer[4096];
+    ssize_t m_size = -1;
+};
 
 /// Texts in a room of its own, which only grows when asked to.
 class NameList

@@ -3,10 +3,10 @@
 #include "Platform/Posix/Paths.h"
 #include "Platform/Posix/Scoped.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,36 +21,58 @@ struct flock whole_file(short type)
     return lock;
 }
 
-/// A file whose creator is gone, kept from other cleaners while this object lives: none of them
-/// takes a name of it away, so that a name can't go to a namesake between a look and its removal.
-class DeadFile
+/// Not every file system knows the flag; on those no name that nobody can foresee is in the way.
+bool put_aside(const char* path, const char* aside)
+{
+    return renameat2(AT_FDCWD, path, AT_FDCWD, aside, RENAME_NOREPLACE) == 0 ||
+           (errno == EINVAL && rename(path, aside) == 0);
+}
+
+/// Never takes the place of what has come to bear the name meanwhile.
+bool put_back(const char* aside, const char* path)
+{
+    return renameat2(AT_FDCWD, aside, AT_FDCWD, path, RENAME_NOREPLACE) == 0 ||
+           (errno == EINVAL && link(aside, path) == 0 && unlink(aside) == 0);
+}
+
+/// Takes the name away from what `is_left` says of, by whatever path it is reached.
+template <class Judge>
+bool remove_if(const char* path, Judge is_left)
+{
+    Path aside;
+    if (!is_left(path) || !aside.SetWithNumber(path, UnforeseeableNumber() >> 1) ||
+        !put_aside(path, aside.Text()))
+        return false;
+    if (is_left(aside.Text()))
+        return unlink(aside.Text()) == 0;
+    const KeepErrno keep;
+    put_back(aside.Text(), path);
+    return false;
+}
+
+/// A file that may be dead.
+class MadeFile
 {
 public:
-    explicit DeadFile(const char* path) : m_path(path), m_file(OpenToRead(path)) {}
+    explicit MadeFile(const char* path) : m_file(OpenToRead(path)) {}
 
-    /// Looks twice: the file may have been dead and gone already when the lock was had.
-    /// @return false with errno.
-    bool Claim()
+    bool RemoveIfDead(const char* path) const
     {
-        return m_file && is_left() && flock(m_file.Get(), LOCK_EX | LOCK_NB) == 0 && is_left() &&
-               Identify(m_file.Get(), m_identity) &&
-               (StandsFor(m_path, m_identity) || Fail(ENOENT));
+        FileIdentity identity;
+        return m_file && Identify(m_file.Get(), identity) && remove_if(path, [&](const char* now) {
+                   return (!CreatorLives(m_file.Get()) || Fail(EBUSY)) &&
+                          (StandsFor(now, identity) || Fail(ENOENT));
+               });
     }
 
     bool BelongsTo(uid_t user) const
     {
         struct stat status;
-        return fstat(m_file.Get(), &status) == 0 && status.st_uid == user;
+        return m_file && fstat(m_file.Get(), &status) == 0 && status.st_uid == user;
     }
 
-    bool Remove() const { return unlink(m_path) == 0; }
-
 private:
-    bool is_left() const { return !CreatorLives(m_file.Get()) || Fail(EBUSY); }
-
-    const char* const m_path;
     const ScopedFile m_file;
-    FileIdentity m_identity;
 };
 
 /// A link that may lead to a mapping's file.
@@ -60,24 +82,27 @@ struct LinkToFile {
         struct stat status;
         if (lstat(path, &status) != 0 || !target.ReadLink(path))
             return false;
-        identity = {status.st_dev, status.st_ino};
         owner = status.st_uid;
         return BelongTogether(LastPart(path), target.Text());
     }
 
-    FileIdentity identity;
     uid_t owner = 0;
     Path target;
 };
 
-bool remove_link_and_file(const char* link, const FileIdentity& identity, const char* target,
-                          uid_t user)
+/// A link whose file has another name waits until that is gone.
+bool remove_link_and_namesake(const char* path)
 {
-    DeadFile file(target);
-    if (!file.Claim() || !file.BelongsTo(user))
+    LinkToFile link;
+    if (!link.Read(path) || link.owner != geteuid())
         return false;
-    const bool bears_its_name = std::strcmp(LastPart(link), LastPart(target)) == 0;
-    return RemoveName(link, identity) && (!bears_its_name || file.Remove());
+    const char* const target = link.target.Text();
+    if (std::strcmp(LastPart(path), LastPart(target)) == 0) {
+        const MadeFile file(target);
+        if (file.BelongsTo(link.owner))
+            file.RemoveIfDead(target);
+    }
+    return RemoveLinkIfLost(path);
 }
 
 } // namespace
@@ -107,22 +132,25 @@ int OpenToRead(const char* path)
 
 bool RemoveIfDead(const char* path)
 {
-    DeadFile file(path);
-    return file.Claim() && file.Remove();
+    return MadeFile(path).RemoveIfDead(path);
 }
 
-bool RemoveLinkIfDead(const char* path)
+/// Most of what is met here may be what others have put in the way: one look tells.
+bool RemoveFileOrLinkIfDead(const char* path)
 {
-    LinkToFile link;
-    if (!link.Read(path) || link.owner != geteuid())
+    struct stat status;
+    if (lstat(path, &status) != 0)
         return false;
-    if (IsMissing(link.target.Text()))
-        return RemoveName(path, link.identity);
-    return remove_link_and_file(path, link.identity, link.target.Text(), link.owner);
+    if (S_ISREG(status.st_mode))
+        return RemoveIfDead(path);
+    return S_ISLNK(status.st_mode) && status.st_uid == geteuid() ? remove_link_and_namesake(path)
+                                                                 : Fail(EPERM);
 }
 
 bool RemoveLinkIfLost(const char* path)
 {
-    LinkToFile link;
-    return link.Read(path) && IsMissing(link.target.Text()) && RemoveName(path, link.identity);
+    return remove_if(path, [](const char* now) {
+        LinkToFile link;
+        return link.Read(now) && (IsMissing(link.target.Text()) || Fail(EBUSY));
+    });
 }

@@ -5,9 +5,11 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <new>
 #include <string_view>
 
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -84,6 +86,16 @@ bool BelongTogether(const char* name, const char* path)
     return std::string_view(LastPart(path)).find(maker) != whole.npos || Fail(EINVAL);
 }
 
+std::uint64_t UnforeseeableNumber()
+{
+    std::uint64_t number = 0;
+    if (getrandom(&number, sizeof number, GRND_NONBLOCK) == sizeof number)
+        return number;
+    timespec now{}; // a machine that has only just started
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (static_cast<std::uint64_t>(now.tv_nsec) << 32) + static_cast<unsigned>(getpid());
+}
+
 bool Path::Join(const char* folder, const char* name)
 {
     return is_absolute(folder) && is_plain(name) &&
@@ -95,7 +107,22 @@ bool Path::SetAbsolute(const char* path)
     char current[PATH_MAX] = "";
     if (path[0] == '/')
         return print("%s", path);
-    return getcwd(current, sizeof current) != nullptr && print("%s/%s", current, path);
+    if (getcwd(current, sizeof current) == nullptr)
+        return false;
+    while (path[0] == '.' && path[1] == '/')
+        path += 2;
+    return std::strcmp(path, ".") == 0 ? print("%s", current) : print("%s/%s", current, path);
+}
+
+bool Path::SetWithNumber(const char* path, std::uint64_t number)
+{
+    const char* const name = LastPart(path);
+    const char* const separator = std::strrchr(name, '_');
+    if (separator == nullptr ||
+        std::strspn(separator + 1, "-0123456789") != std::strlen(separator + 1))
+        return Fail(EINVAL);
+    return print("%.*s_%llu", static_cast<int>(separator - path), path,
+                 static_cast<unsigned long long>(number));
 }
 
 bool Path::SetFolderOf(const char* path)

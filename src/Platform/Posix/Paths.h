@@ -2,6 +2,7 @@
 #define PLATFORM_POSIX_PATHS_H
 
 #include <climits>
+#include <cstdint>
 #include <memory>
 
 #include <sys/types.h>
@@ -40,6 +41,9 @@ const char* LastPart(const char* path);
 /// name, up to its second "_", stands in the file's own name. False with errno.
 bool BelongTogether(const char* name, const char* path);
 
+/// A number that no other process can foresee.
+std::uint64_t UnforeseeableNumber();
+
 /// A path in a room of its own, on the stack: nothing is allocated where such paths are needed.
 /// Each operation that sets it returns false with errno if it can't.
 class Path
@@ -51,6 +55,9 @@ public:
 
     /// The same file from whatever folder is the current one.
     bool SetAbsolute(const char* path);
+
+    /// `path`, which ends in "_" and a number, with another number in its place.
+    bool SetWithNumber(const char* path, std::uint64_t number);
 
     /// The folder that `path` is in.
     bool SetFolderOf(const char* path);

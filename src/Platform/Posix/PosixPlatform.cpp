@@ -89,18 +89,6 @@ bool lies_in(const SharedMapping& mapping, std::uint64_t offset, std::uint64_t s
     return lies;
 }
 
-int remove_dead(const char* folder, const char* prefix, Platform::IsMappingName is_one)
-{
-    int removed = 0;
-    ForEachName(folder, prefix, [&](const char* name) {
-        Path path;
-        if (is_one(name) && path.Join(folder, name) &&
-            (RemoveIfDead(path.Text()) || RemoveLinkIfDead(path.Text())))
-            ++removed;
-    });
-    return removed;
-}
-
 bool has_process(long id)
 {
     return id > 0 && id <= std::numeric_limits<pid_t>::max() &&
@@ -186,11 +174,11 @@ bool PosixPlatform::CloseMapping(void* mapping)
     return told(shared->file.anchor.Drop()) && name_is_gone;
 }
 
-int PosixPlatform::RemoveDeadMappings(const char* prefix, IsMappingName is_one,
-                                      const char* spare_folder)
+bool PosixPlatform::RemoveDeadMapping(const char* folder, const char* name)
 {
+    Path path;
     const std::lock_guard lock(m_mutex);
-    return remove_dead(SharedFolder, prefix, is_one) + remove_dead(spare_folder, prefix, is_one);
+    return told(path.Join(folder, name) && RemoveFileOrLinkIfDead(path.Text()));
 }
 
 /// From here on the mapping ends by CloseMapping().
@@ -224,6 +212,16 @@ void PosixPlatform::ListFiles(const char* folder, const char* prefix, Names& nam
         ForEachName(folder, prefix, [&list](const char* name) { list.Add(name); });
     } while (!list.IsComplete());
     list.ForEach([&names](const char* name) { names.Take(name); });
+}
+
+void PosixPlatform::ListSome(const char* folder, const char* prefix, Place& place, Names& names)
+{
+    FewNames few;
+    {
+        const std::lock_guard lock(m_mutex);
+        few.Read(folder, place.at, place.ended);
+    }
+    few.ForEach(prefix, [&names](const char* name) { names.Take(name); });
 }
 
 /// The lock on the file decides, not the id: another process may have that by now.
@@ -321,6 +319,13 @@ void PosixPlatform::ErrorText(unsigned long error, char* text, std::size_t size)
     std::snprintf(text, size, "%s", strerror_r(static_cast<int>(error), room, sizeof room));
 }
 
+Platform::Cause PosixPlatform::LastCause()
+{
+    if (last_error == EEXIST || last_error == ESTALE) // or a cleaner has taken it meanwhile
+        return Cause::NameExists;
+    return IsForWantOfRoom(last_error) ? Cause::NoRoom : Cause::Other;
+}
+
 std::uint32_t PosixPlatform::LastLimits(char* text, std::size_t size)
 {
     return TellLimits(text, size);
@@ -408,6 +413,19 @@ bool PosixPlatform::MallocIsHooked()
 const char* PosixPlatform::DefaultTempFolder()
 {
     return "/var/tmp";
+}
+
+bool PosixPlatform::AbsolutePath(const char* path, char* text, std::size_t size)
+{
+    Path absolute;
+    return told(absolute.SetAbsolute(path) &&
+                (std::strlen(absolute.Text()) < size || Fail(ENAMETOOLONG)) &&
+                std::strcpy(text, absolute.Text()) != nullptr);
+}
+
+std::uint64_t PosixPlatform::RandomNumber()
+{
+    return UnforeseeableNumber();
 }
 
 char PosixPlatform::PathSeparator()

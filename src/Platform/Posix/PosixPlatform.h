@@ -28,10 +28,10 @@ public:
     void* MapView(void* mapping, std::uint64_t offset, std::uint64_t size) override;
     bool UnmapView(void* view, std::uint64_t size) override;
     bool CloseMapping(void* mapping) override;
-    int RemoveDeadMappings(const char* prefix, IsMappingName is_one,
-                           const char* spare_folder) override;
+    bool RemoveDeadMapping(const char* folder, const char* name) override;
 
     void ListFiles(const char* folder, const char* prefix, Names& names) override;
+    void ListSome(const char* folder, const char* prefix, Place& place, Names& names) override;
     Maker MakerOf(const char* path, long process) override;
     bool RemoveDeadFile(const char* path) override;
     bool RemoveFile(const char* path) override;
@@ -39,6 +39,7 @@ public:
 
     unsigned long LastError() override;
     void ErrorText(unsigned long error, char* text, std::size_t size) override;
+    Cause LastCause() override;
     std::uint32_t LastLimits(char* text, std::size_t size) override;
 
     long ProcessId() override;
@@ -58,6 +59,8 @@ public:
     bool MallocIsHooked() override;
 
     const char* DefaultTempFolder() override;
+    bool AbsolutePath(const char* path, char* text, std::size_t size) override;
+    std::uint64_t RandomNumber() override;
     char PathSeparator() override;
     void SystemName(char* text, std::size_t size) override;
     void ProcessName(char* text, std::size_t size) override;

@@ -10,7 +10,6 @@
 #include <optional>
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -68,16 +67,14 @@ std::optional<Making> make_nameless_first(const char* path, const FileKind& kind
     return std::nullopt;
 }
 
-/// Marks a file that already has its name. A cleaner that saw it before the mark takes the name
-/// away under flock, so the mark is made under flock too, and only counts if the name still
-/// stands. The file is private until it is furnished: no other user can hold the flock.
+/// Marks a file that already has its name. A cleaner that saw it before the mark may take the name
+/// away, but looks for the mark once more then and gives it back. So from here on the name stays,
+/// if it still stands.
 bool claim(int descriptor, const char* path)
 {
     FileIdentity identity;
-    if (flock(descriptor, LOCK_EX | LOCK_NB) != 0)
-        return Fail(ESTALE);
     return MarkAsLiving(descriptor) && Identify(descriptor, identity) &&
-           (StandsFor(path, identity) || Fail(ESTALE)) && flock(descriptor, LOCK_UN) == 0;
+           (StandsFor(path, identity) || Fail(ESTALE));
 }
 
 /// Takes a name away again unless all went well.

@@ -9,11 +9,6 @@
 namespace
 {
 
-bool has_no_room(int error)
-{
-    return error == ENOSPC || error == EDQUOT || error == ENOMEM;
-}
-
 bool is_barred(int error)
 {
     return error == ENOENT || error == ENOTDIR || error == EROFS || error == EACCES ||
@@ -54,6 +49,11 @@ bool is_taken(const OwnName& name)
 
 } // namespace
 
+bool IsForWantOfRoom(int error)
+{
+    return error == ENOSPC || error == EDQUOT || error == ENOMEM;
+}
+
 bool MakeInSharedMemory(SharedMapping& mapping, const char* spare_folder)
 {
     if (is_taken(mapping.spare_name))
@@ -62,7 +62,7 @@ bool MakeInSharedMemory(SharedMapping& mapping, const char* spare_folder)
         return true;
 
     const int cause = errno;
-    const bool may_go_elsewhere = has_no_room(cause) || is_barred(cause);
+    const bool may_go_elsewhere = IsForWantOfRoom(cause) || is_barred(cause);
     if (!may_go_elsewhere || mapping.spare_name.path == nullptr || !LiesOnDisk(spare_folder))
         return Fail(cause);
     if (make_in_spare_folder(mapping))
@@ -78,6 +78,10 @@ Making MakeOverFile(SharedMapping& mapping, const char* path)
         return Making::NoFile;
     if (!BelongTogether(LastPart(mapping.name.path.get()), path))
         return Making::NoMapping; // it could never be opened by its name
+    if (is_taken(mapping.name)) { // before a file is made for nothing
+        errno = EEXIST;
+        return Making::NoMapping;
+    }
     const Making outcome = MakeFile(absolute.Text(), TempFile, mapping.size, mapping.file);
     if (outcome != Making::Done)
         return outcome;
