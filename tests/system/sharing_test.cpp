@@ -7,8 +7,8 @@
 #include "Zor/Zor_Buffer.h"
 #include "support/Children.h"
 #include "support/Footprint.h"
-#include "support/Mem_TestAccess.h"
 #include "support/Leftovers.h"
+#include "support/Mem_TestAccess.h"
 #include "support/PagerWorld.h"
 
 #include <gtest/gtest.h>

@@ -117,6 +117,7 @@ CHILD_TEST(Tool, EndsWithACodeThatScriptsCanTrust, InChildAmongOwnMounts)
     for (const char* const lost : {"ls >/dev/full", "-h >/dev/full", "ls >&-", "clean --temp /no"})
         CHILD_CHECK(Ask(lost).code == 3);
     CHILD_CHECK(Ask("doctor", "ulimit -f 9; ").Tells("at most 0 MB, 1024 MB wanted"));
-    return Ask("doctor", "TEMP= ").code - 1;
+    CHILD_CHECK(Ask("doctor", "TEMP= ").Tells("/var/tmp")); // as unset
+    return Ask("doctor", "ulimit -f 9; ").code - 1;
 }
 } // namespace
