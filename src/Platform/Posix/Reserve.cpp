@@ -3,6 +3,7 @@
 #include "Platform/Posix/Limits.h"
 #include "Platform/Posix/MemoryLimits.h"
 #include "Platform/Posix/Paths.h"
+#include "Platform/Posix/WriteSignals.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -85,6 +86,7 @@ bool FitsFileLimit(std::uint64_t size)
 
 bool Reserve(int file, std::uint64_t size)
 {
+    const NoWriteSignals quiet;
     if (!FitsFileLimit(size))
         return false;
     if (!lies_in_memory(file))
