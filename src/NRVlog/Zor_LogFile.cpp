@@ -133,9 +133,11 @@ private:
         {
             inside_sink = true;
             m_visitors.fetch_add(1);
+            m_cancellation = Platform::Get().HoldOffCancellation();
         }
         ~Visit()
         {
+            Platform::Get().RestoreCancellation(m_cancellation);
             m_visitors.fetch_sub(1);
             inside_sink = false;
         }
@@ -143,6 +145,7 @@ private:
         Visit& operator=(const Visit&) = delete;
 
         std::atomic<int>& m_visitors;
+        int m_cancellation = 0; ///< as it was: the log lets nothing out, a cancelled thread neither
     };
 
     void retire(Node* node) noexcept

@@ -167,6 +167,12 @@ public:
     /// A number that no other living thread of this process has.
     virtual long ThreadId() = 0;
 
+    /// Keeps the calling thread from being cancelled by another until RestoreCancellation() gets
+    /// what this returned. No operation of this class is a point where a thread can be cancelled;
+    /// this is for calls of the host's code out of places that nothing may unwind through.
+    virtual int HoldOffCancellation() = 0;
+    virtual void RestoreCancellation(int before) = 0;
+
     /// Registers functions that run around every fork from now on: `prepare` before it, in the
     /// forking thread, then `parent` in the parent and `child` in the child. What is registered
     /// later is prepared earlier. A system without fork does nothing. Never undone.

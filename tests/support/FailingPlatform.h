@@ -37,6 +37,8 @@ public:
     FORWARD(std::uint32_t, LastLimits, (char* t, std::size_t s), (t, s))
     FORWARD(long, ProcessId, (), ())
     FORWARD(long, ThreadId, (), ())
+    FORWARD(int, HoldOffCancellation, (), ())
+    FORWARD(void, RestoreCancellation, (int b), (b))
     FORWARD(bool, OnFork, (void (*b)(), void (*p)(), void (*c)()), (b, p, c))
     FORWARD(std::uint32_t, AllocationGranularity, (), ())
     FORWARD(std::uint64_t, PhysicalMemory, (), ())

@@ -1,11 +1,13 @@
 #include "Platform/Posix/Anchor.h"
 
+#include "Platform/Posix/Descriptors.h"
 #include "Platform/Posix/Limits.h"
 #include "Platform/Posix/Scoped.h"
 
+#include <atomic>
+#include <cerrno>
 #include <utility>
 
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -40,7 +42,42 @@ void* without_front(void* view, std::size_t front, std::size_t size)
     return nullptr;
 }
 
+enum class Trial { NotYet, WillDo, WontDo };
+
+constinit std::atomic<Trial> trial = Trial::NotYet;
+
+/// An old size of 0 leaves a map where it is and maps its object once more.
+void* map_anew(void* page, std::uint64_t size)
+{
+    return mremap(page, 0, size, MREMAP_MAYMOVE);
+}
+
+/// Without memory there is no outcome.
+Trial try_page()
+{
+    const std::size_t size = page_size();
+    void* page = mmap(nullptr, size, PROT_READ, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED)
+        return Trial::NotYet;
+    void* again = map_anew(page, size);
+    const bool has_memory = again != MAP_FAILED || errno != ENOMEM;
+    munmap(page, size);
+    if (again != MAP_FAILED)
+        munmap(again, size);
+    else if (has_memory)
+        return Trial::WontDo;
+    return has_memory ? Trial::WillDo : Trial::NotYet;
+}
+
 } // namespace
+
+bool Anchor::PagesWillDo()
+{
+    const KeepErrno keep;
+    if (trial.load(std::memory_order_relaxed) == Trial::NotYet)
+        trial.store(try_page(), std::memory_order_relaxed);
+    return trial.load(std::memory_order_relaxed) == Trial::WillDo;
+}
 
 Anchor::~Anchor()
 {
@@ -51,9 +88,9 @@ Anchor::~Anchor()
 bool Anchor::Hold(int descriptor, Rights rights, By by)
 {
     m_protection = rights == Rights::Read ? PROT_READ : PROT_READ | PROT_WRITE;
-    if (!hold_page(descriptor))
+    if (!Identify(descriptor, m_identity) || !hold_page(descriptor))
         return false;
-    if (by == By::Page || hold_descriptor(descriptor))
+    if ((by == By::Page && PagesWillDo()) || hold_descriptor(descriptor))
         return true;
     const KeepErrno keep;
     Drop();
@@ -69,32 +106,50 @@ bool Anchor::hold_page(int descriptor)
 
 bool Anchor::hold_descriptor(int descriptor)
 {
-    m_descriptor = fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+    m_descriptor = Duplicate(descriptor);
     return m_descriptor >= 0;
+}
+
+/// The host may have closed it, as it closes all that it doesn't know, and opened another file. No
+/// other file has the identity of one that a page holds.
+bool Anchor::has_descriptor() const
+{
+    FileIdentity now;
+    return m_descriptor >= 0 && Identify(m_descriptor, now) && now == m_identity;
 }
 
 void* Anchor::View(std::uint64_t offset, std::uint64_t size) const
 {
-    if (m_descriptor < 0)
+    if (!has_descriptor())
         return view_from_page(offset, size);
     void* view =
         mmap(nullptr, size, m_protection, MAP_SHARED, m_descriptor, static_cast<off_t>(offset));
-    return given(view, size);
+    if (view == MAP_FAILED || has_descriptor()) // still: another thread may just have closed it
+        return given(view, size);
+    munmap(view, size);
+    return view_from_page(offset, size);
 }
 
 void* Anchor::view_from_page(std::uint64_t offset, std::uint64_t size) const
 {
-    // An old size of 0 leaves the anchor where it is and maps its object once more. The new view
-    // begins where the anchor does, at the file's first byte.
-    void* view = mremap(m_page, 0, offset + size, MREMAP_MAYMOVE);
+    if (!PagesWillDo())
+        return errno = EBADF, nullptr;
+    void* view = map_anew(m_page, offset + size); // begins where the page does
     return given(view, offset + size) != nullptr ? without_front(view, offset, size) : nullptr;
 }
 
 bool Anchor::Drop()
 {
+    const bool closed = DropDescriptor(); // while the page keeps the file's identity
     if (m_page != nullptr && munmap(m_page, page_size()) != 0)
         return false;
     m_page = nullptr;
+    return closed;
+}
+
+bool Anchor::DropDescriptor()
+{
+    const bool is_there = has_descriptor();
     const int descriptor = std::exchange(m_descriptor, -1);
-    return descriptor < 0 || close(descriptor) == 0;
+    return !is_there || close(descriptor) == 0;
 }

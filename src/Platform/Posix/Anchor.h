@@ -1,6 +1,8 @@
 #ifndef PLATFORM_POSIX_ANCHOR_H
 #define PLATFORM_POSIX_ANCHOR_H
 
+#include "Platform/Posix/Paths.h"
+
 #include <cstdint>
 
 /// Holds an open file, with the locks on it, for as long as the anchor or any view made from it
@@ -10,11 +12,16 @@ class Anchor
 public:
     /// Descriptors are few, maps are many: a page of the file will do. Such a view begins at the
     /// file's first byte and then loses what wasn't asked for, so small stretches of big files,
-    /// which are few, take a descriptor as well.
+    /// which are few, take a descriptor as well. So does every file where PagesWillDo() says no.
     enum class By { Page, Descriptor };
 
     /// What views allow. One for reading can never be made writable.
     enum class Rights { Read, ReadAndWrite };
+
+    /// Whether a view can be made from a page alone. Not so under some tools that run a program,
+    /// which refuse that call. Found out by trying, once for a process; without memory to try with
+    /// it counts as not so until it was tried.
+    static bool PagesWillDo();
 
     Anchor() = default;
     ~Anchor();
@@ -26,7 +33,9 @@ public:
     bool Hold(int descriptor, Rights rights, By by);
 
     /// Maps [offset, offset + size) of the file anew, whether it still has a name or not.
-    /// `offset` is a multiple of the page size. @return null with errno.
+    /// `offset` is a multiple of the page size. If the host has closed the descriptor, whatever its
+    /// number stands for now isn't touched, and the page has to do. @return null with errno, EBADF
+    /// if it won't.
     void* View(std::uint64_t offset, std::uint64_t size) const;
 
     /// Where the page is by which the file is held; its place tells the file apart from others.
@@ -35,12 +44,17 @@ public:
     /// Lets go, if there is a hold. Views stay. @return false with errno; a page stays then.
     bool Drop();
 
+    /// Lets go of the descriptor alone, if there is one and it still is this file's.
+    bool DropDescriptor();
+
 private:
     bool hold_page(int descriptor);
     bool hold_descriptor(int descriptor);
+    bool has_descriptor() const;
     void* view_from_page(std::uint64_t offset, std::uint64_t size) const;
 
     int m_protection = 0;
+    FileIdentity m_identity;
     void* m_page = nullptr;
     int m_descriptor = -1;
 };

@@ -105,7 +105,7 @@ public:
     /// Reads them.
     void Look()
     {
-        const ScopedFile file(open(own_groups, O_RDONLY | O_CLOEXEC));
+        const ScopedFile file(OpenDescriptor(own_groups, O_RDONLY));
         const ssize_t got = read(file.Get(), m_groups, sizeof m_groups);
         m_length = got > 0 ? static_cast<std::size_t>(got) : 0;
         struct stat root {

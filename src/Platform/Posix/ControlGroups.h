@@ -21,13 +21,13 @@ struct GroupVersion {
     Table reclaimable;
 };
 
-/// The path of a file in a group's folder.
+/// The path of a file in a group's folder; cut where no call would take it.
 struct GroupFile {
     GroupFile(const char* folder, const char* file)
     {
         std::snprintf(path, sizeof path, "%s/%s", folder, file);
     }
-    char path[2 * PATH_MAX];
+    char path[PATH_MAX];
 };
 
 /// The groups that bound the memory of a process, its own and those above it, of version 1 and 2:

@@ -3,6 +3,7 @@
 #include "Platform/Posix/Lines.h"
 #include "Platform/Posix/Paths.h"
 #include "Platform/Posix/Reserve.h"
+#include "Platform/Posix/WriteSignals.h"
 
 #include <atomic>
 #include <chrono>
@@ -47,7 +48,7 @@ private:
         struct stat status;
         if (lstat(path, &status) == 0 && !S_ISREG(status.st_mode))
             return errno = EINVAL, -1;
-        return open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
+        return OpenDescriptor(path, flags | O_NOFOLLOW | O_NONBLOCK, 0666);
     }
 
     const ScopedFile m_file;
@@ -140,8 +141,14 @@ bool AddToFile(const char* path, const char* text, std::size_t size)
     PlainFile file(path, O_WRONLY | O_APPEND | O_CREAT);
     if (!file || !FitsFileLimit(file.Length() + size))
         return false;
-    while (size != 0) { // once, unless the disk is full or the limit near
-        const ssize_t written = write(file.Get(), text, size);
+    return WriteAll(file.Get(), text, size); // in one go, unless the disk is full or the limit near
+}
+
+bool WriteAll(int file, const char* text, std::size_t size)
+{
+    const NoWriteSignals quiet;
+    while (size != 0) {
+        const ssize_t written = write(file, text, size);
         if (written == 0 || (written < 0 && errno != EINTR))
             return false;
         const auto done = static_cast<std::size_t>(std::max<ssize_t>(written, 0));

@@ -28,6 +28,9 @@ void PrepareLastWords();
 /// Writes the calls that led here to standard error, one a line.
 void WriteStackTrace();
 
+/// Writes a text to whatever the descriptor is of. No signal comes of it. @return false with errno.
+bool WriteAll(int file, const char* text, std::size_t size);
+
 // The files are plain ones; a link isn't followed.
 
 /// Bytes of a file; -1 if it can't be opened.

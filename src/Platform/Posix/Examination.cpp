@@ -2,6 +2,7 @@
 
 #include "Platform/Posix/AddressSpace.h"
 #include "Platform/Posix/AllocationFailure.h"
+#include "Platform/Posix/Anchor.h"
 #include "Platform/Posix/Folder.h"
 #include "Platform/Posix/Inspection.h"
 #include "Platform/Posix/Lines.h"
@@ -72,7 +73,7 @@ Verdict measure(std::uint64_t have, std::uint64_t least, std::uint64_t wanted)
 /// Tries it with a file without a name, which leaves no trace. @return errno; 0 if it can be done.
 int why_not_writable(const char* folder)
 {
-    const ScopedFile file(open(folder, O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+    const ScopedFile file(OpenDescriptor(folder, O_TMPFILE | O_RDWR, 0600));
     if (file)
         return 0;
     if (errno != EOPNOTSUPP && errno != EISDIR)
@@ -207,6 +208,7 @@ public:
         file_size();
         descriptors();
         maps();
+        views();
         address_space();
         logout();
         malloc_hook();
@@ -359,7 +361,9 @@ private:
         constexpr std::uint64_t at_once = 4; // for a moment, in a few threads
         const std::uint64_t limit = SoftLimit(RLIMIT_NOFILE);
         const std::uint64_t left = rest(limit, count_descriptors());
-        const std::uint64_t wanted = parts(m_demand.files, m_demand.file) + at_once;
+        const std::uint64_t wanted =
+            parts(m_demand.files, m_demand.file) + at_once +
+            (Anchor::PagesWillDo() ? 0 : parts(m_demand.shared_memory, m_demand.region));
         tell(measure(left, at_once, wanted), "descriptors",
              limit == RLIM_INFINITY ? Text("no limit")
                                     : Text("%llu of %llu left, %llu wanted", Number{left},
@@ -381,6 +385,15 @@ private:
              Text("%llu of %llu left, %llu wanted", Number{rest(limit, used)}, Number{limit},
                   Number{wanted}),
              Text("sysctl -w vm.max_map_count=%llu", Number{std::max(used + wanted, limit)}));
+    }
+
+    void views() const
+    {
+        if (Anchor::PagesWillDo())
+            return tell(Verdict::Ok, "views", Text("made from a page of the region"), Text());
+        tell(Verdict::Warning, "views", Text("made by a descriptor that each region keeps"),
+             Text("run without the tool, or filter, that refuses mremap with an old size of 0; or "
+                  "see that descriptors don't run out"));
     }
 
     void address_space() const

@@ -1,6 +1,7 @@
 #ifndef PLATFORM_POSIX_FOLDER_H
 #define PLATFORM_POSIX_FOLDER_H
 
+#include "Platform/Posix/Descriptors.h"
 #include "Platform/Posix/Scoped.h"
 
 #include <algorithm>
@@ -19,7 +20,7 @@ template <class Visitor>
 void ForEachName(const char* folder, const char* prefix, Visitor visit)
 {
     const std::size_t length = std::strlen(prefix);
-    const ScopedFile opened(open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const ScopedFile opened(OpenDescriptor(folder, O_RDONLY | O_DIRECTORY));
     alignas(dirent64) char buffer[8192];
     for (ssize_t size; (size = getdents64(opened.Get(), buffer, sizeof buffer)) > 0;) {
         for (ssize_t at = 0; at < size;) {
@@ -38,7 +39,7 @@ public:
     /// Reads on from `place`, which is moved behind what was read, or tells that there is no more.
     void Read(const char* folder, std::int64_t& place, bool& ended)
     {
-        const ScopedFile opened(open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        const ScopedFile opened(OpenDescriptor(folder, O_RDONLY | O_DIRECTORY));
         if (lseek(opened.Get(), place, SEEK_SET) == place)
             m_size = getdents64(opened.Get(), m_buffer, sizeof m_buffer);
         ended = m_size <= 0;

@@ -30,7 +30,7 @@ constexpr Form forms[LimitCount] = {
     {"the temp folder's disk of %llu MB, %llu MB left", mb},
     {"the temp folder's disk of %llu files, %llu left", one},
     {"the user's disk quota", one},
-    {"control group of %llu MB, %llu MB left, of which 16 are kept", mb},
+    {"control group of %llu MB, %llu MB left, of which 16 or more are kept", mb},
     {"the machine's memory of %llu MB, %llu MB left, of which 16 are kept", mb},
     {"the machine's promises of %llu MB (vm.overcommit_memory), %llu MB left", mb},
     {"address space of %llu MB (RLIMIT_AS), %llu MB left", mb},

@@ -1,6 +1,7 @@
 #ifndef PLATFORM_POSIX_LINES_H
 #define PLATFORM_POSIX_LINES_H
 
+#include "Platform/Posix/Descriptors.h"
 #include "Platform/Posix/Scoped.h"
 
 #include <algorithm>
@@ -16,7 +17,7 @@
 class Lines
 {
 public:
-    explicit Lines(const char* path) : m_file(open(path, O_RDONLY | O_CLOEXEC)) {}
+    explicit Lines(const char* path) : m_file(OpenDescriptor(path, O_RDONLY)) {}
 
     bool Next(std::string_view& line)
     {

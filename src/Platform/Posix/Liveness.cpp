@@ -1,5 +1,6 @@
 #include "Platform/Posix/Liveness.h"
 
+#include "Platform/Posix/Descriptors.h"
 #include "Platform/Posix/Paths.h"
 #include "Platform/Posix/Scoped.h"
 
@@ -125,7 +126,7 @@ int OpenToRead(const char* path)
     if (lstat(path, &status) != 0)
         return -1;
     if (S_ISREG(status.st_mode)) // opening anything else could do something
-        return open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+        return OpenDescriptor(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     errno = EINVAL;
     return -1;
 }

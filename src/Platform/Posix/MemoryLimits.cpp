@@ -22,6 +22,20 @@ constexpr std::uint64_t no_limit = std::numeric_limits<std::uint64_t>::max();
 /// What other processes may take meanwhile.
 constexpr std::uint64_t margin = std::uint64_t{16} << 20;
 
+/// A group that is full is never at rest: its processes take each other's copies of programs and
+/// files away and read them anew, until none gets on. What each of them needs at least, measured
+/// with pieces in temp files; but never more than half of what the group has.
+std::uint64_t margin_in(const char* folder, std::uint64_t limit)
+{
+    constexpr std::uint64_t each = std::uint64_t{4} << 20;
+    std::uint64_t others = 0;
+    Lines lines(GroupFile(folder, "cgroup.procs").path);
+    for (std::string_view line; lines.Next(line);)
+        ++others;
+    others -= std::min<std::uint64_t>(others, 1);
+    return std::max(margin, std::min(margin + others * each, limit / 2));
+}
+
 std::uint64_t number_at_front(std::string_view text, std::uint64_t otherwise)
 {
     text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
@@ -122,72 +136,85 @@ std::uint64_t AddressSpaceLimit()
     return std::min(SoftLimit(RLIMIT_AS), all);
 }
 
-MemoryRoom::MemoryRoom() : MemoryRoom(GroupFolders::OfThisProcess(), "/proc/meminfo") {}
+MemoryRoom::MemoryRoom() : m_machine("/proc/meminfo"), m_folders(GroupFolders::OfThisProcess())
+{
+    find_limits();
+}
 
 MemoryRoom::MemoryRoom(const GroupFolders& folders, const char* machine)
     : m_machine(machine), m_folders(folders)
+{
+    find_limits();
+}
+
+void MemoryRoom::find_limits()
 {
     const std::uint64_t most = MachineMemory(); // a limit above is none
     for (std::size_t at = 0; at < m_folders.Count(); ++at) {
         const GroupVersion& version = m_folders.Version(at);
         const std::uint64_t limit = read_limit(m_folders.Path(at), version.limit_file);
         if (limit < most)
-            m_groups[m_count++] = {&version, m_folders.Path(at), limit};
+            m_groups[m_count++] = {&version, m_folders.Path(at), limit,
+                                   margin_in(m_folders.Path(at), limit)};
     }
 }
 
-bool MemoryRoom::Bears(std::uint64_t more, std::uint64_t done) const
+std::uint64_t MemoryRoom::Grants(std::uint64_t more, std::uint64_t done) const
 {
-    const auto bears = [wanted = more + margin, done](const Group& group) {
-        return group_bears(group, wanted, done);
-    };
-    if (machine_bears(more + margin, done) && std::all_of(m_groups, m_groups + m_count, bears))
-        return true;
+    constexpr std::uint64_t least = std::uint64_t{1} << 16;
+    constexpr std::uint64_t shares = 64;
+    const std::uint64_t smallest = std::min(more, least);
+    std::uint64_t room = room_on_machine(smallest, done);
+    for (std::size_t at = 0; at < m_count; ++at)
+        room = std::min(room, room_in(m_groups[at], smallest, shares * more, done));
+    if (smallest <= room)
+        return std::clamp(room / shares, smallest, more);
     errno = ENOMEM;
-    return false;
+    return 0;
 }
 
 /// The table of pages is long: it is read only if it matters.
-bool MemoryRoom::group_bears(const Group& group, std::uint64_t wanted, std::uint64_t done)
+std::uint64_t MemoryRoom::room_in(const Group& group, std::uint64_t least, std::uint64_t enough,
+                                  std::uint64_t done)
 {
     const std::uint64_t usage = read_limit(group.folder, group.version->usage_file);
-    if (usage == no_limit || usage + wanted <= group.limit)
-        return true;
+    if (usage == no_limit || usage + group.margin + enough <= group.limit)
+        return enough;
     const Table& table = group.version->reclaimable;
     const std::uint64_t reclaimable =
         sum(GroupFile(group.folder, table.file).path, table).value_or(0);
-    if (usage + wanted <= group.limit + reclaimable)
-        return true;
-    const std::uint64_t most = group.limit + reclaimable + done;
-    MeetLimit(Limit::Group, group.limit, most - std::min(most, usage));
-    return false;
+    const std::uint64_t room = rest(group.limit + reclaimable, usage + group.margin);
+    if (room < least)
+        MeetLimit(Limit::Group, group.limit, rest(group.limit + reclaimable + done, usage));
+    return room;
 }
 
-bool MemoryRoom::machine_bears(std::uint64_t wanted, std::uint64_t done) const
+std::uint64_t MemoryRoom::room_on_machine(std::uint64_t least, std::uint64_t done) const
 {
     const std::optional<std::uint64_t> left = sum(m_machine, {"", {"MemAvailable:", "SwapFree:"}});
-    if (!left || wanted <= kibibytes(*left))
-        return true;
-    MeetLimit(Limit::Machine, MachineMemory(), kibibytes(*left) + done);
-    return false;
+    if (!left)
+        return no_limit;
+    const std::uint64_t room = rest(kibibytes(*left), margin);
+    if (room < least)
+        MeetLimit(Limit::Machine, MachineMemory(), kibibytes(*left) + done);
+    return room;
 }
 
 std::uint64_t MemoryRoom::LeftInGroups() const
 {
     std::uint64_t left = no_limit;
     for (std::size_t at = 0; at < m_count; ++at) {
-        const auto& [version, folder, limit] = m_groups[at];
+        const auto& [version, folder, limit, kept] = m_groups[at];
         const Table& table = version->reclaimable;
         const std::uint64_t cached = sum(GroupFile(folder, table.file).path, table).value_or(0);
         const std::uint64_t usage = read_limit(folder, version->usage_file);
         if (usage != no_limit)
-            left = std::min(left, rest(limit + cached, usage + margin));
+            left = std::min(left, rest(limit + cached, usage + kept));
     }
     return left;
 }
 
 std::uint64_t MemoryRoom::LeftOnMachine() const
 {
-    const std::optional<std::uint64_t> left = sum(m_machine, {"", {"MemAvailable:", "SwapFree:"}});
-    return left ? rest(kibibytes(*left), margin) : no_limit;
+    return room_on_machine(0, 0);
 }

@@ -58,11 +58,13 @@ public:
     MemoryRoom(const MemoryRoom&) = delete;
     MemoryRoom& operator=(const MemoryRoom&) = delete;
 
-    /// Whether `more` bytes leave a margin, for what other processes take meanwhile, in each of
-    /// the groups and on the machine. Pages that hold a copy of what is on disk count as free.
-    /// `done` bytes were taken before and are given back if these can't be had.
-    /// @return false with errno, ENOMEM, and the limit remembered.
-    bool Bears(std::uint64_t more, std::uint64_t done = 0) const;
+    /// How many of `more` bytes can be taken at once so that a margin is left, for what other
+    /// processes take meanwhile, in each of the groups and on the machine. Pages that hold a copy
+    /// of what is on disk count as free. The nearer a limit, the fewer: many processes that look at
+    /// the same time don't go past it together. `done` bytes were taken before and are given back
+    /// if these can't be had.
+    /// @return 0 with errno, ENOMEM, and the limit remembered, if there is room for none.
+    std::uint64_t Grants(std::uint64_t more, std::uint64_t done = 0) const;
 
     /// The most that one of the two would bear; the greatest number where that isn't told.
     std::uint64_t LeftInGroups() const;
@@ -73,10 +75,13 @@ private:
         const GroupVersion* version;
         const char* folder;
         std::uint64_t limit;
+        std::uint64_t margin;
     };
 
-    static bool group_bears(const Group& group, std::uint64_t wanted, std::uint64_t done);
-    bool machine_bears(std::uint64_t wanted, std::uint64_t done) const;
+    void find_limits();
+    static std::uint64_t room_in(const Group& group, std::uint64_t least, std::uint64_t enough,
+                                 std::uint64_t done);
+    std::uint64_t room_on_machine(std::uint64_t least, std::uint64_t done) const;
 
     const char* const m_machine;
     const GroupFolders m_folders;

@@ -69,7 +69,11 @@ bool IsMissing(const char* path)
 
 bool RemoveName(const char* path, const FileIdentity& identity)
 {
-    return !StandsFor(path, identity) || unlink(path) == 0 || errno == ENOENT;
+    struct stat status;
+    const bool is_there = lstat(path, &status) == 0;
+    if (is_there && FileIdentity{status.st_dev, status.st_ino} != identity)
+        return true;
+    return (is_there && unlink(path) == 0) || errno == ENOENT || errno == ENOTDIR;
 }
 
 const char* LastPart(const char* path)

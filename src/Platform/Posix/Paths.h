@@ -31,7 +31,8 @@ bool StandsFor(const char* path, const FileIdentity& identity);
 bool IsMissing(const char* path);
 
 /// Takes the name away if it still stands for that file or link. Call it while the file is open,
-/// so that no other can have its identity. @return false with errno if the name is still there.
+/// so that no other can have its identity. @return false with errno if the name is still there,
+/// or that can't be known.
 bool RemoveName(const char* path, const FileIdentity& identity);
 
 /// The part of a path behind its last separator.

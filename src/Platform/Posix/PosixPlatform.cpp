@@ -11,6 +11,7 @@
 #include "Platform/Posix/MemoryLimits.h"
 #include "Platform/Posix/Scoped.h"
 #include "Platform/Posix/ThreadId.h"
+#include "Platform/Posix/WriteSignals.h"
 #include "Platform/SystemPlatform.h"
 
 #include <algorithm>
@@ -52,34 +53,6 @@ PosixPlatform& instance()
     return *made;
 }
 
-using MappingOwner = std::unique_ptr<SharedMapping>;
-
-/// @return null with errno.
-MappingOwner allocate()
-{
-    MappingOwner mapping(new (std::nothrow) SharedMapping);
-    if (mapping == nullptr)
-        errno = ENOMEM;
-    return mapping;
-}
-
-/// What needs memory, done before the lock is taken. @return null with errno.
-MappingOwner prepare(const char* name, std::uint64_t size)
-{
-    MappingOwner mapping = allocate();
-    if (mapping == nullptr || !mapping->name.Prepare(SharedFolder, name))
-        return nullptr;
-    mapping->creator = getpid();
-    mapping->size = size;
-    return mapping;
-}
-
-/// A spare folder that can't be one is none.
-bool prepare_spare(SharedMapping& mapping, const char* name, const char* spare_folder)
-{
-    return mapping.spare_name.Prepare(spare_folder, name) || errno != ENOMEM;
-}
-
 bool lies_in(const SharedMapping& mapping, std::uint64_t offset, std::uint64_t size)
 {
     const bool lies = size != 0 && size <= mapping.size && offset <= mapping.size - size &&
@@ -113,12 +86,12 @@ void* PosixPlatform::CreateSharedMapping(const char* name, std::uint64_t size,
                                          const char* spare_folder)
 {
     ForgetLimits();
-    MappingOwner mapping = prepare(name, size);
-    if (!told(mapping != nullptr && prepare_spare(*mapping, name, spare_folder)))
+    MappingOwner mapping = PrepareMapping(name, size);
+    if (!told(mapping != nullptr && PrepareSpare(*mapping, name, spare_folder)))
         return nullptr;
     clean_up_at_exit();
 
-    const std::lock_guard lock(m_mutex);
+    const WholeGuard lock(m_mutex);
     return told(MakeInSharedMemory(*mapping, spare_folder)) ? handed_out(mapping) : nullptr;
 }
 
@@ -126,13 +99,13 @@ void* PosixPlatform::CreateFileMapping(const char* path, const char* name, std::
                                        FileFault* fault)
 {
     ForgetLimits();
-    MappingOwner mapping = prepare(name, size);
+    MappingOwner mapping = PrepareMapping(name, size);
     *fault = FileFault::Mapping;
     if (!told(mapping != nullptr))
         return nullptr;
     clean_up_at_exit();
 
-    const std::lock_guard lock(m_mutex);
+    const WholeGuard lock(m_mutex);
     const Making outcome = MakeOverFile(*mapping, path);
     if (outcome == Making::NoFile)
         *fault = FileFault::File;
@@ -145,8 +118,8 @@ void* PosixPlatform::CreateFileMapping(const char* path, const char* name, std::
 void* PosixPlatform::OpenMapping(const char* name, const char* spare_folder)
 {
     ForgetLimits();
-    MappingOwner mapping = allocate();
-    const std::lock_guard lock(m_mutex);
+    MappingOwner mapping = AllocateMapping();
+    const WholeGuard lock(m_mutex);
     const bool opened =
         told(mapping != nullptr && OpenFile(name, spare_folder, mapping->file, mapping->size));
     return opened ? handed_out(mapping) : nullptr;
@@ -154,6 +127,7 @@ void* PosixPlatform::OpenMapping(const char* name, const char* spare_folder)
 
 void* PosixPlatform::MapView(void* mapping, std::uint64_t offset, std::uint64_t size)
 {
+    const NoCancellation calm;
     ForgetLimits();
     const SharedMapping& shared = *static_cast<SharedMapping*>(mapping);
     return told(lies_in(shared, offset, size) ? shared.file.anchor.View(offset, size) : nullptr);
@@ -166,18 +140,21 @@ bool PosixPlatform::UnmapView(void* view, std::uint64_t size)
 
 bool PosixPlatform::CloseMapping(void* mapping)
 {
-    const MappingOwner shared(static_cast<SharedMapping*>(mapping));
-    const std::lock_guard lock(m_mutex);
+    auto* const shared = static_cast<SharedMapping*>(mapping);
+    const WholeGuard lock(m_mutex);
+    // The name goes first: it must not be seen without the creator's lock. One that won't go is
+    // tried again at exit, and until then known as this process's by the page.
+    if (!told(RemoveOwnNames(*shared)))
+        return shared->file.anchor.DropDescriptor(), false;
+    const MappingOwner owner(shared);
     delist(*shared);
-    // The name goes first: it must not be seen without the creator's lock.
-    const bool name_is_gone = told(RemoveOwnNames(*shared));
-    return told(shared->file.anchor.Drop()) && name_is_gone;
+    return told(shared->file.anchor.Drop());
 }
 
 bool PosixPlatform::RemoveDeadMapping(const char* folder, const char* name)
 {
     Path path;
-    const std::lock_guard lock(m_mutex);
+    const WholeGuard lock(m_mutex);
     return told(path.Join(folder, name) && RemoveFileOrLinkIfDead(path.Text()));
 }
 
@@ -208,7 +185,7 @@ void PosixPlatform::ListFiles(const char* folder, const char* prefix, Names& nam
     do {
         if (!list.Grow())
             return;
-        const std::lock_guard lock(m_mutex);
+        const WholeGuard lock(m_mutex);
         ForEachName(folder, prefix, [&list](const char* name) { list.Add(name); });
     } while (!list.IsComplete());
     list.ForEach([&names](const char* name) { names.Take(name); });
@@ -218,7 +195,7 @@ void PosixPlatform::ListSome(const char* folder, const char* prefix, Place& plac
 {
     FewNames few;
     {
-        const std::lock_guard lock(m_mutex);
+        const WholeGuard lock(m_mutex);
         few.Read(folder, place.at, place.ended);
     }
     few.ForEach(prefix, [&names](const char* name) { names.Take(name); });
@@ -227,7 +204,7 @@ void PosixPlatform::ListSome(const char* folder, const char* prefix, Place& plac
 /// The lock on the file decides, not the id: another process may have that by now.
 Platform::Maker PosixPlatform::MakerOf(const char* path, long process)
 {
-    const std::lock_guard lock(m_mutex);
+    const WholeGuard lock(m_mutex);
     const ScopedFile file(OpenToRead(path));
     if (!file || CreatorLives(file.Get()))
         return Maker::Running;
@@ -236,7 +213,7 @@ Platform::Maker PosixPlatform::MakerOf(const char* path, long process)
 
 bool PosixPlatform::RemoveDeadFile(const char* path)
 {
-    const std::lock_guard lock(m_mutex);
+    const WholeGuard lock(m_mutex);
     return told(RemoveIfDead(path));
 }
 
@@ -271,7 +248,7 @@ void PosixPlatform::at_exit()
 void PosixPlatform::remove_own_names()
 {
     m_cleans_up = false;
-    const std::lock_guard lock(m_mutex);
+    const WholeGuard lock(m_mutex);
     for (const SharedMapping* mapping = m_mappings; mapping != nullptr; mapping = mapping->next)
         RemoveOwnNames(*mapping);
 }
@@ -285,6 +262,7 @@ void PosixPlatform::disown_all()
 
 void PosixPlatform::before_fork()
 {
+    const NoCancellation calm;
     RememberTimeZone();
     instance().m_mutex.lock();
 }
@@ -306,6 +284,18 @@ bool PosixPlatform::OnFork(void (*prepare)(), void (*parent)(), void (*child)())
     return pthread_atfork(prepare, parent, child) == 0;
 }
 
+int PosixPlatform::HoldOffCancellation()
+{
+    int before = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+    return before;
+}
+
+void PosixPlatform::RestoreCancellation(int before)
+{
+    pthread_setcancelstate(before, &before);
+}
+
 // Errors -----------------------------------------------------------------------------------------
 
 unsigned long PosixPlatform::LastError()
@@ -315,6 +305,7 @@ unsigned long PosixPlatform::LastError()
 
 void PosixPlatform::ErrorText(unsigned long error, char* text, std::size_t size)
 {
+    const NoCancellation calm;
     char room[256];
     std::snprintf(text, size, "%s", strerror_r(static_cast<int>(error), room, sizeof room));
 }
@@ -352,11 +343,13 @@ std::uint32_t PosixPlatform::AllocationGranularity()
 
 std::uint64_t PosixPlatform::PhysicalMemory()
 {
+    const NoCancellation calm;
     return std::min(::MachineMemory(), ControlGroupLimit());
 }
 
 std::uint64_t PosixPlatform::CommittedMemory()
 {
+    const NoCancellation calm;
     return ReadCommitment().promised;
 }
 
@@ -367,23 +360,26 @@ std::uint64_t PosixPlatform::AddressSpace()
 
 Platform::Machine PosixPlatform::MachineMemory()
 {
+    const NoCancellation calm;
     const MachineNow now = ReadMachine();
     return {now.memory, now.available_memory, now.swap, now.available_swap};
 }
 
 bool PosixPlatform::AddressSpaceUse(std::uint64_t& used, std::uint64_t& largest_free)
 {
+    const NoCancellation calm;
     return ReadAddressSpace(AddressSpaceLimit(), used, largest_free);
 }
 
 bool PosixPlatform::ListStretches(Stretches& stretches)
 {
-    const std::lock_guard lock(m_mutex);
+    const WholeGuard lock(m_mutex);
     return ListMaps(m_mappings, stretches);
 }
 
 std::uint64_t PosixPlatform::MostStretches()
 {
+    const NoCancellation calm;
     return MostMaps();
 }
 
@@ -399,6 +395,7 @@ bool PosixPlatform::TrimWorkingSet(Views& views)
 
 void PosixPlatform::OnAllocationFailure(AllocationHandler handler)
 {
+    const NoCancellation calm;
     PrepareLastWords(); // for the time when that handler reports
     SetAllocationHandler(handler);
 }
@@ -440,50 +437,47 @@ void PosixPlatform::SystemName(char* text, std::size_t size)
 
 void PosixPlatform::ProcessName(char* text, std::size_t size)
 {
+    const NoCancellation calm;
     WriteProcessName(text, size);
 }
 
 void PosixPlatform::TimeAndDate(char* text, std::size_t size)
 {
+    const NoCancellation calm;
     WriteTimeAndDate(text, size);
 }
 
 long long PosixPlatform::FileLength(const char* path)
 {
-    const std::lock_guard lock(m_mutex);
+    const WholeGuard lock(m_mutex);
     return LengthOfFile(path);
 }
 
 bool PosixPlatform::TruncateFile(const char* path)
 {
-    const std::lock_guard lock(m_mutex);
+    const WholeGuard lock(m_mutex);
     return EmptyFile(path);
 }
 
 bool PosixPlatform::AppendToFile(const char* path, const char* text, std::size_t size)
 {
-    const std::lock_guard lock(m_mutex);
+    const WholeGuard lock(m_mutex);
     return told(AddToFile(path, text, size));
 }
 
 void PosixPlatform::StackTrace()
 {
     const KeepErrno keep;
+    const NoCancellation calm;
+    const NoWriteSignals quiet;
     WriteStackTrace();
 }
 
 void PosixPlatform::WriteStandardError(const char* text, std::size_t size)
 {
     const KeepErrno keep;
-    const NoCancellation calm; // its callers let nothing out
-    while (size != 0) {
-        const ssize_t written = write(STDERR_FILENO, text, size);
-        if (written == 0 || (written < 0 && errno != EINTR))
-            return;
-        const auto done = static_cast<std::size_t>(std::max<ssize_t>(written, 0));
-        text += done;
-        size -= done;
-    }
+    const NoCancellation calm;
+    WriteAll(STDERR_FILENO, text, size);
 }
 
 // Inspection -------------------------------------------------------------------------------------
@@ -495,9 +489,10 @@ const char* PosixPlatform::MappingFolder()
 
 bool PosixPlatform::Inspect(const char* path, FileFacts& facts)
 {
+    const NoCancellation calm;
     uid_t owner = 0;
     facts = {};
-    if (const std::lock_guard lock(m_mutex); !told(ReadFacts(path, facts, owner)))
+    if (const WholeGuard lock(m_mutex); !told(ReadFacts(path, facts, owner)))
         return false;
     WriteUserName(owner, facts.owner, sizeof facts.owner); // it may allocate
     return true;
@@ -505,6 +500,7 @@ bool PosixPlatform::Inspect(const char* path, FileFacts& facts)
 
 void PosixPlatform::ProgramOf(const char* path, long process, char* text, std::size_t size)
 {
+    const NoCancellation calm;
     WriteProgramOf(path, process, text, size);
 }
 
@@ -515,5 +511,6 @@ bool PosixPlatform::RemoveLostLink(const char* path)
 
 void PosixPlatform::Examine(const Demand& demand, Findings& findings)
 {
+    const NoCancellation calm;
     ExamineMachine(demand, findings);
 }

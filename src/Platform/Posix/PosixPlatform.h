@@ -5,7 +5,6 @@
 #include "Platform/Posix/SharedMapping.h"
 
 #include <atomic>
-#include <memory>
 #include <mutex>
 
 /// Linux. A mapping is a file in /dev/shm, or one elsewhere with a link to it in /dev/shm. It is
@@ -44,6 +43,8 @@ public:
 
     long ProcessId() override;
     long ThreadId() override;
+    int HoldOffCancellation() override;
+    void RestoreCancellation(int before) override;
     bool OnFork(void (*prepare)(), void (*parent)(), void (*child)()) override;
 
     std::uint32_t AllocationGranularity() override;
@@ -86,7 +87,7 @@ private:
     void clean_up_at_exit();
     void remove_own_names();
     void disown_all();
-    void* handed_out(std::unique_ptr<SharedMapping>& mapping);
+    void* handed_out(MappingOwner& mapping);
     void delist(SharedMapping& mapping);
 
     std::mutex m_mutex;

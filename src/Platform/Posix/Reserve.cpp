@@ -3,6 +3,7 @@
 #include "Platform/Posix/Limits.h"
 #include "Platform/Posix/MemoryLimits.h"
 #include "Platform/Posix/Paths.h"
+#include "Platform/Posix/WriteSignals.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -53,13 +54,14 @@ bool reserve_step(int file, std::uint64_t offset, std::uint64_t size)
     return errno == EOPNOTSUPP && write_zeros(file, offset, size);
 }
 
-/// `look` says, before each step, whether so many bytes more can be borne, and how many were done.
+/// `look` says, before each step, how many of so many bytes more it may take, and is told how many
+/// were done.
 template <class Look>
 bool reserve_in_steps(int file, std::uint64_t size, std::uint64_t step, Look look)
 {
     for (std::uint64_t done = 0; done < size;) {
-        const std::uint64_t now = std::min(step, size - done);
-        if (!look(now, done))
+        const std::uint64_t now = look(std::min(step, size - done), done);
+        if (now == 0)
             return false;
         if (reserve_step(file, done, now))
             done += now;
@@ -84,16 +86,17 @@ bool FitsFileLimit(std::uint64_t size)
 
 bool Reserve(int file, std::uint64_t size)
 {
+    const NoWriteSignals quiet;
     if (!FitsFileLimit(size))
         return false;
     if (!lies_in_memory(file))
-        return reserve_in_steps(file, size, disk_step, [](auto...) { return true; });
+        return reserve_in_steps(file, size, disk_step, [](auto step, auto) { return step; });
 
     // Other processes reserve at the same time: one look for the whole size isn't enough.
     const MemoryRoom room;
     return reserve_in_steps(
         file, size, memory_step,
-        [&room](std::uint64_t more, std::uint64_t done) { return room.Bears(more, done); });
+        [&room](std::uint64_t more, std::uint64_t done) { return room.Grants(more, done); });
 }
 
 bool LiesOnDisk(const char* folder)

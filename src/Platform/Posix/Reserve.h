@@ -9,8 +9,8 @@
 /// @return false with errno and the limit remembered, possibly with a part of it reserved.
 bool Reserve(int file, std::uint64_t size);
 
-/// Whether a file may be `size` bytes long: past the limit the system would send a signal that ends
-/// the process. @return false with errno.
+/// Whether a file may be `size` bytes long, by the limit that is set on this process.
+/// @return false with errno.
 bool FitsFileLimit(std::uint64_t size);
 
 /// Whether the folder is on a disk, not in memory. @return false also if that can't be known.

@@ -3,10 +3,13 @@
 
 #include "Platform/KeepErrno.h"
 
+#include <mutex>
+
 #include <pthread.h>
 #include <unistd.h>
 
-/// Keeps the thread from being cancelled for a scope.
+/// Keeps the thread from being cancelled for a scope. A thread that is cancelled meanwhile ends at
+/// the host's next such point.
 class NoCancellation
 {
 public:
@@ -17,6 +20,18 @@ public:
 
 private:
     int m_state = PTHREAD_CANCEL_ENABLE;
+};
+
+/// Holds a mutex for a scope, and keeps the thread from being cancelled: what it guards is never
+/// left half done.
+class WholeGuard
+{
+public:
+    explicit WholeGuard(std::mutex& mutex) : m_lock(mutex) {}
+
+private:
+    const NoCancellation m_calm;
+    const std::lock_guard<std::mutex> m_lock;
 };
 
 /// Owns a descriptor; negative means that there is none. Leaves errno alone at its end.

@@ -1,5 +1,6 @@
 #include "Platform/Posix/SharedFile.h"
 
+#include "Platform/Posix/Descriptors.h"
 #include "Platform/Posix/Limits.h"
 #include "Platform/Posix/Liveness.h"
 #include "Platform/Posix/Reserve.h"
@@ -44,7 +45,7 @@ int open_nameless(const char* path)
 {
     Path folder;
     return folder.SetFolderOf(path)
-               ? open(folder.Text(), O_TMPFILE | O_RDWR | O_CLOEXEC, private_mode)
+               ? OpenDescriptor(folder.Text(), O_TMPFILE | O_RDWR, private_mode)
                : -1;
 }
 
@@ -103,7 +104,7 @@ Making make_named_first(const char* path, const FileKind& kind, std::uint64_t si
                         SharedFile& file)
 {
     const ScopedFile made(
-        open(path, O_CREAT | O_EXCL | O_RDWR | O_NOFOLLOW | O_CLOEXEC, private_mode));
+        OpenDescriptor(path, O_CREAT | O_EXCL | O_RDWR | O_NOFOLLOW, private_mode));
     if (!made)
         return MeetNoNewFile(path), Making::NoFile;
     UnlinkOnExit undo(path, made.Get());

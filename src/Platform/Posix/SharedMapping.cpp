@@ -3,6 +3,8 @@
 #include "Platform/Posix/Reserve.h"
 #include "Platform/Posix/Scoped.h"
 
+#include <new>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -52,6 +54,29 @@ bool is_taken(const OwnName& name)
 bool IsForWantOfRoom(int error)
 {
     return error == ENOSPC || error == EDQUOT || error == ENOMEM;
+}
+
+MappingOwner AllocateMapping()
+{
+    MappingOwner mapping(new (std::nothrow) SharedMapping);
+    if (mapping == nullptr)
+        errno = ENOMEM;
+    return mapping;
+}
+
+MappingOwner PrepareMapping(const char* name, std::uint64_t size)
+{
+    MappingOwner mapping = AllocateMapping();
+    if (mapping == nullptr || !mapping->name.Prepare(SharedFolder, name))
+        return nullptr;
+    mapping->creator = getpid();
+    mapping->size = size;
+    return mapping;
+}
+
+bool PrepareSpare(SharedMapping& mapping, const char* name, const char* spare_folder)
+{
+    return mapping.spare_name.Prepare(spare_folder, name) || errno != ENOMEM;
 }
 
 bool MakeInSharedMemory(SharedMapping& mapping, const char* spare_folder)

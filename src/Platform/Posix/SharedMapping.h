@@ -4,6 +4,7 @@
 #include "Platform/Posix/SharedFile.h"
 
 #include <cstdint>
+#include <memory>
 
 #include <sys/types.h>
 
@@ -21,6 +22,15 @@ struct SharedMapping {
     FileIdentity in_maps; ///< what the maps call the file
     SharedMapping* next_in_bucket = nullptr;
 };
+
+using MappingOwner = std::unique_ptr<SharedMapping>;
+
+// What of a mapping needs memory, to be done before a lock is taken. Each fails with errno: null,
+// or false. A spare folder that can't be one is none.
+
+MappingOwner AllocateMapping();
+MappingOwner PrepareMapping(const char* name, std::uint64_t size);
+bool PrepareSpare(SharedMapping& mapping, const char* name, const char* spare_folder);
 
 /// Makes what a new mapping consists of, in shared memory or else in the spare folder. The names
 /// are prepared; one in the spare folder only if that can be used.
