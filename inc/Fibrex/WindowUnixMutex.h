@@ -136,6 +136,7 @@ private:
 class FIBREX_SCOPED_CAPABILITY WindowUnixGuard
 {
 public:
+    /// Takes the mutex, waiting for it.
     explicit WindowUnixGuard(WindowUnixMutex* mutex) FIBREX_ACQUIRE(mutex) : m_mutex(mutex)
     {
         m_mutex->CatchMutex();

@@ -27,6 +27,7 @@ public:
     /// What hash() takes for equal.
     enum caseCompare { exact, ignoreCase };
 
+    /// An empty string.
     constexpr RWCString() noexcept = default;
 
     /// A copy of a zero-terminated text; empty for null. Not explicit, so that a literal will do
@@ -39,17 +40,23 @@ public:
     /// The stretch as a string of its own; shares the buffer if the stretch is all of it.
     RWCString(const RWCSubString& stretch);
 
+    /// The same string; shares the buffer.
     RWCString(const RWCString& other) noexcept : m_buffer(other.m_buffer) { share(); }
+    /// Takes the buffer; `other` is empty afterwards.
     RWCString(RWCString&& other) noexcept : m_buffer(std::exchange(other.m_buffer, nullptr)) {}
     ~RWCString() { let_go(); }
 
+    /// As assign().
     RWCString& operator=(const RWCString& other) noexcept { return assign(other); }
+    /// Takes the buffer; `other` is empty afterwards, unless it is this string.
     RWCString& operator=(RWCString&& other) noexcept
     {
         RWCString taken(std::move(other)); // first, so that a string may be moved to itself
         return swap(taken);
     }
+    /// As assign().
     RWCString& operator=(const char* text) { return assign(text); }
+    /// As assign().
     RWCString& operator=(const RWCSubString& stretch) { return assign(stretch); }
 
     /// Takes on a value, which may be a part of this string itself.
@@ -58,11 +65,14 @@ public:
         RWCString copy(other);
         return swap(copy);
     }
+    /// The same of a zero-terminated text; null is empty.
     RWCString& assign(const char* text);
+    /// The same of a stretch.
     RWCString& assign(const RWCSubString& stretch);
 
     /// Appends; other strings that share the buffer don't see it.
     RWCString& operator+=(const RWCString& other);
+    /// The same of a zero-terminated text; null is empty.
     RWCString& operator+=(const char* text);
 
     /// Bytes, without the closing zero.
