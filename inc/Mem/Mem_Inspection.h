@@ -40,7 +40,7 @@ public:
     /// Whether the process that made it still has it. A lock on the file tells, not the process
     /// id: ids come again. A forked child that has inherited a piece keeps it alive, too.
     enum class State {
-        Alive,
+        Alive,   ///< somebody has it
         Dead,    ///< a leftover
         Unknown, ///< it can't be judged: another user's private file, or nothing of this library's
     };

@@ -1,6 +1,9 @@
 #ifndef MEM_MEMINFO_H
 #define MEM_MEMINFO_H
 
+/// @file
+/// Descriptors: what tells where a stretch of memory lies, here and for another process.
+
 #include "Rw/RWCString.h"
 #include "mempager_export.h"
 
@@ -218,8 +221,10 @@ public:
 private:
     friend struct Mem_TestAccess;
     friend class MEM_MemPager;
+    /// @cond
     friend MEMPAGER_EXPORT Zor_oBuffer& operator<<(Zor_oBuffer& out, MEM_MemInfo& info);
     friend MEMPAGER_EXPORT Zor_iBuffer& operator>>(Zor_iBuffer& in, MEM_MemInfo& info);
+    /// @endcond
 
     BaseMapInfo* m_owner = nullptr;
     unsigned int m_alignment = 0;

@@ -172,6 +172,7 @@ private:
     friend class Mem_MemFragmentsAllocator;
     friend struct Mem_ProcessPager;
 
+    /// @cond
     struct NameHash {
         std::size_t operator()(const RWCString& name) const { return name.hash(); }
     };
@@ -188,6 +189,7 @@ private:
         std::atomic<MEM_MemPager*> pager = nullptr;
         std::atomic<bool> ended = false;
     };
+    /// @endcond
 
     /// A pager on the process's memory heap.
     MEM_MemPager();

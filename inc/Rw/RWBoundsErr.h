@@ -1,6 +1,9 @@
 #ifndef RW_RWBOUNDSERR_H
 #define RW_RWBOUNDSERR_H
 
+/// @file
+/// The error of an index past the end.
+
 #include "mempager_export.h"
 
 #include <cstdint>

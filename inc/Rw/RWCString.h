@@ -1,6 +1,9 @@
 #ifndef RW_RWCSTRING_H
 #define RW_RWCSTRING_H
 
+/// @file
+/// Strings that share their bytes.
+
 #include "mempager_export.h"
 
 #include <atomic>
@@ -25,7 +28,10 @@ class MEMPAGER_EXPORT RWCString
 {
 public:
     /// What hash() takes for equal.
-    enum caseCompare { exact, ignoreCase };
+    enum caseCompare {
+        exact,      ///< the same bytes
+        ignoreCase, ///< letters of ASCII in either case
+    };
 
     /// An empty string.
     constexpr RWCString() noexcept = default;
@@ -95,10 +101,12 @@ public:
     /// @throws RWBoundsErr if it doesn't lie within the string.
     RWCSubString operator()(std::size_t position, std::size_t length) const;
 
+    /// Whether the bytes are the same.
     friend bool operator==(const RWCString& a, const RWCString& b) noexcept
     {
         return a.m_buffer == b.m_buffer || a.view() == b.view();
     }
+    /// The same of a zero-terminated text; null is empty.
     friend bool operator==(const RWCString& a, const char* b) noexcept
     {
         return a.view() == text_view(b);
@@ -109,11 +117,13 @@ public:
     {
         return a.view() <=> b.view();
     }
+    /// The same of a zero-terminated text; null is empty.
     friend std::strong_ordering operator<=>(const RWCString& a, const char* b) noexcept
     {
         return a.view() <=> text_view(b);
     }
 
+    /// The bytes of both, one behind the other. Throws std::bad_alloc.
     friend MEMPAGER_EXPORT RWCString operator+(const RWCString& a, const RWCString& b);
 
 private:
@@ -121,6 +131,7 @@ private:
     friend class RWCTokenizer;
     friend struct Mem_TestAccess;
 
+    /// @cond
     /// The head of a buffer; the bytes and a zero stand right behind it, in one allocation.
     struct Buffer {
         explicit Buffer(std::size_t size) noexcept : length(size) {}
@@ -129,6 +140,7 @@ private:
         std::atomic<std::size_t> holders{1};
         const std::size_t length;
     };
+    /// @endcond
 
     static std::string_view text_view(const char* text) noexcept
     {

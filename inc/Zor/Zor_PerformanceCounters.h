@@ -1,6 +1,9 @@
 #ifndef ZOR_ZOR_PERFORMANCECOUNTERS_H
 #define ZOR_ZOR_PERFORMANCECOUNTERS_H
 
+/// @file
+/// Counters of how often and how long.
+
 #include "Rw/RWCString.h"
 #include "mempager_export.h"
 
@@ -9,7 +12,9 @@
 #include <vector>
 
 /// What a counter counts. There is one kind: intervals of time.
-enum Zor_PerformanceCountersTypes { ZOR_COUNT_INTERVALS = 0 };
+enum Zor_PerformanceCountersTypes {
+    ZOR_COUNT_INTERVALS = 0, ///< stretches of time
+};
 
 /// Further data of a counter. There is none: null is passed.
 class Zor_PerformanceMiscData;
