@@ -1,9 +1,9 @@
 # What every target of this project is compiled with.
 function(mempager_own_target target)
     target_compile_features(${target} PRIVATE cxx_std_20)
-    set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF COMPILE_WARNING_AS_ERROR ON)
+    set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
     target_compile_options(${target} PRIVATE -Wall -Wextra -Wconversion -Wshadow
-        $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+        $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety> $<$<BOOL:${MEMPAGER_WERROR}>:-Werror>)
     if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
         target_compile_options(${target} PRIVATE -Wno-restrict) # warns of std::string itself
     endif()

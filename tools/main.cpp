@@ -3,6 +3,8 @@
 
 #include "output.h"
 
+#include "mempager_version.h"
+
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
@@ -34,7 +36,7 @@ struct Request {
 
     Request()
     {
-        app.set_version_flag("--version", "mempager " MEMPAGER_VERSION);
+        app.set_version_flag("--version", "mempager " MEMPAGER_VERSION_STRING);
         app.require_subcommand(0, 1); // that there is one is looked at last
         app.footer(footer);
         for (CLI::App* const command : {ls, clean, doctor}) {

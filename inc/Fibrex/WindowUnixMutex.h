@@ -137,6 +137,7 @@ private:
 class FIBREX_SCOPED_CAPABILITY WindowUnixGuard
 {
 public:
+    /// Takes the mutex, waiting for it.
     explicit WindowUnixGuard(WindowUnixMutex* mutex) FIBREX_ACQUIRE(mutex) : m_mutex(mutex)
     {
         m_mutex->CatchMutex();

@@ -7,7 +7,7 @@
 /// What MEM_MemoryConfiguration::SetFileHeapParmeters() takes. A field with its default value
 /// leaves the setting unchanged.
 struct MEM_MemoryConfiguration_FileHeapParemeters {
-    static constexpr unsigned int kUnchanged = 4294967295u;
+    static constexpr unsigned int kUnchanged = 4294967295u; ///< what numbers have by default
 
     RWCString TempFilePath;                        ///< absolute, or of the current folder;
                                                    ///< empty: unchanged
@@ -44,10 +44,13 @@ public:
     /// Committed memory of the machine in MB above which new regions come from temp files;
     /// 0, the default, switches this off.
     unsigned int GetSwapFileComitAdaptiveLimitMB() { return m_swap_commit_adaptive_limit; }
+    /// Sets that limit.
     void SetSwapFileComitAdaptiveLimitMB(unsigned int mb) { m_swap_commit_adaptive_limit = mb; }
 
     ~MEM_MemoryConfiguration() = default;
+    /// The same settings.
     MEM_MemoryConfiguration(const MEM_MemoryConfiguration&) = default;
+    /// Takes all settings.
     MEM_MemoryConfiguration& operator=(const MEM_MemoryConfiguration&) = default;
 
     /// Takes the numbers and the temp path; the source's temp path is empty afterwards.
@@ -78,11 +81,13 @@ public:
 
     /// Shared memory in MB from which on new regions come from temp files; 1500 unless set.
     virtual unsigned int GetSwapMaxSizeInMb();
+    /// Sets that limit.
     virtual void SetSwapMaxSizeInMb(unsigned int mb);
 
     /// Pieces below this many bytes share regions with their like, larger ones with theirs;
     /// 128000 unless set.
     virtual unsigned int BlockSizeThreshold();
+    /// Sets that threshold.
     virtual void SetBlockSizeThreshold(unsigned int bytes);
 
     /// The least size of a new region in bytes; 8454144 (8 MB and 64 KB) unless set.
@@ -101,6 +106,7 @@ public:
 
     /// Bytes really unmapped after which the working set is trimmed; 0, the default, for never.
     virtual unsigned long long UnmapWorkingSetLimit();
+    /// Sets that limit.
     virtual void SetUnmapWorkingSetLimit(unsigned int bytes);
 
 protected:

@@ -51,7 +51,9 @@ public:
     Mem_FragmentsAllocator(size_t element_size, size_t elements, unsigned int fragment_size);
     virtual ~Mem_FragmentsAllocator();
 
+    /// A plain copy of the members; see above.
     Mem_FragmentsAllocator(const Mem_FragmentsAllocator&) = default;
+    /// The same.
     Mem_FragmentsAllocator& operator=(const Mem_FragmentsAllocator&) = default;
 
     /// The byte at `index`. The bytes behind it may be touched up to the fragment's end.
@@ -97,13 +99,13 @@ protected:
     /// Whether the buffer can be resized to that, with a log line if not.
     bool may_become(size_t new_elements) const;
 
-    bool valid = false; // set by the derived constructor that has built its storage
-    size_t element_size;
-    size_t elements;
-    unsigned int fragment_size = 0;
-    unsigned int last_fragment_size = 0; // 1 to fragment_size
-    size_t fragments_num = 0;
-    size_t total_buf_size = 0;
+    bool valid = false;             ///< set by the derived constructor that has built its storage
+    size_t element_size;            ///< bytes
+    size_t elements;                ///< in the buffer
+    unsigned int fragment_size = 0; ///< bytes of all fragments but the last
+    unsigned int last_fragment_size = 0; ///< bytes, 1 to fragment_size
+    size_t fragments_num = 0;            ///< 0 without a layout
+    size_t total_buf_size = 0;           ///< bytes
 };
 
 /// A buffer of the caller's behind the interface of fragments, as one fragment. The memory stays

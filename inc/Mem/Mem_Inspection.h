@@ -40,18 +40,19 @@ public:
     /// Whether the process that made it still has it. A lock on the file tells, not the process
     /// id: ids come again. A forked child that has inherited a piece keeps it alive, too.
     enum class State {
-        Alive,
+        Alive,   ///< somebody has it
         Dead,    ///< a leftover
         Unknown, ///< it can't be judged: another user's private file, or nothing of this library's
     };
 
+    /// One thing that was found.
     struct Entry {
-        Kind kind = Kind::Other;
-        State state = State::Unknown;
-        std::string path;        ///< of the file, with its folder
-        std::string link;        ///< the path in shared memory that leads to it; empty if none
-        std::uint64_t bytes = 0; ///< of memory or disk that it takes
-        long process = 0;        ///< its maker's id, by the name; 0 if there is none
+        Kind kind = Kind::Other;      ///< what it is
+        State state = State::Unknown; ///< whether somebody still has it
+        std::string path;             ///< of the file, with its folder
+        std::string link;             ///< the path in shared memory that leads to it; empty if none
+        std::uint64_t bytes = 0;      ///< of memory or disk that it takes
+        long process = 0;             ///< its maker's id, by the name; 0 if there is none
         std::string program;     ///< the name of that process's program; empty unless it is alive
         std::string owner;       ///< the user, by name, or by number if there is no name
         bool is_own = false;     ///< whether that is this process's user
@@ -59,6 +60,7 @@ public:
         std::uint64_t age = 0;   ///< seconds since it was made
     };
 
+    /// What List() has found.
     struct Listing {
         std::vector<Entry> entries;       ///< by kind and process
         std::vector<std::string> folders; ///< that were looked at
@@ -75,34 +77,38 @@ public:
         Kept,    ///< it couldn't be removed
     };
 
+    /// A leftover and what became of it.
     struct Removal {
-        Entry leftover;
-        Outcome outcome = Outcome::Kept;
-        std::string reason; ///< why it was kept; else empty
+        Entry leftover;                  ///< as it was found
+        Outcome outcome = Outcome::Kept; ///< what became of it
+        std::string reason;              ///< why it was kept; else empty
     };
 
+    /// What Clean() has done.
     struct Cleaning {
-        std::vector<Removal> removals;
-        std::size_t unjudged = 0; ///< private files of other users, which may be leftovers
-        std::vector<std::string> folders;
-        std::vector<std::string> unread;
+        std::vector<Removal> removals;    ///< one for each leftover
+        std::size_t unjudged = 0;         ///< private files of other users, which may be leftovers
+        std::vector<std::string> folders; ///< that were looked at
+        std::vector<std::string> unread;  ///< those that could not be
     };
 
     /// Removes what dead processes have left, and only that; each leftover is judged once more
     /// before it goes. `trial`: only tells what would be removed, and what could not.
     static Cleaning Clean(bool trial, const char* temp_folder = nullptr);
 
+    /// How well the library can work.
     enum class Verdict {
-        Ok,
+        Ok,      ///< nothing stands in its way
         Warning, ///< the library works, but less well or for less data than it is configured for
         Bad,     ///< calls will fail
     };
 
+    /// One thing that was examined.
     struct Finding {
-        Verdict verdict = Verdict::Ok;
-        std::string subject;
-        std::string value;  ///< what was found
-        std::string advice; ///< what to do about it; empty where nothing needs doing
+        Verdict verdict = Verdict::Ok; ///< the judgement
+        std::string subject;           ///< what was looked at
+        std::string value;             ///< what was found
+        std::string advice;            ///< what to do about it; empty where nothing needs doing
     };
 
     /// Holds the machine, and this process's limits, against the library's configuration as it

@@ -58,7 +58,9 @@ public:
     /// Frees all fragments, mapped or not.
     ~Mem_MemFragmentsAllocator() override;
 
+    /// A plain copy of the members: see the base class on why to make none.
     Mem_MemFragmentsAllocator(const Mem_MemFragmentsAllocator&) = default;
+    /// The same.
     Mem_MemFragmentsAllocator& operator=(const Mem_MemFragmentsAllocator&) = default;
 
     void* GetPointerAtIndex(size_t index) override

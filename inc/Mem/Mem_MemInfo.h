@@ -1,6 +1,9 @@
 #ifndef MEM_MEMINFO_H
 #define MEM_MEMINFO_H
 
+/// @file
+/// Descriptors: what tells where a stretch of memory lies, here and for another process.
+
 #include "Rw/RWCString.h"
 #include "mempager_export.h"
 
@@ -10,11 +13,13 @@ class Zor_oBuffer;
 
 /// A stretch of a region: its size and its offset from the region's start, in bytes.
 struct MEMPAGER_EXPORT Mem_MemoryChunk {
+    /// No bytes at offset 0.
     Mem_MemoryChunk() = default;
+    /// `size` bytes from `offset` on.
     Mem_MemoryChunk(unsigned int size, unsigned int offset) : m_Size(size), m_Offset(offset) {}
 
-    unsigned int m_Size = 0;
-    unsigned int m_Offset = 0;
+    unsigned int m_Size = 0;   ///< bytes
+    unsigned int m_Offset = 0; ///< bytes from the region's start
 };
 
 /// Base of everything that describes a stretch of backing store. It owns nothing: the block that
@@ -25,12 +30,16 @@ struct MEMPAGER_EXPORT Mem_MemoryChunk {
 class MEMPAGER_EXPORT BaseInfo
 {
 public:
+    /// A stretch of no bytes without an owner block.
     BaseInfo() = default;
+    /// `size` bytes at `offset` of `owner`, which may be null and isn't owned.
     BaseInfo(Block* owner, unsigned int size, unsigned int offset)
         : m_chunk(size, offset), m_owner_block(owner)
     {
     }
+    /// Describes the same stretch.
     BaseInfo(const BaseInfo&) = default;
+    /// Describes the same stretch from now on.
     BaseInfo& operator=(const BaseInfo&) = default;
     virtual ~BaseInfo();
 
@@ -46,7 +55,10 @@ public:
     /// The block that the stretch was carved from; null where there is none.
     virtual Block* OwnerBlock();
 
+    /// Size and offset together.
     virtual Mem_MemoryChunk GetChunk();
+
+    /// Sets size and offset; no memory moves by it.
     virtual void SetChunk(Mem_MemoryChunk chunk);
 
 private:
@@ -63,9 +75,13 @@ private:
 class MEMPAGER_EXPORT BaseMapInfo : public BaseInfo
 {
 public:
+    /// A stretch of no bytes.
     BaseMapInfo() : BaseMapInfo(0, 0) {}
+    /// A stretch without an owner block.
     BaseMapInfo(unsigned int size, unsigned int offset) : BaseInfo(nullptr, size, offset) {}
+    /// Describes the same stretch; a view stays with the one that has made it.
     BaseMapInfo(const BaseMapInfo&) = default;
+    /// As the copy.
     BaseMapInfo& operator=(const BaseMapInfo&) = default;
     ~BaseMapInfo() override;
 
@@ -121,6 +137,7 @@ public:
     /// Whether `name` has the form of a unique name, whoever made it. No region of another name is
     /// ever registered, or removed as a leftover. Allocates nothing. Threads: any.
     static bool IsUniqueName(const RWCString& name);
+    /// The same of a zero-terminated text.
     static bool IsUniqueName(const char* name);
 
     /// The name, without its folder, of the temp file that bears a unique name: that stands behind
@@ -183,15 +200,26 @@ public:
     /// Bytes from the mapping's start to the piece.
     unsigned int HandleOffset() override;
 
+    /// What the piece's address is a multiple of, in bytes; 0 for nothing.
     unsigned int Alignment() const { return m_alignment; }
+
+    /// The region's mapping object, the heap's; null if none is set.
     BaseMapInfo* Owner() const { return m_owner; }
+
+    /// Sets it; it isn't owned.
     void SetOwner(BaseMapInfo* owner) { m_owner = owner; }
 
     // What a streamed descriptor brought of its owner; meaningful after SetMappingInfo() alone.
+
+    /// The region's name.
     RWCString GetInfoName() const { return m_info_name; }
+    /// The name of the mapping that the region lies in.
     RWCString GetMappingName() const { return m_mapping_name; }
+    /// The maker's system handle of the mapping; of no use in another process.
     void* GetOwnerHandle() const { return m_owner_handle; }
+    /// Where the region begins in the mapping, in bytes.
     unsigned int GetOwnerOffset() const { return m_owner_offset; }
+    /// The region's size in bytes.
     unsigned int GetOwnerSize() const { return m_owner_size; }
 
     /// Replaces the streamed coordinates of the owner. The texts are copied.
@@ -205,8 +233,10 @@ public:
 private:
     friend struct Mem_TestAccess;
     friend class MEM_MemPager;
+    /// @cond
     friend MEMPAGER_EXPORT Zor_oBuffer& operator<<(Zor_oBuffer& out, MEM_MemInfo& info);
     friend MEMPAGER_EXPORT Zor_iBuffer& operator>>(Zor_iBuffer& in, MEM_MemInfo& info);
+    /// @endcond
 
     BaseMapInfo* m_owner = nullptr;
     unsigned int m_alignment = 0;

@@ -161,6 +161,7 @@ private:
     friend class Mem_MemFragmentsAllocator;
     friend struct Mem_ProcessPager;
 
+    /// @cond
     /// The source of the log's lines, in whichever file they are written.
     static constexpr char zor_log_source[] = "src/Mem/Mem_MemPager";
 
@@ -177,6 +178,7 @@ private:
         }
         std::atomic<MEM_MemPager*> pager = nullptr;
     };
+    /// @endcond
 
     /// A pager on the process's memory heap.
     MEM_MemPager();

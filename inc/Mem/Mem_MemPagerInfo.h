@@ -1,6 +1,9 @@
 #ifndef MEM_MEMPAGERINFO_H
 #define MEM_MEMPAGERINFO_H
 
+/// @file
+/// The client's handle to a piece.
+
 #include "Fibrex/WindowUnixMutex.h"
 #include "mempager_export.h"
 
@@ -40,9 +43,8 @@ struct PagerInfoState {
 ///     if (MEM_MemPager::GetHandle()->Allocate(size, &info, 0) == 0) {  // born mapped
 ///         fill(info.Ptr(), size);
 ///         info.Unmap();
-///         ...
 ///         if (info.Map() == 0)
-///             use(info.Ptr());                                        // may have moved
+///             use(info.Ptr(), size);                                  // may have moved
 ///     }
 ///
 /// Threads: any thread may use any handle. Different handles, copies of one piece included, need

@@ -37,7 +37,9 @@ public:
     /// Releases all fragments.
     ~Mem_VirtualFragmentsAllocator() override;
 
+    /// A plain copy of the members: see the base class on why to make none.
     Mem_VirtualFragmentsAllocator(const Mem_VirtualFragmentsAllocator&) = default;
+    /// The same.
     Mem_VirtualFragmentsAllocator& operator=(const Mem_VirtualFragmentsAllocator&) = default;
 
     void* GetPointerAtIndex(size_t index) override

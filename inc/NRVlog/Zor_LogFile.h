@@ -1,6 +1,9 @@
 #ifndef NRVLOG_ZOR_LOGFILE_H
 #define NRVLOG_ZOR_LOGFILE_H
 
+/// @file
+/// The log.
+
 #include "mempager_export.h"
 
 #include <functional>

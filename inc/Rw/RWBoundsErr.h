@@ -1,6 +1,9 @@
 #ifndef RW_RWBOUNDSERR_H
 #define RW_RWBOUNDSERR_H
 
+/// @file
+/// The error of an index past the end.
+
 #include "mempager_export.h"
 
 #include <cstdint>
@@ -9,7 +12,7 @@
 /// An entry of the message catalogue: the words that an RWMessage begins with. The text has to
 /// live as long as the entry is used.
 struct RWCatalogueEntry {
-    const char* text;
+    const char* text; ///< zero-terminated, not owned
 };
 
 /// An index into a table of elements, or into a text.
@@ -46,8 +49,11 @@ private:
 class MEMPAGER_EXPORT RWBoundsErr : public std::exception
 {
 public:
+    /// An error with that text.
     explicit RWBoundsErr(const RWMessage& message) noexcept : m_message(message) {}
+    /// An error with the same text.
     RWBoundsErr(const RWBoundsErr&) noexcept = default;
+    /// Takes the other's text.
     RWBoundsErr& operator=(const RWBoundsErr&) noexcept = default;
     ~RWBoundsErr() override;
 

@@ -1,6 +1,9 @@
 #ifndef RW_RWCSTRING_H
 #define RW_RWCSTRING_H
 
+/// @file
+/// Strings that share their bytes.
+
 #include "mempager_export.h"
 
 #include <atomic>
@@ -25,8 +28,12 @@ class MEMPAGER_EXPORT RWCString
 {
 public:
     /// What hash() takes for equal.
-    enum caseCompare { exact, ignoreCase };
+    enum caseCompare {
+        exact,      ///< the same bytes
+        ignoreCase, ///< letters of ASCII in either case
+    };
 
+    /// An empty string.
     constexpr RWCString() noexcept = default;
 
     /// A copy of a zero-terminated text; empty for null. Not explicit, so that a literal will do
@@ -39,17 +46,23 @@ public:
     /// The stretch as a string of its own; shares the buffer if the stretch is all of it.
     RWCString(const RWCSubString& stretch);
 
+    /// The same string; shares the buffer.
     RWCString(const RWCString& other) noexcept : m_buffer(other.m_buffer) { share(); }
+    /// Takes the buffer; `other` is empty afterwards.
     RWCString(RWCString&& other) noexcept : m_buffer(std::exchange(other.m_buffer, nullptr)) {}
     ~RWCString() { let_go(); }
 
+    /// As assign().
     RWCString& operator=(const RWCString& other) noexcept { return assign(other); }
+    /// Takes the buffer; `other` is empty afterwards, unless it is this string.
     RWCString& operator=(RWCString&& other) noexcept
     {
         RWCString taken(std::move(other)); // first, so that a string may be moved to itself
         return swap(taken);
     }
+    /// As assign().
     RWCString& operator=(const char* text) { return assign(text); }
+    /// As assign().
     RWCString& operator=(const RWCSubString& stretch) { return assign(stretch); }
 
     /// Takes on a value, which may be a part of this string itself.
@@ -58,11 +71,14 @@ public:
         RWCString copy(other);
         return swap(copy);
     }
+    /// The same of a zero-terminated text; null is empty.
     RWCString& assign(const char* text);
+    /// The same of a stretch.
     RWCString& assign(const RWCSubString& stretch);
 
     /// Appends; other strings that share the buffer don't see it.
     RWCString& operator+=(const RWCString& other);
+    /// The same of a zero-terminated text; null is empty.
     RWCString& operator+=(const char* text);
 
     /// Bytes, without the closing zero.
@@ -85,10 +101,12 @@ public:
     /// @throws RWBoundsErr if it doesn't lie within the string.
     RWCSubString operator()(std::size_t position, std::size_t length) const;
 
+    /// Whether the bytes are the same.
     friend bool operator==(const RWCString& a, const RWCString& b) noexcept
     {
         return a.m_buffer == b.m_buffer || a.view() == b.view();
     }
+    /// The same of a zero-terminated text; null is empty.
     friend bool operator==(const RWCString& a, const char* b) noexcept
     {
         return a.view() == text_view(b);
@@ -99,11 +117,13 @@ public:
     {
         return a.view() <=> b.view();
     }
+    /// The same of a zero-terminated text; null is empty.
     friend std::strong_ordering operator<=>(const RWCString& a, const char* b) noexcept
     {
         return a.view() <=> text_view(b);
     }
 
+    /// The bytes of both, one behind the other. Throws std::bad_alloc.
     friend MEMPAGER_EXPORT RWCString operator+(const RWCString& a, const RWCString& b);
 
 private:
@@ -111,6 +131,7 @@ private:
     friend class RWCTokenizer;
     friend struct Mem_TestAccess;
 
+    /// @cond
     /// The head of a buffer; the bytes and a zero stand right behind it, in one allocation.
     struct Buffer {
         explicit Buffer(std::size_t size) noexcept : length(size) {}
@@ -119,6 +140,7 @@ private:
         std::atomic<std::size_t> holders{1};
         const std::size_t length;
     };
+    /// @endcond
 
     static std::string_view text_view(const char* text) noexcept
     {

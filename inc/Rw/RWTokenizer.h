@@ -8,6 +8,7 @@
 class RWCTokenizer
 {
 public:
+    /// Begins at the start of `text`.
     explicit RWCTokenizer(const RWCString& text) noexcept : m_text(text) {}
 
     /// The next token: the longest stretch without any byte of `delimiters`, behind those that

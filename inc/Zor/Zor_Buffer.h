@@ -20,8 +20,9 @@ public:
     Zor_oBuffer();
     ~Zor_oBuffer() override;
 
-    /// Write a number in 4 bytes. They stand before std::ostream's, which write text.
+    /// Writes a number in 4 bytes. Stands before std::ostream's, which writes text.
     Zor_oBuffer& operator<<(int value);
+    /// The same.
     Zor_oBuffer& operator<<(unsigned int value);
 
     /// Writes a handle in 8 bytes. What it points to isn't read.
@@ -47,8 +48,9 @@ public:
     Zor_iBuffer(const void* data, std::size_t size);
     ~Zor_iBuffer() override;
 
-    /// Read a number of 4 bytes.
+    /// Reads a number of 4 bytes.
     Zor_iBuffer& operator>>(int& value);
+    /// The same.
     Zor_iBuffer& operator>>(unsigned int& value);
 
     /// Reads a handle of 8 bytes: a number that has a meaning in the writer's process only.

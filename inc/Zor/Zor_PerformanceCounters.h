@@ -1,6 +1,9 @@
 #ifndef ZOR_ZOR_PERFORMANCECOUNTERS_H
 #define ZOR_ZOR_PERFORMANCECOUNTERS_H
 
+/// @file
+/// Counters of how often and how long.
+
 #include "Rw/RWCString.h"
 #include "mempager_export.h"
 
@@ -9,20 +12,22 @@
 #include <vector>
 
 /// What a counter counts. There is one kind: intervals of time.
-enum Zor_PerformanceCountersTypes { ZOR_COUNT_INTERVALS = 0 };
+enum Zor_PerformanceCountersTypes {
+    ZOR_COUNT_INTERVALS = 0, ///< stretches of time
+};
 
 /// Further data of a counter. There is none: null is passed.
 class Zor_PerformanceMiscData;
 
 /// What a counter has gathered at one moment. Times are seconds; without a close they are 0.
 struct Zor_PerformanceCounterReading {
-    RWCString name;
-    int id = 0;
-    unsigned long long marks = 0;
-    unsigned long long closes = 0;
-    double total = 0;
-    double least = 0;
-    double greatest = 0;
+    RWCString name;                ///< not always unique
+    int id = 0;                    ///< the counter's number
+    unsigned long long marks = 0;  ///< how often an interval was opened
+    unsigned long long closes = 0; ///< how often one was closed
+    double total = 0;              ///< sum of all intervals
+    double least = 0;              ///< the shortest
+    double greatest = 0;           ///< the longest
 };
 
 /// One counter: sums up intervals that Mark() opens and EndMark() or End() closes.
@@ -60,6 +65,7 @@ public:
     Zor_PerformanceCounterReading Read() const noexcept;
 
 protected:
+    /// A counter that has counted nothing yet.
     Zor_PerformanceCounterData(const RWCString& name, int id) noexcept;
     virtual ~Zor_PerformanceCounterData();
 
@@ -95,6 +101,7 @@ public:
     /// How closely counters are to be kept; callers compare it with a level of their own. 0, the
     /// default, is none.
     static int GetLogLevel() noexcept;
+    /// Sets that level.
     static void SetLogLevel(int level) noexcept;
 
     /// Finds the counter called `name`, the first made if there are several, or adds one with a

@@ -8,17 +8,17 @@
 
 /// The machine's memory at one moment, in MB of 1048576 bytes.
 struct Zor_OSMemoryInfo {
-    std::uint64_t address_space = 0; ///< that a process may have
-    std::uint64_t total_ram = 0;
-    std::uint64_t total_swap = 0;
-    std::uint64_t available_ram = 0;
-    std::uint64_t available_swap = 0;
+    std::uint64_t address_space = 0;  ///< that a process may have
+    std::uint64_t total_ram = 0;      ///< of the machine
+    std::uint64_t total_swap = 0;     ///< swap space
+    std::uint64_t available_ram = 0;  ///< to be had without swapping
+    std::uint64_t available_swap = 0; ///< swap space that is free
 };
 
 /// This process's address space at one moment, in bytes.
 struct Zor_ProcessMemoryInfo {
-    std::uint64_t largest_free_block = 0;
-    std::uint64_t used_address_space = 0;
+    std::uint64_t largest_free_block = 0; ///< the longest stretch that is free
+    std::uint64_t used_address_space = 0; ///< all mappings
 };
 
 /// Further details that a caller can ask for. There are none: null is passed.

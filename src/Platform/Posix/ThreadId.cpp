@@ -1,8 +1,10 @@
 #include "Platform/Posix/ThreadId.h"
 
-#include <ace/Thread.h>
+#include <bit>
+
+#include <pthread.h>
 
 long CurrentThreadId()
 {
-    return static_cast<long>(ACE_Thread::self());
+    return std::bit_cast<long>(pthread_self()); // a number here, an address elsewhere
 }
