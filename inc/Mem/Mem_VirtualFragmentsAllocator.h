@@ -5,6 +5,7 @@
 #include "mempager_export.h"
 
 #include <cstddef>
+#include <utility>
 
 struct Mem_FragmentsResize;
 
@@ -37,8 +38,19 @@ public:
     /// Releases all fragments.
     ~Mem_VirtualFragmentsAllocator() override;
 
-    Mem_VirtualFragmentsAllocator(const Mem_VirtualFragmentsAllocator&) = default;
-    Mem_VirtualFragmentsAllocator& operator=(const Mem_VirtualFragmentsAllocator&) = default;
+    [[deprecated("both copies would free the fragments: move it")]] Mem_VirtualFragmentsAllocator(
+        const Mem_VirtualFragmentsAllocator&) = default;
+    [[deprecated("both copies would free the fragments: move it")]] Mem_VirtualFragmentsAllocator&
+    operator=(const Mem_VirtualFragmentsAllocator&) = default;
+
+    /// Takes the fragments, where they are. `other` isn't valid any more.
+    Mem_VirtualFragmentsAllocator(Mem_VirtualFragmentsAllocator&& other) noexcept { swap(other); }
+    Mem_VirtualFragmentsAllocator& operator=(Mem_VirtualFragmentsAllocator&& other) noexcept
+    {
+        Mem_VirtualFragmentsAllocator taken(std::move(other));
+        swap(taken);
+        return *this;
+    }
 
     void* GetPointerAtIndex(size_t index) override
     {
@@ -60,6 +72,12 @@ public:
 private:
     friend struct Mem_TestAccess;
     friend struct Mem_FragmentsResize;
+
+    void swap(Mem_VirtualFragmentsAllocator& other) noexcept
+    {
+        swap_layout(other);
+        std::swap(fragments, other.fragments);
+    }
 
     int reallocate_fragments(size_t new_fragments_num, size_t new_total_buf_size,
                              unsigned int new_last_fragment_size, bool is_partial) override;
