@@ -6,6 +6,7 @@
 #include "Zor/Zor_Buffer.h"
 #include "mempager/error.h"
 
+#include <atomic>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -32,12 +33,37 @@ struct for_overwrite_t {
 };
 inline constexpr for_overwrite_t for_overwrite{};
 
+namespace detail
+{
+/// A handle that stays where it is while guards hold its mappings. Its owner gives it up, and then
+/// the last guard deletes it.
+struct held {
+    MEM_PagerInfo handle;
+    std::atomic<bool> given_up = false;
+
+    bool is_mapped() const noexcept { return handle.Ptr() != nullptr; }
+};
+
+struct give_up {
+    void operator()(held* of) const noexcept
+    {
+        if (of->is_mapped())
+            of->given_up = true;
+        else
+            delete of;
+    }
+};
+using owned_handle = std::unique_ptr<held, give_up>;
+} // namespace detail
+
 /// Elements for as long as they are mapped: a std::span<T> that ends the mapping with its life,
 /// however the scope is left. Copies of the span part, as std::span(guard), hold no mapping.
 ///
-/// A piece can be mapped several times over; it stays mapped until the last guard is gone. The
-/// guard may be moved, also to another thread; what it was made from has to outlive it, but may
-/// be moved too. Giving back allocates nothing and doesn't fail.
+/// A piece can be mapped several times over; it stays mapped until the last guard is gone. A guard
+/// may be moved, also to another thread, and what it was made from may be moved and may end: the
+/// memory stays until the guard goes. Giving back allocates nothing and doesn't fail.
+///
+/// Threads: one for each guard. Those that outlive their piece are for one thread.
 template <class T>
 class [[nodiscard]] mapped : public std::span<T>
 {
@@ -45,28 +71,32 @@ public:
     /// Nothing.
     mapped() noexcept = default;
 
-    /// Takes over a mapping that `handle` holds, of `count` elements. For this layer.
-    mapped(MEM_PagerInfo& handle, std::size_t count) noexcept
-        : std::span<T>(static_cast<T*>(handle.Ptr()), count), m_handle(&handle)
+    /// Takes over a mapping that the handle holds, of `count` elements. For this layer.
+    mapped(detail::held& from, std::size_t count) noexcept
+        : std::span<T>(static_cast<T*>(from.handle.Ptr()), count), m_from(&from)
     {
     }
 
     mapped(mapped&& other) noexcept
         : std::span<T>(std::exchange(other.elements(), {})),
-          m_handle(std::exchange(other.m_handle, nullptr))
+          m_from(std::exchange(other.m_from, nullptr))
     {
     }
     mapped& operator=(mapped&& other) noexcept
     {
         mapped taken(std::move(other));
         std::swap(elements(), taken.elements());
-        std::swap(m_handle, taken.m_handle);
+        std::swap(m_from, taken.m_from);
         return *this;
     }
     ~mapped()
     {
-        if (m_handle != nullptr)
-            m_handle->Unmap();
+        if (m_from == nullptr)
+            return;
+        const bool given_up = m_from->given_up.load(std::memory_order_relaxed);
+        m_from->handle.Unmap();
+        if (given_up && !m_from->is_mapped()) [[unlikely]]
+            delete m_from;
     }
 
     /// Ends the mapping before the scope does; empty from then on.
@@ -75,7 +105,7 @@ public:
 private:
     std::span<T>& elements() noexcept { return *this; }
 
-    MEM_PagerInfo* m_handle = nullptr;
+    detail::held* m_from = nullptr;
 };
 
 namespace detail
@@ -92,13 +122,13 @@ unsigned int bytes_of(std::size_t count, const char* operation)
 }
 
 template <class T>
-mapped<T> map(MEM_PagerInfo* handle, std::size_t count, const char* operation)
+mapped<T> map(const owned_handle& from, std::size_t count, const char* operation)
 {
-    if (handle == nullptr)
+    if (from == nullptr)
         return {};
-    if (handle->Map() != 0)
+    if (from->handle.Map() != 0)
         fail(errc::no_room, operation, count * sizeof(T));
-    return mapped<T>(*handle, count);
+    return mapped<T>(*from, count);
 }
 } // namespace detail
 
@@ -109,12 +139,12 @@ mapped<T> map(MEM_PagerInfo* handle, std::size_t count, const char* operation)
 ///         auto values = samples.map();               // a std::span<double>
 ///         std::ranges::generate(values, measure);
 ///     }                                              // not mapped any more
-///     const double sum = std::reduce(samples.map_const().begin(), ...);
+///     const double most = std::ranges::max(samples.map_const());
 ///
 /// Between mappings the elements keep their values and take no address space, once the pager's
 /// cache needs theirs. Their address may differ from one mapping to the next.
 ///
-/// Ownership: alone; move it. The memory is freed with the piece, which no guard may outlive.
+/// Ownership: alone; move it. The memory is freed with the piece and the last guard on it.
 /// Threads: any may map one piece, at one time too; moving and destroying it is for one.
 template <element T>
 class piece
@@ -162,25 +192,21 @@ public:
 
     /// The elements, to read and write. Of views that wait in the pager's cache this costs no
     /// system call. @throws error with no_room.
-    mapped<T> map() & { return detail::map<T>(m_handle.get(), m_size, "piece::map"); }
-    mapped<T> map(std::error_code& code) &
+    mapped<T> map() { return detail::map<T>(m_handle, m_size, "piece::map"); }
+    mapped<T> map(std::error_code& code)
     {
         return detail::told(code, [this] { return map(); });
     }
 
     /// The elements, to read.
-    mapped<const T> map_const() const&
+    mapped<const T> map_const() const
     {
-        return detail::map<const T>(m_handle.get(), m_size, "piece::map_const");
+        return detail::map<const T>(m_handle, m_size, "piece::map_const");
     }
-    mapped<const T> map_const(std::error_code& code) const&
+    mapped<const T> map_const(std::error_code& code) const
     {
         return detail::told(code, [this] { return map_const(); });
     }
-
-    /// A guard doesn't keep its piece alive.
-    void map() && = delete;
-    void map_const() const&& = delete;
 
     /// Some 150 bytes by which another process finds the elements: see foreign. Send them after
     /// the last write, and keep the piece until the other process has mapped it once. Empty for
@@ -190,7 +216,7 @@ public:
         if (m_handle == nullptr)
             return {};
         Zor_oBuffer out;
-        MEM_MemPager::GetHandle()->StreamMemInfo(*m_handle, out);
+        MEM_MemPager::GetHandle()->StreamMemInfo(m_handle->handle, out);
         const std::string text = out.Bytes();
         if (!out)
             throw std::bad_alloc();
@@ -212,16 +238,16 @@ private:
         if (count == 0)
             return {};
         const unsigned int bytes = detail::bytes_of<T>(count, "piece");
-        auto handle = std::make_unique<MEM_PagerInfo>();
+        detail::owned_handle made(new detail::held);
         constexpr int alignment = alignof(T);
-        if (MEM_MemPager::GetHandle()->Allocate(bytes, handle.get(), alignment) != 0)
+        if (MEM_MemPager::GetHandle()->Allocate(bytes, &made->handle, alignment) != 0)
             detail::fail(errc::no_memory, "piece", bytes);
-        m_handle = std::move(handle);
+        m_handle = std::move(made);
         m_size = count;
         return mapped<T>(*m_handle, count); // a piece is born mapped
     }
 
-    std::unique_ptr<MEM_PagerInfo> m_handle; // stays where it is for the guards; null: empty
+    detail::owned_handle m_handle; // null: empty
     std::size_t m_size = 0;
 };
 
@@ -236,7 +262,7 @@ private:
 /// copy of this lives, whatever becomes of the other process; what it writes meanwhile is seen.
 /// Who has only this can't write: the system ends a process that tries.
 ///
-/// Ownership: a share; copies are cheap, and no guard may outlive the one that it was made from.
+/// Ownership: a share; copies are cheap.
 /// Threads: any may map and copy; assigning and destroying is for one.
 template <element T>
 class foreign
@@ -254,10 +280,10 @@ public:
         Zor_iBuffer in(descriptor.data(), descriptor.size());
         MEM_MemInfo info;
         in >> info;
-        m_handle = std::make_unique<MEM_PagerInfo>();
+        m_handle.reset(new detail::held);
         if (in)
-            m_handle->GetUnmappedInfo(MEM_MemPager::GetHandle()->Register(info));
-        if (!m_handle->IsValid() || m_handle->GetAllocatedSize() % sizeof(T) != 0)
+            m_handle->handle.GetUnmappedInfo(MEM_MemPager::GetHandle()->Register(info));
+        if (!m_handle->handle.IsValid() || m_handle->handle.GetAllocatedSize() % sizeof(T) != 0)
             detail::fail(errc::bad_descriptor, "foreign");
     }
     foreign(std::span<const std::byte> descriptor, std::error_code& code)
@@ -265,10 +291,10 @@ public:
     {
     }
 
-    foreign(const foreign& other) : m_handle(copy(other.m_handle.get())) {}
+    foreign(const foreign& other) : m_handle(copy(other.m_handle)) {}
     foreign& operator=(const foreign& other)
     {
-        m_handle = copy(other.m_handle.get());
+        m_handle = copy(other.m_handle);
         return *this;
     }
     foreign(foreign&&) noexcept = default;
@@ -278,32 +304,36 @@ public:
     /// Elements.
     std::size_t size() const noexcept
     {
-        return m_handle == nullptr ? 0 : m_handle->GetAllocatedSize() / sizeof(T);
+        return m_handle == nullptr ? 0 : m_handle->handle.GetAllocatedSize() / sizeof(T);
     }
     bool empty() const noexcept { return size() == 0; }
 
     /// The elements, to read. @throws error with no_room, also if the other process is gone with
     /// them, and with bad_descriptor if they lie where no such element can.
-    mapped<const T> map() const&
+    mapped<const T> map() const
     {
-        auto elements = detail::map<const T>(m_handle.get(), size(), "foreign::map");
+        auto elements = detail::map<const T>(m_handle, size(), "foreign::map");
         if (reinterpret_cast<std::uintptr_t>(elements.data()) % alignof(T) != 0)
             detail::fail(errc::bad_descriptor, "foreign::map");
         return elements;
     }
-    mapped<const T> map(std::error_code& code) const&
+    mapped<const T> map(std::error_code& code) const
     {
         return detail::told(code, [this] { return map(); });
     }
-    void map() const&& = delete;
 
 private:
-    static std::unique_ptr<MEM_PagerInfo> copy(const MEM_PagerInfo* other)
+    static detail::owned_handle copy(const detail::owned_handle& other)
     {
-        return other == nullptr ? nullptr : std::make_unique<MEM_PagerInfo>(other, nullptr);
+        detail::owned_handle made;
+        if (other != nullptr) {
+            made.reset(new detail::held);
+            made->handle.GetUnmappedInfo(other->handle);
+        }
+        return made;
     }
 
-    std::unique_ptr<MEM_PagerInfo> m_handle; // null: nothing
+    detail::owned_handle m_handle; // null: nothing
 };
 } // namespace mempager
 

@@ -83,8 +83,6 @@ concept can_lie_in_a_buffer = requires
 {
     typename buffer<T>;
 };
-static_assert(!maps_a_temporary<piece<double>>);
-static_assert(!maps_a_temporary<foreign<double>>);
 static_assert(!gives_rows_of_a_temporary<cursor<double>>);
 static_assert(!has_elements_without_a_cursor<buffer<double>>);
 static_assert(!writes_through_const<buffer<double>>);
