@@ -48,9 +48,12 @@ public:
 
     T& operator[](std::size_t number)
     {
-        if (number - m_first >= m_count) [[unlikely]]
-            go_to(number);
-        return m_base[number - m_first];
+        if (number - m_first < m_count) [[likely]]
+            return m_base[number - m_first];
+        T* const element = go_to(number);
+        if (element == nullptr) [[unlikely]]
+            refuse(number);
+        return *element;
     }
 
     /// From an element to its fragment's end.
@@ -70,33 +73,44 @@ private:
         std::uint64_t last_use = 0;
     };
 
-    // Out of the loops that use it, which keep their values in registers then.
-    [[gnu::noinline, gnu::cold]] void go_to(std::size_t number)
+    // Null if it can't be had. As it throws nothing, a loop around it can keep its values in
+    // registers also where a destructor waits for the loop's end.
+    [[gnu::noinline]] T* go_to(std::size_t number) noexcept
     {
-        if (number >= m_size)
-            throw std::out_of_range("mempager::cursor: behind the last element");
         const std::size_t fragment = number / per_fragment();
+        if (number >= m_size || !bring_in(fragment))
+            return nullptr;
         place& there = m_places[fragment];
-        if (there.view.empty())
-            bring_in(fragment);
         there.last_use = ++m_clock;
         m_base = there.view.data();
         m_first = fragment * per_fragment();
         m_count = std::min(there.view.size(), m_size - m_first);
+        return m_base + (number - m_first);
     }
 
-    void bring_in(std::size_t fragment)
+    [[noreturn, gnu::noinline]] void refuse(std::size_t number) const
     {
+        if (number >= m_size)
+            throw std::out_of_range("mempager::cursor: behind the last element");
+        const piece<std::remove_const_t<T>>& there = m_store->fragment(number / per_fragment());
+        fail(errc::no_room, "cursor", there.size() * sizeof(T));
+    }
+
+    bool bring_in(std::size_t fragment) noexcept
+    {
+        if (!m_places[fragment].view.empty())
+            return true;
         if (m_mapped.size() == m_most)
             give_up_oldest();
         std::error_code code;
         while (m_places[fragment].view = map(fragment, code), code) {
             if (m_mapped.size() < kept)
-                fail(errc::no_room, "cursor", m_store->fragment(fragment).size() * sizeof(T));
+                return false;
             give_up_oldest();
             m_most = m_mapped.size() + 1; // more would only be refused again
         }
         m_mapped.push_back(fragment);
+        return true;
     }
 
     mapped<T> map(std::size_t fragment, std::error_code& code)
