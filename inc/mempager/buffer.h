@@ -28,6 +28,12 @@ namespace mempager
 ///     for (std::span<const double> part : std::as_const(values).parts())
 ///         write(part);
 ///
+/// The memory is shared memory, up to MEM_MemoryConfiguration::SetSwapMaxSizeInMb() (1500 MB), and
+/// temp files beyond that, so that data needn't fit into memory either. What passes through them in
+/// order is as fast as on plain memory while the pager's cache holds them, and as the disk else.
+/// Sorting goes through all of them a few times; sorting runs of 64 MB, say, and merging these, as
+/// examples/external_sort.cpp does, goes through them twice.
+///
 /// The buffer itself has no way to its elements: that is a cursor, which holds the mappings, and
 /// which elements() and parts() make. So a buffer that nobody uses takes no address space, and
 /// threads don't meet, but where they ask for the same elements. Keep the cursor where many

@@ -323,8 +323,9 @@ struct slices_of {
 /// Errors: an element that can't be mapped is an error with no_room, by an exception also from
 /// iterators; the next use tries again. An element behind the last is std::out_of_range.
 ///
-/// Threads: one for each cursor, its iterators and ranges; any number of cursors on one buffer at
-/// a time, but what one writes the others must not read or write without a lock between them.
+/// Threads: one for each cursor, its iterators and ranges, so no std::execution::par; any number of
+/// cursors on one buffer at a time, but what one writes the others must not read or write without a
+/// lock between them.
 template <class T>
 class cursor
 {

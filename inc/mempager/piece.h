@@ -57,7 +57,8 @@ using owned_handle = std::unique_ptr<held, give_up>;
 } // namespace detail
 
 /// Elements for as long as they are mapped: a std::span<T> that ends the mapping with its life,
-/// however the scope is left. Copies of the span part, as std::span(guard), hold no mapping.
+/// however the scope is left. Give it a name: `const auto values = samples.map();`. Copies of the
+/// span part, as `std::span<T> values = samples.map();` makes one, hold no mapping.
 ///
 /// A piece can be mapped several times over; it stays mapped until the last guard is gone. A guard
 /// may be moved, also to another thread, and what it was made from may be moved and may end: the
