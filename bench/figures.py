@@ -293,6 +293,51 @@ SECTIONS = [
     ]),
 ]
 
+SECTIONS += [
+    Section("The typed layer", [
+        AtMost("`piece::map` and its end, cached", "typed/map/mempager", "`Map` + `Unmap`",
+               "typed/map/below", 1.02),
+        AtMost("scan by `parts()`, read", "typed/scan/mempager", "`GetRangeFromIndex`",
+               "typed/scan/below", 1.02),
+        AtMost("elements by `[]`, read", "typed/read/mempager", "`GetPointerAtIndex`",
+               "typed/read/below", 1.02),
+        AtMost("elements by iterator, read", "typed/iterate/mempager", "`GetPointerAtIndex`",
+               "typed/read/below", 1.02),
+        AtMost("elements by `[]`, written", "typed/write/mempager", "`GetPointerAtIndex`",
+               "typed/write/below", 1.02),
+        AtMost("random elements of a mapped fragment", "typed/random/mempager",
+               "`GetPointerAtIndex`", "typed/random/below", 1.02),
+        AtMost("two fragments by turns", "typed/alternate/mempager", "`GetPointerAtIndex`",
+               "typed/alternate/below", 1.02),
+        Faster("four cursors, in a thread each", "typed/cursors/4", "one cursor",
+               "typed/cursors/1", 1),
+    ], [
+        "The calls below are those of `MEM_PagerInfo` and `Mem_MemFragmentsAllocator`. Both have "
+        "300 MB of `double` in fragments of 75 MB. Elements are those of 1 MB, again and again.",
+        "The cursors share the work on 300 MB: a square root of each element. More threads than "
+        "processors gain no more than there are processors.",
+    ]),
+    Section("What peers show, done anew", [
+        Faster("a vector is filled and its even elements counted", "ports/vector/mempager",
+               "STXXL `vector`", "ports/vector/stxxl", 1),
+        Faster("four threads fill one volume, and it is compared", "ports/threads/mempager",
+               "VIGRA `ChunkedArrayTmpFile`", "ports/threads/vigra", 1),
+        Faster("a vector for another process", "ports/processes/mempager",
+               "Boost.Interprocess", "ports/processes/boost", 1),
+    ], [
+        "The programs are in `examples/ports`, in %s lines of code that do the work of %s of the "
+        "originals: STXXL's `examples/containers/vector1.cpp`, with a quarter of its numbers here "
+        "and a cheaper generator; VIGRA's `testMultiThreaded` of `test_chunked.cxx`, without its "
+        "fixture; Boost's `example/doc_spawn_vector.cpp`, here with a forked process in place of a "
+        "started one. Comments and blank lines aren't counted." % ("14, 29 and 28", "27, 33 and 40"),
+        "The peers' files lie in shared memory. STXXL's vector caches 32 MB, as in the example; "
+        "ours leaves its views in the pager's cache. Regions are of 64 KB in the last line, as "
+        "Boost's segment is; with 8 MB, the default, their memory would cost 3 ms. What is left of "
+        "the difference is the making of a region, which asks what memory its control groups "
+        "leave, and takes a lock, so that no full memory and no killed process does harm.",
+    ]),
+]
+
 PEERS = {"stxxl": "STXXL (libstxxl-dev)", "vigra": "VIGRA (libvigraimpex-dev)",
          "boost": "Boost.Interprocess (libboost-dev)"}
 

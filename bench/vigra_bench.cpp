@@ -1,10 +1,14 @@
 // The buffer of the fragments as a chunked array of VIGRA's, with all of its chunks in its cache
-// and its file in shared memory.
+// and its file in shared memory; and its own test of four threads.
 
 #include "Fragments.h"
+#include "Ports.h"
 
 #include <benchmark/benchmark.h>
 #include <vigra/multi_array_chunked.hxx>
+
+#include <thread>
+#include <vector>
 
 namespace
 {
@@ -72,4 +76,34 @@ void ReadChunks(benchmark::State& state)
     }
 }
 BENCHMARK(ReadChunks)->Name("fragments/read_chunks/vigra");
+using Volume = vigra::ChunkedArrayTmpFile<3, float>;
+
+/// Each fourth slice, as the test does it: element by element, by an iterator.
+void fill_slices(Volume& volume, std::size_t first)
+{
+    auto at = volume.begin();
+    for (std::size_t z = first; z < kDepth; z += 4) {
+        at.setDim(2, static_cast<vigra::MultiArrayIndex>(z));
+        float next = static_cast<float>(z * kWidth * kHeight);
+        for (at.setDim(1, 0); at.coord(1) < volume.shape(1); at.incDim(1))
+            for (at.setDim(0, 0); at.coord(0) < volume.shape(0); at.incDim(0))
+                *at = next++;
+    }
+}
+
+void FillByFour(benchmark::State& state)
+{
+    const vigra::Shape3 shape(kWidth, kHeight, kDepth);
+    for (auto _ : state) {
+        Volume volume(shape, vigra::Shape3(), vigra::ChunkedArrayOptions(), kFolder);
+        std::vector<std::thread> threads;
+        for (std::size_t first = 0; first < 4; ++first)
+            threads.emplace_back(fill_slices, std::ref(volume), first);
+        for (std::thread& thread : threads)
+            thread.join();
+        if (!AreNumbered(volume))
+            state.SkipWithError("numbers");
+    }
+}
+BENCHMARK(FillByFour)->Name("ports/threads/vigra")->UseRealTime();
 } // namespace

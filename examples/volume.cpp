@@ -1,31 +1,28 @@
 // A volume of 4 GB in 1 GB of address space: filled, smoothed from slice to slice, grown, cut, and
-// compared with values that are worked out directly. At most two fragments of it, 150 MB, are
-// mapped at any moment.
+// compared with values that are worked out directly. At most 16 slices of it, 128 MB, are mapped at
+// any moment.
 //
 //     volume [megabytes]
 //
 // Where there is no room for that much, it says so and takes half; where a resize finds none, the
 // volume stays as it is. Ends with 0 if all values agree, with 77 if there is no room at all, with
 // 2 after wrong arguments.
+#include "Common.h"
 #include "Mem/Mem_Configuration.h"
-#include "Mem/Mem_MemFragmentsAllocator.h"
+#include "mempager/buffer.h"
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
-#include <cstring>
-#include <memory>
-#include <new>
+#include <exception>
 #include <span>
-#include <stdexcept>
 #include <vector>
-
-#include <sys/resource.h>
 
 namespace
 {
+using Volume = mempager::buffer<double>;
+
 constexpr std::size_t kSide = 1024;
 constexpr std::size_t kSlice = kSide * kSide; // voxels, of 8 bytes each
 constexpr std::size_t kSliceMegabytes = kSlice * sizeof(double) / 1048576;
@@ -46,35 +43,6 @@ double Smoothed(std::size_t voxel, std::size_t slices)
     const std::size_t behind = voxel / kSlice + 1 < slices ? voxel + kSlice : voxel;
     return (Original(before) + Original(voxel) + Original(behind)) / 3;
 }
-
-class Volume
-{
-public:
-    explicit Volume(std::size_t slices) : m_voxels(sizeof(double), slices * kSlice, 0) {}
-
-    bool IsValid() const { return m_voxels.IsValid(); }
-    std::size_t Slices() const { return m_voxels.GetElementsNumber() / kSlice; }
-    bool Resize(std::size_t slices) { return m_voxels.Reallocate(slices * kSlice) == 0; }
-
-    /// Calls work(run, number of its first voxel) for the voxels from `first` up to `end`, in runs
-    /// that lie together in memory.
-    template <class Work>
-    void Walk(std::size_t first, std::size_t end, Work work)
-    {
-        std::size_t length = 0;
-        for (std::size_t at = first * sizeof(double); at < end * sizeof(double); at += length) {
-            length = end * sizeof(double) - at;
-            void* const run = m_voxels.GetRangeFromIndex(at, length);
-            if (run == nullptr)
-                throw std::runtime_error("a part of the volume can't be mapped");
-            work(std::span(static_cast<double*>(run), length / sizeof(double)),
-                 at / sizeof(double));
-        }
-    }
-
-private:
-    Mem_MemFragmentsAllocator m_voxels;
-};
 
 /// Tells how fast a stage goes through the volume's bytes.
 class Stage
@@ -97,82 +65,75 @@ private:
     std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
 };
 
-void Fill(Volume& volume, std::size_t first_slice)
+/// From a slice to the end.
+void Fill(Volume& volume, std::size_t slice)
 {
-    volume.Walk(first_slice * kSlice, volume.Slices() * kSlice,
-                [](std::span<double> run, std::size_t first) {
-                    for (double& voxel : run)
-                        voxel = Original(first++);
-                });
+    const auto voxels = volume.elements();
+    const auto slices = voxels.rows();
+    for (std::size_t voxel = slice * kSlice; slice < slices.size(); ++slice)
+        for (double& value : slices[slice])
+            value = Original(voxel++);
 }
 
-void ReadSlice(Volume& volume, std::size_t slice, std::vector<double>& to)
-{
-    auto at = to.begin();
-    volume.Walk(slice * kSlice, (slice + 1) * kSlice,
-                [&](std::span<double> run, std::size_t) { at = std::ranges::copy(run, at).out; });
-}
-
-/// In place: three slices as they were are kept aside.
+/// In place: two slices as they were are kept aside.
 void Smooth(Volume& volume)
 {
-    std::vector<double> before(kSlice), here(kSlice), behind(kSlice);
-    ReadSlice(volume, 0, here);
-    before = here;
-    for (std::size_t slice = 0; slice < volume.Slices(); ++slice) {
-        ReadSlice(volume, std::min(slice + 1, volume.Slices() - 1), behind);
-        volume.Walk(slice * kSlice, (slice + 1) * kSlice,
-                    [&](std::span<double> run, std::size_t first) {
-                        for (std::size_t i = first % kSlice; double& voxel : run) {
-                            voxel = (before[i] + here[i] + behind[i]) / 3;
-                            ++i;
-                        }
-                    });
+    const auto voxels = volume.elements();
+    const auto slices = voxels.rows();
+    std::vector<double> before(slices[0].begin(), slices[0].end()), here(before);
+    for (std::size_t slice = 0; slice < slices.size(); ++slice) {
+        const bool last = slice + 1 == slices.size();
+        const std::span<const double> behind = last ? std::span(here) : slices[slice + 1];
+        const std::span<double> values = slices[slice];
+        for (std::size_t i = 0; i < kSlice; ++i)
+            values[i] = (before[i] + here[i] + behind[i]) / 3;
         before.swap(here);
-        here.swap(behind);
+        if (!last)
+            std::ranges::copy(behind, here.begin());
     }
 }
 
 /// Counts the voxels that aren't as they should be: smoothed up to `smoothed` slices.
-std::size_t CountWrong(Volume& volume, std::size_t smoothed)
+std::size_t CountWrong(const Volume& volume, std::size_t smoothed)
 {
     std::size_t wrong = 0;
-    volume.Walk(0, volume.Slices() * kSlice, [&](std::span<double> run, std::size_t first) {
-        for (const double voxel : run) {
+    std::size_t voxel = 0;
+    for (const std::span<const double> part : volume.parts())
+        for (const double value : part) {
             const double right =
-                first < smoothed * kSlice ? Smoothed(first, smoothed) : Original(first);
-            wrong += voxel != right ? 1 : 0;
-            ++first;
+                voxel < smoothed * kSlice ? Smoothed(voxel, smoothed) : Original(voxel);
+            wrong += value != right ? 1 : 0;
+            ++voxel;
         }
-    });
     return wrong;
 }
 
 /// A volume of `megabytes`, or of half, a quarter, ...: of what there is room for.
-std::unique_ptr<Volume> MakeVolume(std::size_t megabytes)
+Volume MakeVolume(std::size_t megabytes)
 {
+    std::error_code code;
     for (std::size_t slices = megabytes / kSliceMegabytes; slices >= 2; slices /= 2) {
-        auto volume = std::make_unique<Volume>(slices);
-        if (volume->IsValid())
+        Volume volume(slices * kSlice, mempager::for_overwrite, {.together = kSlice}, code);
+        if (!code)
             return volume;
         std::printf("There is no room for %zu MB here\n", slices * kSliceMegabytes);
     }
-    return nullptr;
+    return {};
 }
 
-/// Resizes the volume, for which its last fragment is copied. Without room for that, the volume is
-/// as it was.
+/// Resizes the volume. Without room for that, it is as it was.
 bool ResizeIfThereIsRoom(Volume& volume, std::size_t slices)
 {
-    const bool done = volume.Resize(slices);
-    std::printf(done ? "  resized to %zu slices\n" : "  no room to resize it to %zu slices\n",
+    std::error_code code;
+    volume.resize(slices * kSlice, mempager::for_overwrite, code);
+    std::printf(code ? "  no room to resize it to %zu slices\n" : "  resized to %zu slices\n",
                 slices);
-    return done;
+    return !code;
 }
 
 bool Work(Volume& volume)
 {
-    const std::size_t slices = volume.Slices();
+    const std::size_t slices = volume.size() / kSlice;
     const std::size_t more = std::max<std::size_t>(slices / 20, 1);
     std::printf("%zu slices of %zu x %zu voxels, %zu MB\n", slices, kSide, kSide,
                 slices * kSliceMegabytes);
@@ -191,46 +152,25 @@ bool Work(Volume& volume)
     std::printf("  voxels that are wrong: %zu\n", wrong);
     return wrong == 0;
 }
-
-bool LimitAddressSpace(rlim_t bytes)
-{
-    rlimit limit;
-    if (getrlimit(RLIMIT_AS, &limit) != 0)
-        return false;
-    limit.rlim_cur = std::min(bytes, limit.rlim_max);
-    return setrlimit(RLIMIT_AS, &limit) == 0;
-}
-
-/// The number that the text tells; 0 if it is none, or more than a volume can have here.
-std::size_t ParseMegabytes(const char* text)
-{
-    const char* const end = text + std::strlen(text);
-    std::size_t megabytes = 0;
-    const auto [rest, error] = std::from_chars(text, end, megabytes);
-    return error == std::errc() && rest == end && megabytes <= kMostMegabytes ? megabytes : 0;
-}
 } // namespace
 
 int main(int argc, char** argv)
 {
-    const std::size_t megabytes = argc > 1 ? ParseMegabytes(argv[1]) : 4096;
-    if (argc > 2 || megabytes < kLeastMegabytes) {
+    const std::size_t megabytes = NumberFrom(argc, argv, 4096, kLeastMegabytes, kMostMegabytes);
+    if (megabytes == 0) {
         std::fprintf(stderr, "usage: volume [megabytes, %zu to %zu]\n", kLeastMegabytes,
                      kMostMegabytes);
         return 2;
     }
-    if (!LimitAddressSpace(rlim_t{1} << 30)) {
-        std::fputs("volume: the address space can't be limited\n", stderr);
-        return 1;
-    }
-    MEM_MemoryConfiguration::GetInstance()->SetSwapMaxSizeInMb(8000); // files only beyond that
     try {
-        const std::unique_ptr<Volume> volume = MakeVolume(megabytes);
-        if (volume == nullptr) {
+        LimitAddressSpace(1 << 30);
+        MEM_MemoryConfiguration::GetInstance()->SetSwapMaxSizeInMb(8000); // then files
+        Volume volume = MakeVolume(megabytes);
+        if (volume.empty()) {
             std::puts("There is no room for a volume here");
             return 77;
         }
-        return Work(*volume) ? 0 : 1;
+        return Work(volume) ? 0 : 1;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "volume: %s\n", error.what());
         return 1;

@@ -1,16 +1,13 @@
 #include "machine.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <limits>
-#include <system_error>
 
 #include <linux/magic.h>
-#include <sys/resource.h>
 #include <sys/statfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -106,16 +103,6 @@ std::uint64_t FindRoom()
     return room - room / 8; // regions are a little larger than the pieces in them
 }
 
-void LimitAddressSpace(std::uint64_t bytes)
-{
-    rlimit limit;
-    if (getrlimit(RLIMIT_AS, &limit) != 0)
-        throw std::system_error(errno, std::generic_category(), "getrlimit");
-    limit.rlim_cur = std::min<rlim_t>(bytes, limit.rlim_max);
-    if (setrlimit(RLIMIT_AS, &limit) != 0)
-        throw std::system_error(errno, std::generic_category(), "setrlimit");
-}
-
 std::uint64_t MostAddressSpace()
 {
     return kilobytes_in("/proc/self/status", "VmPeak:");
@@ -138,24 +125,4 @@ std::optional<std::size_t> TryMalloc(const std::vector<std::uint64_t>& sizes)
     if (child > 0)
         waitpid(child, nullptr, 0);
     return told ? std::optional(got) : std::nullopt;
-}
-
-Progress::Progress(std::string stage, std::size_t steps)
-    : m_stage(std::move(stage)), m_steps(steps), m_on_terminal(isatty(STDERR_FILENO) == 1)
-{
-    if (!m_on_terminal)
-        std::fprintf(stderr, "%s: %zu\n", m_stage.c_str(), m_steps);
-}
-
-Progress::~Progress()
-{
-    if (m_on_terminal)
-        std::fputc('\n', stderr);
-}
-
-void Progress::Step()
-{
-    ++m_done;
-    if (m_on_terminal)
-        std::fprintf(stderr, "\r%s: %zu of %zu", m_stage.c_str(), m_done, m_steps);
 }

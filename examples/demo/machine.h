@@ -4,16 +4,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <string>
 #include <vector>
 
 /// What the pager's regions can take of shared memory and, where that has no room, of the temp
 /// folder's disk, in bytes, with a margin left for others.
 std::uint64_t FindRoom();
-
-/// Limits this process and its children to `bytes` of address space.
-/// @throws std::system_error
-void LimitAddressSpace(std::uint64_t bytes);
 
 /// The most address space that this process had at any time, in bytes; 0 if unknown.
 std::uint64_t MostAddressSpace();
@@ -21,23 +16,5 @@ std::uint64_t MostAddressSpace();
 /// Takes blocks of these sizes with malloc and fills them, in a child process.
 /// @return how many it got; nothing if the child didn't live to tell.
 std::optional<std::size_t> TryMalloc(const std::vector<std::uint64_t>& sizes);
-
-/// Shows how far a stage is: one line that counts on a terminal, else one line in all.
-class Progress
-{
-public:
-    Progress(std::string stage, std::size_t steps);
-    ~Progress();
-    Progress(const Progress&) = delete;
-    Progress& operator=(const Progress&) = delete;
-
-    void Step();
-
-private:
-    std::string m_stage;
-    std::size_t m_steps;
-    std::size_t m_done = 0;
-    bool m_on_terminal;
-};
 
 #endif

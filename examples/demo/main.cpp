@@ -4,6 +4,7 @@
 //     mempager_demo [folder of .nii.gz files]
 //
 // Ends with 0 only if all results agree and every piece was freed.
+#include "../Common.h"
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_MemPager.h"
 #include "NRVlog/Zor_LogFile.h"

@@ -1,6 +1,6 @@
 #include "results.h"
 
-#include "machine.h"
+#include "../Common.h"
 
 #include <algorithm>
 #include <limits>
@@ -14,8 +14,7 @@ void summarise_all(StoredVolumes& volumes, Results& results)
 {
     Progress progress("Summaries through the pager", results.summaries.size());
     for (std::size_t copy = 0; copy != results.summaries.size(); ++copy) {
-        const StoredVolumes::Mapped volume(volumes, copy);
-        results.summaries[copy] = Summarise(volume.Voxels());
+        results.summaries[copy] = Summarise(volumes.Map(copy));
         progress.Step();
     }
 }
@@ -34,11 +33,10 @@ void correlate_group(const Group& group, StoredVolumes& volumes, Results& result
 {
     for (std::size_t row = 0; row != group.size(); ++row) {
         const std::size_t a = group[row];
-        const StoredVolumes::Mapped first(volumes, a);
+        const auto first = volumes.Map(a);
         for (const std::size_t b : partners_of(group, row)) {
-            const StoredVolumes::Mapped second(volumes, b);
-            results.correlations[{a, b}] = Correlate(first.Voxels(), results.summaries[a],
-                                                     second.Voxels(), results.summaries[b]);
+            results.correlations[{a, b}] =
+                Correlate(first, results.summaries[a], volumes.Map(b), results.summaries[b]);
             progress.Step();
         }
     }

@@ -1,7 +1,6 @@
 #include "volumes.h"
 
 #include <algorithm>
-#include <stdexcept>
 
 std::uint64_t Plan::Bytes() const
 {
@@ -59,14 +58,16 @@ void WriteCopy(const Volume& original, int round, std::span<float> to)
 
 void StoredVolumes::Store(std::size_t copy, const Volume& original, int round)
 {
-    MEM_PagerInfo& piece = m_pieces[copy];
-    const std::size_t count = original.voxels.size();
-    const auto bytes = static_cast<unsigned>(count * sizeof(float));
-    if (MEM_MemPager::GetHandle()->Allocate(bytes, &piece, alignof(float)) != 0)
-        throw std::runtime_error("the pager has no memory for the next volume");
-    WriteCopy(original, round, {static_cast<float*>(piece.Ptr()), count});
+    m_pieces[copy] = mempager::piece<float>(original.voxels.size(), mempager::for_overwrite);
+    WriteCopy(original, round, m_pieces[copy].map());
     note_mapped();
-    piece.Unmap();
+}
+
+mempager::mapped<const float> StoredVolumes::Map(std::size_t copy)
+{
+    auto voxels = m_pieces[copy].map_const();
+    note_mapped();
+    return voxels;
 }
 
 void StoredVolumes::note_mapped()
@@ -74,18 +75,4 @@ void StoredVolumes::note_mapped()
     Mem_Status status;
     MEM_MemPager::GetHandle()->GetCurrentStatus(status);
     m_most_mapped = std::max<std::uint64_t>(m_most_mapped, status.total_mapped);
-}
-
-StoredVolumes::Mapped::Mapped(StoredVolumes& volumes, std::size_t copy)
-    : m_piece(volumes.m_pieces[copy])
-{
-    if (m_piece.Map() != 0)
-        throw std::runtime_error("the pager found no room to map a volume");
-    volumes.note_mapped();
-}
-
-std::span<const float> StoredVolumes::Mapped::Voxels() const
-{
-    return {static_cast<const float*>(m_piece.Ptr()),
-            static_cast<std::size_t>(m_piece.Size()) / sizeof(float)};
 }

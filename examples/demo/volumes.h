@@ -1,7 +1,7 @@
 #ifndef DEMO_VOLUMES_H
 #define DEMO_VOLUMES_H
 
-#include "Mem/Mem_MemPager.h"
+#include "mempager/piece.h"
 #include "nifti.h"
 
 #include <cstddef>
@@ -48,26 +48,13 @@ void WriteCopy(const Volume& original, int round, std::span<float> to);
 class StoredVolumes
 {
 public:
-    /// A volume for as long as it is mapped.
-    class Mapped
-    {
-    public:
-        /// @throws std::runtime_error if the pager finds no room.
-        Mapped(StoredVolumes& volumes, std::size_t copy);
-        ~Mapped() { m_piece.Unmap(); }
-        Mapped(const Mapped&) = delete;
-        Mapped& operator=(const Mapped&) = delete;
-
-        std::span<const float> Voxels() const;
-
-    private:
-        MEM_PagerInfo& m_piece;
-    };
-
     explicit StoredVolumes(std::size_t copies) : m_pieces(copies) {}
 
-    /// Stores a copy, unmapped. @throws std::runtime_error if the pager has no memory for it.
+    /// Stores a copy, unmapped. @throws mempager::error if the pager has no memory for it.
     void Store(std::size_t copy, const Volume& original, int round);
+
+    /// A stored copy, for as long as the result lives. @throws mempager::error for want of room.
+    mempager::mapped<const float> Map(std::size_t copy);
 
     /// The most bytes that the pager had mapped at any time, its cache included.
     std::uint64_t MostMapped() const { return m_most_mapped; }
@@ -75,7 +62,7 @@ public:
 private:
     void note_mapped();
 
-    std::vector<MEM_PagerInfo> m_pieces;
+    std::vector<mempager::piece<float>> m_pieces;
     std::uint64_t m_most_mapped = 0;
 };
 

@@ -4,6 +4,7 @@
 #include "mempager_export.h"
 
 #include <cstddef>
+#include <utility>
 
 /// One large buffer, stored as a run of fragments: no single allocation or mapping has to be as
 /// large as the buffer, and it is resized without moving the fragments that stay.
@@ -36,7 +37,8 @@
 /// care. A derived class may allow more.
 ///
 /// Copies are plain copies of the members. Two copies of an allocator that owns fragments would
-/// both free them: don't make any.
+/// both free them: don't make any, the compiler warns of it. Move them, as a std::vector does with
+/// its elements.
 class MEMPAGER_EXPORT Mem_FragmentsAllocator
 {
 public:
@@ -93,15 +95,30 @@ protected:
     virtual int reallocate_fragments(size_t new_fragments_num, size_t new_total_buf_size,
                                      unsigned int new_last_fragment_size, bool is_partial) = 0;
 
+    /// No layout: not valid, without an element.
+    Mem_FragmentsAllocator() noexcept = default;
+
     /// Whether the constructor found a layout.
     bool has_layout() const { return fragments_num != 0; }
 
     /// Whether the buffer can be resized to that, with a log line if not.
     bool may_become(size_t new_elements) const;
 
+    /// Exchanges all members of this class, for moving what owns fragments.
+    void swap_layout(Mem_FragmentsAllocator& other) noexcept
+    {
+        std::swap(valid, other.valid);
+        std::swap(element_size, other.element_size);
+        std::swap(elements, other.elements);
+        std::swap(fragment_size, other.fragment_size);
+        std::swap(last_fragment_size, other.last_fragment_size);
+        std::swap(fragments_num, other.fragments_num);
+        std::swap(total_buf_size, other.total_buf_size);
+    }
+
     bool valid = false;             ///< set by the derived constructor that has built its storage
-    size_t element_size;            ///< bytes
-    size_t elements;                ///< in the buffer
+    size_t element_size = 0;        ///< bytes
+    size_t elements = 0;            ///< in the buffer
     unsigned int fragment_size = 0; ///< bytes of all fragments but the last
     unsigned int last_fragment_size = 0; ///< bytes, 1 to fragment_size
     size_t fragments_num = 0;            ///< 0 without a layout

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cstddef>
+#include <utility>
 
 class Zor_PerformanceCounterData;
 struct Mem_FragmentsResize;
@@ -58,10 +59,23 @@ public:
     /// Frees all fragments, mapped or not.
     ~Mem_MemFragmentsAllocator() override;
 
-    /// A plain copy of the members: see the base class on why to make none.
-    Mem_MemFragmentsAllocator(const Mem_MemFragmentsAllocator&) = default;
+    /// A plain copy of the members, which would free the same fragments a second time.
+    [[deprecated("both copies would free the fragments: move it")]] Mem_MemFragmentsAllocator(
+        const Mem_MemFragmentsAllocator&) = default;
     /// The same.
-    Mem_MemFragmentsAllocator& operator=(const Mem_MemFragmentsAllocator&) = default;
+    [[deprecated("both copies would free the fragments: move it")]] Mem_MemFragmentsAllocator&
+    operator=(const Mem_MemFragmentsAllocator&) = default;
+
+    /// Takes the fragments, mapped or not; pointers into them stay good. `other` isn't valid any
+    /// more.
+    Mem_MemFragmentsAllocator(Mem_MemFragmentsAllocator&& other) noexcept { swap(other); }
+    /// The same; what was held before is freed.
+    Mem_MemFragmentsAllocator& operator=(Mem_MemFragmentsAllocator&& other) noexcept
+    {
+        Mem_MemFragmentsAllocator taken(std::move(other));
+        swap(taken);
+        return *this;
+    }
 
     void* GetPointerAtIndex(size_t index) override
     {
@@ -91,6 +105,22 @@ private:
 
     static const RWCString REPLACE_PERF_STR;
     static const RWCString REALLOC_PERF_STR;
+
+    void swap(Mem_MemFragmentsAllocator& other) noexcept
+    {
+        swap_layout(other);
+        std::swap(fragments, other.fragments);
+        std::swap(mapped_indexes, other.mapped_indexes);
+        std::swap(mapped_fragments_num, other.mapped_fragments_num);
+        std::swap(current_mapped_index, other.current_mapped_index);
+        std::swap(current_index_start, other.current_index_start);
+        std::swap(current_index_end, other.current_index_end);
+        std::swap(current_ptr, other.current_ptr);
+        std::swap(replace_counter, other.replace_counter);
+        std::swap(realloc_counter, other.realloc_counter);
+        std::swap(pager, other.pager);
+        std::swap(mapping_lost, other.mapping_lost);
+    }
 
     int reallocate_fragments(size_t new_fragments_num, size_t new_total_buf_size,
                              unsigned int new_last_fragment_size, bool is_partial) override;

@@ -5,6 +5,7 @@
 #include "mempager_export.h"
 
 #include <cstddef>
+#include <utility>
 
 struct Mem_FragmentsResize;
 
@@ -37,10 +38,22 @@ public:
     /// Releases all fragments.
     ~Mem_VirtualFragmentsAllocator() override;
 
-    /// A plain copy of the members: see the base class on why to make none.
-    Mem_VirtualFragmentsAllocator(const Mem_VirtualFragmentsAllocator&) = default;
+    /// A plain copy of the members, which would free the same fragments a second time.
+    [[deprecated("both copies would free the fragments: move it")]] Mem_VirtualFragmentsAllocator(
+        const Mem_VirtualFragmentsAllocator&) = default;
     /// The same.
-    Mem_VirtualFragmentsAllocator& operator=(const Mem_VirtualFragmentsAllocator&) = default;
+    [[deprecated("both copies would free the fragments: move it")]] Mem_VirtualFragmentsAllocator&
+    operator=(const Mem_VirtualFragmentsAllocator&) = default;
+
+    /// Takes the fragments, where they are. `other` isn't valid any more.
+    Mem_VirtualFragmentsAllocator(Mem_VirtualFragmentsAllocator&& other) noexcept { swap(other); }
+    /// The same; what was held before is freed.
+    Mem_VirtualFragmentsAllocator& operator=(Mem_VirtualFragmentsAllocator&& other) noexcept
+    {
+        Mem_VirtualFragmentsAllocator taken(std::move(other));
+        swap(taken);
+        return *this;
+    }
 
     void* GetPointerAtIndex(size_t index) override
     {
@@ -62,6 +75,12 @@ public:
 private:
     friend struct Mem_TestAccess;
     friend struct Mem_FragmentsResize;
+
+    void swap(Mem_VirtualFragmentsAllocator& other) noexcept
+    {
+        swap_layout(other);
+        std::swap(fragments, other.fragments);
+    }
 
     int reallocate_fragments(size_t new_fragments_num, size_t new_total_buf_size,
                              unsigned int new_last_fragment_size, bool is_partial) override;
