@@ -1,0 +1,227 @@
+// Names and leftovers, with real processes, folders and users: hunts a file that is made elsewhere
+// after a change of folder, a name that somebody keeps or plants to bar a process, and room that
+// the dead take for ever.
+
+#include "Mem/Mem_Configuration.h"
+#include "Mem/Mem_MemInfo.h"
+#include "Mem/Mem_MemPager.h"
+#include "support/Children.h"
+#include "support/FailingPlatform.h"
+#include "support/PagerWorld.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <list>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+namespace
+{
+namespace fs = std::filesystem;
+constexpr unsigned MiB = 1 << 20;
+
+/// Two folders on a disk, if /var/tmp is on one.
+struct Folders {
+    ~Folders() { fs::remove_all(path); }
+    std::string First() const { return path + std::string("/first"); }
+    std::string Second() const { return path + std::string("/second"); }
+    char path[30] = "/var/tmp/mempager_test_XXXXXX";
+    const bool made = mkdtemp(path) != nullptr && fs::create_directory(First()) &&
+                      fs::create_directory(Second()) && chmod(path, 0777) == 0;
+};
+
+long Count(const std::string& folder)
+{
+    return std::distance(fs::directory_iterator(folder), {});
+}
+
+void Configure(unsigned swap_mb, const std::string& temp, unsigned file_mb = 64)
+{
+    MEM_MemoryConfiguration_FileHeapParemeters files{temp.c_str(), file_mb, 10240, 0};
+    MEM_MemoryConfiguration::GetInstance()->SetFileHeapParmeters(files);
+    MEM_MemoryConfiguration::GetInstance()->SetSwapMaxSizeInMb(swap_mb);
+}
+
+struct Pieces : std::list<MEM_PagerInfo> {
+    bool Add(unsigned size, int count = 1)
+    {
+        for (; count != 0; --count)
+            if (MEM_MemPager::GetHandle()->Allocate(size, &emplace_back(), 0) != 0)
+                return pop_back(), false;
+        return true;
+    }
+};
+
+/// Leaves `count` regions behind in shared memory.
+bool Die(int count)
+{
+    return -SIGKILL == InChild([count] {
+        CHILD_CHECK((new Pieces)->Add(8 * MiB, count));
+        return raise(SIGKILL);
+    });
+}
+
+/// Regions, temp files and spare files made in one folder, of which the process then leaves.
+int StayIn(const Folders& folders, unsigned swap_mb, bool by_environment)
+{
+    CHILD_CHECK(chdir(folders.First().c_str()) == 0);
+    if (by_environment)
+        setenv("TEMP", ".", 1);
+    Configure(swap_mb, by_environment ? "" : "./");
+    {
+        Pieces pieces;
+        CHILD_CHECK(pieces.Add(8 * MiB));
+        CHILD_CHECK(chdir(folders.Second().c_str()) == 0);
+        CHILD_CHECK(pieces.Add(8 * MiB, 9));
+        CHILD_CHECK(Count(folders.First()) > 1);
+    }
+    CHILD_CHECK(Count(folders.First()) == 0);
+    CHILD_CHECK(Count(folders.Second()) == 0);
+    return 0;
+}
+
+TEST(ARelativeTempFolder, StaysTheOneThatItWas)
+{
+    const Folders folders;
+    for (const bool by_environment : {true, false})
+        for (const unsigned swap_mb : {0u, 1500u}) { // temp files, spare files
+            const int code = InChildAmongOwnMounts([&] {
+                CHILD_CHECK(Mount("tmpfs", "/dev/shm", "size=10m"));
+                return StayIn(folders, swap_mb, by_environment);
+            });
+            SKIP_IF_NOT_PERMITTED(code);
+            EXPECT_EQ(code, 0) << by_environment << ", shared memory: " << swap_mb;
+        }
+}
+
+/// Counts the files that are made.
+struct Makings final : ForwardingPlatform {
+    Makings() : ForwardingPlatform(Platform::Get()) { Platform::Replace(this); }
+    ~Makings() { Platform::Replace(&m_real); }
+    void* CreateFileMapping(const char* path, const char* name, std::uint64_t size,
+                            FileFault* fault) override
+    {
+        ++count;
+        return m_real.CreateFileMapping(path, name, size, fault);
+    }
+    int count = 0;
+};
+
+TEST(ATempFileThatCannotBe, IsRefusedByItsLimitBeforeItIsMade)
+{
+    const Folders folders;
+    const struct {
+        unsigned file_mb, region_mb;
+        const char* limit;
+    } cases[] = {{4097, 8, "temp files of less than 4096 MB, where one of 4097 MB is due"},
+                 {64, 70, "a temp file of 64 MB, where a region takes 73465856 bytes"}};
+    for (const auto& now : cases)
+        EXPECT_EQ(InChild([&] {
+                      const Makings makings;
+                      LogCapture log(3);
+                      Configure(0, folders.First(), now.file_mb);
+                      MEM_MemoryConfiguration::GetInstance()->SetBaseBlockSize(now.region_mb);
+                      CHILD_CHECK(!Pieces().Add(1000));
+                      CHILD_CHECK(makings.count == 0);
+                      const std::string line =
+                          "MEM_MemPager::Allocate|\tA limit stands in the way: ";
+                      CHILD_CHECK(log.Count(3, line + now.limit) == 1);
+                      return 0;
+                  }),
+                  0)
+            << now.limit;
+}
+
+CHILD_TEST(ADeadCreatorsName, GoesAlthoughAReaderHoldsItsFile, InChildAmongOwnMounts)
+{
+    CHILD_CHECK(Mount("tmpfs", "/dev/shm"));
+    CHILD_CHECK(Die(1));
+    CHILD_CHECK(Count("/dev/shm") == 1);
+    const std::string name = fs::directory_iterator("/dev/shm")->path();
+    const int reader = open(name.c_str(), O_RDONLY);
+    CHILD_CHECK(flock(reader, LOCK_SH) == 0);
+    CHILD_CHECK(InChild([] { return Pieces().Add(4) ? 0 : 2; }) == 0);
+    CHILD_CHECK(!fs::exists(name));
+    return 0;
+}
+
+CHILD_TEST(TheRoomOfTheDead, IsUsedAgainLongAfterTheFirstCleanUp, InChildAmongOwnMounts)
+{
+    CHILD_CHECK(Mount("tmpfs", "/dev/shm", "size=64m"));
+    Configure(1500, "/dev/shm"); // no disk to go to
+    Pieces pieces;
+    CHILD_CHECK(pieces.Add(4));
+    CHILD_CHECK(Die(5));
+    CHILD_CHECK(pieces.Add(30 * MiB));
+    return 0;
+}
+
+CHILD_TEST(PlantedNames, AreNoRefusal, InChildAmongOwnMounts)
+{
+    CHILD_CHECK(Mount("tmpfs", "/dev/shm"));
+    for (const unsigned swap_mb : {1500u, 0u}) {
+        const std::string next = BaseMapInfo::CreateUniqueName().data();
+        const std::size_t number = next.rfind('_') + 1;
+        for (int ahead = 1; ahead <= 100; ++ahead) {
+            const std::string planted = "/dev/shm/" + next.substr(0, number) +
+                                        std::to_string(std::stoi(next.substr(number)) + ahead);
+            CHILD_CHECK(symlink("/nowhere", planted.c_str()) == 0);
+        }
+        Configure(swap_mb, "");
+        Pieces pieces;
+        CHILD_CHECK(pieces.Add(8 * MiB, 59));
+    }
+    return 0;
+}
+
+/// Counts the names that are judged.
+struct Judged final : ForwardingPlatform {
+    Judged() : ForwardingPlatform(Platform::Get()) { Platform::Replace(this); }
+    ~Judged() { Platform::Replace(&m_real); }
+    bool RemoveDeadMapping(const char* folder, const char* name) override
+    {
+        ++count;
+        usleep(100); // as where removals take their time
+        return m_real.RemoveDeadMapping(folder, name);
+    }
+    int count = 0;
+};
+
+CHILD_TEST(ManyPlantedNames, CostNoProcessMoreThanItsShare, InChildAmongOwnMounts)
+{
+    constexpr int planted = 3000;
+    CHILD_CHECK(Mount("tmpfs", "/dev/shm"));
+    for (int name = 0; name < planted; ++name)
+        CHILD_CHECK(symlink("/nowhere",
+                            ("/dev/shm/NorvaneMemoryBlock_7_1_" + std::to_string(name)).c_str()) ==
+                    0);
+    Judged judged;
+    Pieces pieces;
+    CHILD_CHECK(pieces.Add(4));
+    CHILD_CHECK(judged.count < planted / 2);
+    for (int more = 0; more < 1000 && judged.count < planted; ++more)
+        CHILD_CHECK(Pieces().Add(8 * MiB));
+    CHILD_CHECK(judged.count >= planted);
+    return 0;
+}
+
+CHILD_TEST(ANameOfAProcessThatDroppedItsRights, GoesByTheNextOneThatMayRemoveIt,
+           InChildAmongOwnMounts)
+{
+    CHILD_CHECK(Mount("tmpfs", "/dev/shm", "mode=1777"));
+    if (geteuid() != 0)
+        return not_permitted;
+    CHILD_CHECK(0 == InChild([]() -> int {
+                    CHILD_CHECK((new Pieces)->Add(4));
+                    CHILD_CHECK(setuid(65534) == 0);
+                    std::exit(0);
+                }));
+    CHILD_CHECK(Count("/dev/shm") == 1); // the folder is sticky and the name root's
+    CHILD_CHECK(InChild([]() -> int { return Pieces().Add(4) ? 0 : 2; }) == 0);
+    CHILD_CHECK(Count("/dev/shm") == 0);
+    return 0;
+}
+} // namespace
