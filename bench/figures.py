@@ -329,7 +329,7 @@ SECTIONS += [
         "originals: STXXL's `examples/containers/vector1.cpp`, with a quarter of its numbers here "
         "and a cheaper generator; VIGRA's `testMultiThreaded` of `test_chunked.cxx`, without its "
         "fixture; Boost's `example/doc_spawn_vector.cpp`, here with a forked process in place of a "
-        "started one. Comments and blank lines aren't counted." % ("14, 29 and 26", "27, 33 and 40"),
+        "started one. Comments and blank lines aren't counted." % ("14, 29 and 28", "27, 33 and 40"),
         "The peers' files lie in shared memory. STXXL's vector caches 32 MB, as in the example; "
         "ours leaves its views in the pager's cache. Regions are of 64 KB in the last line, as "
         "Boost's segment is; with 8 MB, the default, their memory would cost 3 ms. What is left of "

@@ -8,9 +8,11 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <functional>
 #include <numeric>
 #include <span>
 #include <string>
+#include <vector>
 
 int main(int argc, char** argv)
 {

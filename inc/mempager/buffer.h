@@ -170,6 +170,10 @@ public:
 
     /// Removes the last element, which there must be. @throws error with in_use.
     void pop_back() { set_size(size() - 1, false); }
+    void pop_back(std::error_code& code)
+    {
+        detail::told(code, [this] { pop_back(); });
+    }
 
     /// Appends the elements of `range`, all of them or none.
     template <std::ranges::input_range Range>
