@@ -48,6 +48,9 @@ public:
     /// Whether no id is queued.
     bool IsEmpty() const { return m_live == 0; }
 
+    /// How many ids are queued.
+    std::uint32_t Length() const { return m_live; }
+
     /// Takes all ids out. The ring keeps its capacity, reservations stay.
     void Clear();
 

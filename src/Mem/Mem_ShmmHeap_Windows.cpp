@@ -154,8 +154,8 @@ int Windows_FileInfo::AllocateFile()
     Mem_NewName name;
     do {
         m_mapping_name = name.Text();
-        m_mapping_handle =
-            platform.CreateFileMapping(FileName().data(), m_mapping_name.data(), Size(), &fault);
+        m_mapping_handle = platform.CreateMappingOverFile(FileName().data(), m_mapping_name.data(),
+                                                          Size(), &fault);
     } while (fault == Platform::FileFault::Mapping && name.TryAnother());
     if (m_mapping_handle != nullptr)
         return 0;

@@ -7,6 +7,10 @@
 #include <map>
 #include <utility>
 
+// The heaps that give out regions, and what they give out. The prefix Windows_ and words such as
+// "paging file" come from the first system that this library ran on: the code is portable, and asks
+// the platform for all that differs between systems.
+
 /// A region of its own: one named mapping on the paging file. Owned by the swap heap.
 ///
 /// States: created (no mapping), allocated (a mapping, no view), mapped (both).

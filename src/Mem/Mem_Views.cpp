@@ -167,20 +167,20 @@ const char* Mem_Views::Broken() const
     Mem_FirstBreak check;
     unsigned long long mapped_bytes = 0;
     unsigned long long cached_bytes = 0;
-    bool any_cached = false;
+    std::uint32_t cached_blocks = 0;
     m_blocks.ForEach([&](int id, const RegisteredBlock& block) {
         const unsigned int size = block.owner->Size();
         const bool mapped = block.stat == RegisteredBlock::kMapped;
         const bool cached = block.stat == RegisteredBlock::kCached;
         mapped_bytes += HasView(block) ? size : 0;
         cached_bytes += cached ? size : 0;
-        any_cached = any_cached || cached;
+        cached_blocks += cached ? 1 : 0;
         check.Expect(mapped ? block.m_ref > 0 : block.m_ref == 0, "m_ref against stat");
         check.Expect(HasView(block) == (mapped || cached), "a view against stat");
         check.Expect(m_cache_queue.Contains(id) == cached, "the queue against stat");
     });
     check.Expect(m_cache_queue.Validate(), "the queue's index");
-    check.Expect(m_cache_queue.IsEmpty() != any_cached, "an id too many in the queue");
+    check.Expect(m_cache_queue.Length() == cached_blocks, "an id too many in the queue");
     check.Expect(mapped_bytes == m_total_mapped, "m_total_mapped");
     check.Expect(cached_bytes == m_total_cached, "m_total_cached");
     return check.What();

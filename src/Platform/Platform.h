@@ -57,8 +57,8 @@ public:
     /// file's own name holds the beginning of `name` up to its second "_", else that is a failure.
     ///
     /// @return a handle as above; null on failure, with nothing left and `*fault` telling of what.
-    virtual void* CreateFileMapping(const char* path, const char* name, std::uint64_t size,
-                                    FileFault* fault) = 0;
+    virtual void* CreateMappingOverFile(const char* path, const char* name, std::uint64_t size,
+                                        FileFault* fault) = 0;
 
     /// Opens a mapping that another process, or this one, has made under `name`, for reading
     /// only: no view of it can be made writable. Any text may be given: what isn't the name of
@@ -132,7 +132,7 @@ public:
     /// a number, as all of the library's. Allocates nothing.
     virtual bool RemoveDeadFile(const char* path) = 0;
 
-    /// Removes a file that this process made with CreateFileMapping().
+    /// Removes a file that this process made with CreateMappingOverFile().
     virtual bool RemoveFile(const char* path) = 0;
 
     /// Free bytes, for this user, on the disk that holds `folder`. @return false on failure.

@@ -18,8 +18,8 @@ public:
         return m_real.name arguments;                                                              \
     }
     FORWARD(void*, CreateSharedMapping, (const char* n, std::uint64_t s, const char* f), (n, s, f))
-    FORWARD(void*, CreateFileMapping, (const char* p, const char* n, std::uint64_t s, FileFault* f),
-            (p, n, s, f))
+    FORWARD(void*, CreateMappingOverFile,
+            (const char* p, const char* n, std::uint64_t s, FileFault* f), (p, n, s, f))
     FORWARD(void*, OpenMapping, (const char* n, const char* f), (n, f))
     FORWARD(void*, MapView, (void* m, std::uint64_t o, std::uint64_t s), (m, o, s))
     FORWARD(bool, UnmapView, (void* v, std::uint64_t s), (v, s))
@@ -111,12 +111,12 @@ public:
     {
         return fails(Create, 28) ? nullptr : passed(m_real.CreateSharedMapping(name, size, spare));
     }
-    void* CreateFileMapping(const char* path, const char* name, std::uint64_t size,
-                            FileFault* fault) override
+    void* CreateMappingOverFile(const char* path, const char* name, std::uint64_t size,
+                                FileFault* fault) override
     {
         *fault = FileFault::Mapping;
         return fails(Create, 28) ? nullptr
-                                 : passed(m_real.CreateFileMapping(path, name, size, fault));
+                                 : passed(m_real.CreateMappingOverFile(path, name, size, fault));
     }
     void* OpenMapping(const char* name, const char* spare) override
     {

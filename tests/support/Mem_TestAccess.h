@@ -60,6 +60,32 @@ struct Mem_TestAccess {
                 order.push_back(queue.m_ring[at.position]);
         return order;
     }
+    /// What a pager's rooms own, to be corrupted.
+    static auto& ViewRoom(MEM_MemPager& pager) FIBREX_NO_THREAD_SAFETY_ANALYSIS
+    {
+        return pager.m_rooms->views;
+    }
+    static auto& BlockRoom(MEM_MemPager& pager) FIBREX_NO_THREAD_SAFETY_ANALYSIS
+    {
+        return pager.m_rooms->blocks;
+    }
+    static MEM_FifoQueue& Queue(MEM_MemPager& pager) { return ViewRoom(pager).m_cache_queue; }
+    static auto& TotalMapped(MEM_MemPager& pager) { return ViewRoom(pager).m_total_mapped; }
+    static auto& TotalCached(MEM_MemPager& pager) { return ViewRoom(pager).m_total_cached; }
+    static auto& Ids(MEM_MemPager& pager) { return BlockRoom(pager).m_block_ids; }
+    static auto& Count(MEM_MemPager& pager) { return BlockRoom(pager).m_blocks_count; }
+    static auto& Length(MEM_MemPager& pager) { return BlockRoom(pager).m_blocks.m_length; }
+    static auto& LocalBlocks(MEM_MemPager& pager) { return BlockRoom(pager).m_local_blocks_size; }
+    static auto& LocalPieces(MEM_MemPager& pager) { return BlockRoom(pager).m_local_pieces_size; }
+    static auto& ForeignBlocks(MEM_MemPager& pager)
+    {
+        return BlockRoom(pager).m_foreign_blocks_size;
+    }
+    static auto& ForeignPieces(MEM_MemPager& pager)
+    {
+        return BlockRoom(pager).m_foreign_pieces_size;
+    }
+
     static std::size_t Kinds(const ShmmHeap& heap) { return heap.m_index.m_kinds.size(); }
     static bool HasNoBlocks(const ShmmHeap& heap) { return heap.m_blocks.empty(); }
     static const PagerInfoState* State(const MEM_PagerInfo& info) { return info.m_state; }

@@ -101,11 +101,11 @@ TEST(ARelativeTempFolder, StaysTheOneThatItWas)
 struct Makings final : ForwardingPlatform {
     Makings() : ForwardingPlatform(Platform::Get()) { Platform::Replace(this); }
     ~Makings() { Platform::Replace(&m_real); }
-    void* CreateFileMapping(const char* path, const char* name, std::uint64_t size,
-                            FileFault* fault) override
+    void* CreateMappingOverFile(const char* path, const char* name, std::uint64_t size,
+                                FileFault* fault) override
     {
         ++count;
-        return m_real.CreateFileMapping(path, name, size, fault);
+        return m_real.CreateMappingOverFile(path, name, size, fault);
     }
     int count = 0;
 };

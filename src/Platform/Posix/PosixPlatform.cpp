@@ -95,8 +95,8 @@ void* PosixPlatform::CreateSharedMapping(const char* name, std::uint64_t size,
     return told(MakeInSharedMemory(*mapping, spare_folder)) ? handed_out(mapping) : nullptr;
 }
 
-void* PosixPlatform::CreateFileMapping(const char* path, const char* name, std::uint64_t size,
-                                       FileFault* fault)
+void* PosixPlatform::CreateMappingOverFile(const char* path, const char* name, std::uint64_t size,
+                                           FileFault* fault)
 {
     ForgetLimits();
     MappingOwner mapping = PrepareMapping(name, size);

@@ -21,8 +21,8 @@ public:
 
     void* CreateSharedMapping(const char* name, std::uint64_t size,
                               const char* spare_folder) override;
-    void* CreateFileMapping(const char* path, const char* name, std::uint64_t size,
-                            FileFault* fault) override;
+    void* CreateMappingOverFile(const char* path, const char* name, std::uint64_t size,
+                                FileFault* fault) override;
     void* OpenMapping(const char* name, const char* spare_folder) override;
     void* MapView(void* mapping, std::uint64_t offset, std::uint64_t size) override;
     bool UnmapView(void* view, std::uint64_t size) override;
