@@ -57,11 +57,14 @@ template <element T>
 class buffer
 {
 public:
+    /// As ranges of the standard library name it.
     using value_type = T;
+    /// As ranges of the standard library name it.
     using size_type = std::size_t;
 
     /// No elements.
     buffer() : buffer(layout{}) {}
+    /// No elements yet, to be laid out so.
     explicit buffer(const layout& how) : m_store(std::make_shared<detail::store<T>>(how)) {}
 
     /// `size` elements with the value T().
@@ -71,10 +74,12 @@ public:
         m_store->grow(size, true);
         m_store->unmap();
     }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     buffer(std::size_t size, std::error_code& code) requires std::default_initializable<T>
         : buffer(size, layout{}, code)
     {
     }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     buffer(std::size_t size, const layout& how,
            std::error_code& code) requires std::default_initializable<T>
         : buffer(detail::told(code, [&] { return buffer(size, how); }))
@@ -87,17 +92,21 @@ public:
         m_store->grow(size, false);
         m_store->unmap();
     }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     buffer(std::size_t size, for_overwrite_t, const layout& how, std::error_code& code)
         : buffer(detail::told(code, [&] { return buffer(size, for_overwrite, how); }))
     {
     }
 
+    /// Takes over what the other has, which holds nothing from then on.
     buffer(buffer&&) noexcept = default;
+    /// Takes over what the other has, which holds nothing from then on.
     buffer& operator=(buffer&&) noexcept = default;
     ~buffer() = default;
 
     /// Elements.
     std::size_t size() const noexcept { return m_store == nullptr ? 0 : m_store->size(); }
+    /// Whether there is none.
     bool empty() const noexcept { return size() == 0; }
 
     /// Elements that there is memory for.
@@ -107,14 +116,17 @@ public:
     /// done with them. @param most the most fragments that it keeps mapped.
     /// @throws error with in_use if another thread resizes the buffer, std::bad_alloc.
     cursor<T> elements(std::size_t most = 16) { return {store(), most}; }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     cursor<T> elements(std::error_code& code)
     {
         return detail::told(code, [this] { return elements(); });
     }
+    /// The same for reading only.
     cursor<const T> elements(std::size_t most = 16) const
     {
         return m_store == nullptr ? cursor<const T>() : cursor<const T>(m_store, most);
     }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     cursor<const T> elements(std::error_code& code) const
     {
         return detail::told(code, [this] { return elements(); });
@@ -122,16 +134,20 @@ public:
 
     /// All elements in order, a std::span for each fragment, each good until the next but two.
     owned_parts<T> parts() { return owned_parts<T>(elements(1)); }
+    /// The same for reading only.
     owned_parts<const T> parts() const { return owned_parts<const T>(elements(1)); }
 
     /// Sets the size. New elements have the value T(), or none if asked so. Fragments that aren't
     /// needed any more are freed. At most one fragment is copied, whatever the buffer's size.
     void resize(std::size_t size) requires std::default_initializable<T> { set_size(size, true); }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     void resize(std::size_t size, std::error_code& code) requires std::default_initializable<T>
     {
         detail::told(code, [&] { resize(size); });
     }
+    /// The same, with new elements that have no value yet.
     void resize(std::size_t size, for_overwrite_t) { set_size(size, false); }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     void resize(std::size_t size, for_overwrite_t, std::error_code& code)
     {
         detail::told(code, [&] { resize(size, for_overwrite); });
@@ -144,6 +160,7 @@ public:
         m_store->make_room(size, false, false);
         m_store->unmap();
     }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     void reserve(std::size_t size, std::error_code& code)
     {
         detail::told(code, [&] { reserve(size); });
@@ -156,6 +173,7 @@ public:
         if (m_store == nullptr || m_store->in_use() || !m_store->put_at_hand(value)) [[unlikely]]
             put(value);
     }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     void push_back(const T& value, std::error_code& code)
     {
         detail::told(code, [&] { push_back(value); });
@@ -170,6 +188,7 @@ public:
 
     /// Removes the last element, which there must be. @throws error with in_use.
     void pop_back() { set_size(size() - 1, false); }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     void pop_back(std::error_code& code)
     {
         detail::told(code, [this] { pop_back(); });
@@ -190,6 +209,7 @@ public:
         }
         m_store->unmap();
     }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     template <std::ranges::input_range Range>
     requires std::convertible_to<std::ranges::range_reference_t<Range>, T>
     void append(Range&& range, std::error_code& code)
@@ -199,6 +219,7 @@ public:
 
     /// Removes and frees all elements. @throws error with in_use.
     void clear() { set_size(0, false); }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     void clear(std::error_code& code)
     {
         detail::told(code, [this] { clear(); });
@@ -221,10 +242,12 @@ public:
         }
         file.commit();
     }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     void save(const std::filesystem::path& path, std::error_code& code) const
     {
         save(path, no_progress(), code);
     }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     template <progress_function Progress>
     void save(const std::filesystem::path& path, Progress progress, std::error_code& code) const
     {
@@ -251,10 +274,12 @@ public:
         }
         m_store->take(*fresh.m_store);
     }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     void load(const std::filesystem::path& path, std::error_code& code)
     {
         load(path, no_progress(), code);
     }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     template <progress_function Progress>
     void load(const std::filesystem::path& path, Progress progress, std::error_code& code)
     {

@@ -330,13 +330,21 @@ template <class T>
 class cursor
 {
 public:
+    /// As ranges of the standard library name it.
     using value_type = std::remove_const_t<T>;
+    /// As ranges of the standard library name it.
     using size_type = std::size_t;
+    /// As ranges of the standard library name it.
     using difference_type = std::ptrdiff_t;
+    /// As ranges of the standard library name it.
     using reference = T&;
+    /// As ranges of the standard library name it.
     using iterator = detail::element_iterator<T>;
+    /// What gives the parts, a random-access range.
     using parts_range = detail::made_range<detail::parts_of<T>>;
+    /// What gives the rows, a random-access range.
     using rows_range = detail::made_range<detail::rows_of<T>>;
+    /// What gives the slices, a random-access range.
     using slices_range = detail::made_range<detail::slices_of<T>>;
 
     /// On nothing: no elements.
@@ -348,17 +356,22 @@ public:
     {
     }
 
+    /// How many there are.
     std::size_t size() const noexcept { return m_window == nullptr ? 0 : m_window->size(); }
+    /// Whether there is none.
     bool empty() const noexcept { return size() == 0; }
 
     /// The cursor must not be on nothing, nor moved from.
     T& operator[](std::size_t number) const { return (*m_window)[number]; }
 
+    /// The first.
     iterator begin() const { return {m_window.get(), 0}; }
+    /// Behind the last.
     iterator end() const { return {m_window.get(), size()}; }
 
     /// The elements from `number` to the end of their fragment.
     std::span<T> run_from(std::size_t number) const { return m_window->run_from(number); }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     std::span<T> run_from(std::size_t number, std::error_code& code) const
     {
         return detail::told(code, [&] { return run_from(number); });
@@ -407,10 +420,14 @@ template <class T>
 class owned_parts
 {
 public:
+    /// The parts of what the cursor is on, which this keeps.
     explicit owned_parts(cursor<T> elements) : m_elements(std::move(elements)) {}
 
+    /// The first.
     auto begin() const { return m_elements.parts().begin(); }
+    /// Behind the last.
     auto end() const { return m_elements.parts().end(); }
+    /// How many there are.
     std::size_t size() const { return m_elements.parts().size(); }
 
 private:

@@ -80,6 +80,7 @@ inline const std::error_category& category() noexcept
     return the_category;
 }
 
+/// For std::error_code, which makes itself of an errc by it.
 inline std::error_code make_error_code(errc code) noexcept
 {
     return {static_cast<int>(code), category()};
@@ -87,6 +88,7 @@ inline std::error_code make_error_code(errc code) noexcept
 
 /// Why a call failed, as a record. Streamed, it is one line without an end.
 struct reason {
+    /// Which kind of failure it is.
     errc code = errc::no_memory;
     const char* operation = ""; ///< as "piece::map"; lives as long as the program
     std::uint64_t wanted = 0;   ///< bytes; 0 where none were asked for
@@ -96,6 +98,7 @@ struct reason {
 class error final : public std::bad_alloc
 {
 public:
+    /// Of a failure that `why` tells of.
     explicit error(const reason& why) : m_why(why)
     {
         const std::string text = make_error_code(why.code).message();
@@ -106,7 +109,9 @@ public:
                           static_cast<unsigned long long>(why.wanted));
     }
 
+    /// Which kind of failure it is.
     std::error_code code() const noexcept { return make_error_code(m_why.code); }
+    /// What is known of the failure; lives as long as this.
     const reason& why() const noexcept { return m_why; }
 
     /// The reason's line.
@@ -117,6 +122,7 @@ private:
     char m_text[128] = "";
 };
 
+/// Writes one readable line.
 inline std::ostream& operator<<(std::ostream& out, const reason& why)
 {
     return out << error(why).what();
@@ -149,6 +155,7 @@ auto told(std::error_code& code, Call&& call) -> decltype(call())
 } // namespace detail
 } // namespace mempager
 
+/// Values of errc make error codes by themselves.
 template <>
 struct std::is_error_code_enum<mempager::errc> : std::true_type {
 };

@@ -19,6 +19,7 @@ concept progress_function = std::invocable<F&, std::uint64_t, std::uint64_t>;
 
 /// For who doesn't want to know.
 struct no_progress {
+    /// Takes how many bytes are done, and of how many.
     void operator()(std::uint64_t, std::uint64_t) const noexcept {}
 };
 

@@ -31,6 +31,7 @@ concept element = std::is_trivially_copyable_v<T> && std::same_as<T, std::remove
 struct for_overwrite_t {
     explicit for_overwrite_t() = default;
 };
+/// The one value of its kind.
 inline constexpr for_overwrite_t for_overwrite{};
 
 namespace detail
@@ -78,11 +79,13 @@ public:
     {
     }
 
+    /// Takes over what the other has, which holds nothing from then on.
     mapped(mapped&& other) noexcept
         : std::span<T>(std::exchange(other.elements(), {})),
           m_from(std::exchange(other.m_from, nullptr))
     {
     }
+    /// Takes over what the other has, which holds nothing from then on.
     mapped& operator=(mapped&& other) noexcept
     {
         mapped taken(std::move(other));
@@ -151,6 +154,7 @@ template <element T>
 class piece
 {
 public:
+    /// As ranges of the standard library name it.
     using element_type = T;
 
     /// Nothing: no elements, no memory.
@@ -162,6 +166,7 @@ public:
         mapped<T> born = allocate(count);
         std::uninitialized_value_construct_n(born.data(), born.size());
     }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     piece(std::size_t count, std::error_code& code) requires std::default_initializable<T>
         : piece(detail::told(code, [&] { return piece(count); }))
     {
@@ -169,15 +174,18 @@ public:
 
     /// `count` elements whose values are whatever the memory has.
     piece(std::size_t count, for_overwrite_t) { allocate(count).unmap(); }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     piece(std::size_t count, for_overwrite_t, std::error_code& code)
         : piece(detail::told(code, [&] { return piece(count, for_overwrite); }))
     {
     }
 
+    /// Takes over what the other has, which holds nothing from then on.
     piece(piece&& other) noexcept
         : m_handle(std::move(other.m_handle)), m_size(std::exchange(other.m_size, 0))
     {
     }
+    /// Takes over what the other has, which holds nothing from then on.
     piece& operator=(piece&& other) noexcept
     {
         piece taken(std::move(other));
@@ -189,11 +197,13 @@ public:
 
     /// Elements.
     std::size_t size() const noexcept { return m_size; }
+    /// Whether there is none.
     bool empty() const noexcept { return m_size == 0; }
 
     /// The elements, to read and write. Of views that wait in the pager's cache this costs no
     /// system call. @throws error with no_room.
     mapped<T> map() { return detail::map<T>(m_handle, m_size, "piece::map"); }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     mapped<T> map(std::error_code& code)
     {
         return detail::told(code, [this] { return map(); });
@@ -204,6 +214,7 @@ public:
     {
         return detail::map<const T>(m_handle, m_size, "piece::map_const");
     }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     mapped<const T> map_const(std::error_code& code) const
     {
         return detail::told(code, [this] { return map_const(); });
@@ -224,6 +235,7 @@ public:
         const auto bytes = std::as_bytes(std::span(text));
         return {bytes.begin(), bytes.end()};
     }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     std::vector<std::byte> descriptor(std::error_code& code) const
     {
         return detail::told(code, [this] { return descriptor(); });
@@ -269,6 +281,7 @@ template <element T>
 class foreign
 {
 public:
+    /// As ranges of the standard library name it.
     using element_type = const T;
 
     /// Nothing.
@@ -287,18 +300,23 @@ public:
         if (!m_handle->handle.IsValid() || m_handle->handle.GetAllocatedSize() % sizeof(T) != 0)
             detail::fail(errc::bad_descriptor, "foreign");
     }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     foreign(std::span<const std::byte> descriptor, std::error_code& code)
         : foreign(detail::told(code, [&] { return foreign(descriptor); }))
     {
     }
 
+    /// Another handle on the same piece; it holds no mapping.
     foreign(const foreign& other) : m_handle(copy(other.m_handle)) {}
+    /// Another handle on the same piece; it holds no mapping.
     foreign& operator=(const foreign& other)
     {
         m_handle = copy(other.m_handle);
         return *this;
     }
+    /// Takes over what the other has, which holds nothing from then on.
     foreign(foreign&&) noexcept = default;
+    /// Takes over what the other has, which holds nothing from then on.
     foreign& operator=(foreign&&) noexcept = default;
     ~foreign() = default;
 
@@ -307,6 +325,7 @@ public:
     {
         return m_handle == nullptr ? 0 : m_handle->handle.GetAllocatedSize() / sizeof(T);
     }
+    /// Whether there is none.
     bool empty() const noexcept { return size() == 0; }
 
     /// The elements, to read. @throws error with no_room, also if the other process is gone with
@@ -318,6 +337,7 @@ public:
             detail::fail(errc::bad_descriptor, "foreign::map");
         return elements;
     }
+    /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     mapped<const T> map(std::error_code& code) const
     {
         return detail::told(code, [this] { return map(); });
