@@ -42,7 +42,7 @@ namespace mempager
 ///     mempager::buffer<float> image(width * height, {.together = width});
 ///     const auto pixels = image.elements();
 ///     for (std::span<float> row : pixels.rows())
-///         ...
+///         blur(row);
 ///     pixels.rows()[y][x] = 1;
 ///
 /// Errors: what can fail throws error and leaves the buffer as it was, and has a form with a

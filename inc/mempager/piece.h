@@ -267,9 +267,10 @@ private:
 /// Elements that another process owns in a piece, read where they lie, by what that process's
 /// piece::descriptor() gave:
 ///
-///     const mempager::foreign<double> samples(bytes);
-///     for (double sample : samples.map())
-///         ...
+///     std::error_code failure;
+///     const mempager::foreign<double> samples(bytes, failure);
+///     if (!failure)
+///         plot(samples.map());
 ///
 /// Nothing is opened before the first map(). From then on the elements stay for as long as any
 /// copy of this lives, whatever becomes of the other process; what it writes meanwhile is seen.
