@@ -15,7 +15,7 @@ inline int RemoveDeadMappings(const std::string& prefix, const std::string& spar
         std::vector<std::string> all;
     };
     int removed = 0;
-    for (const std::string& folder : {std::string("/dev/shm"), spare_folder}) {
+    for (const std::string& folder : {std::string(Platform::Get().MappingFolder()), spare_folder}) {
         Names names;
         Platform::Get().ListFiles(folder.c_str(), prefix.c_str(), names);
         for (const std::string& name : names.all)

@@ -6,6 +6,7 @@
 #include "support/FailingPlatform.h"
 #include "support/Footprint.h"
 #include "support/PagerWorld.h"
+#include "support/ThisProcess.h"
 
 #include <gtest/gtest.h>
 
@@ -25,18 +26,12 @@ constexpr unsigned kRegion = 8454144;
 class FileHeap : public testing::Test, public ForwardingPlatform
 {
 protected:
-    FileHeap() : ForwardingPlatform(Platform::Get())
-    {
-        char name[] = "/var/tmp/mempager_test_XXXXXX";
-        m_folder = mkdtemp(name);
-        Platform::Replace(this);
-    }
+    FileHeap() : ForwardingPlatform(Platform::Get()) { Platform::Replace(this); }
     ~FileHeap() override
     {
         MEM_MemoryConfiguration::GetInstance()->SetInstance(nullptr);
         Platform::Replace(nullptr);
         EXPECT_EQ(Footprint::Now(), m_before);
-        fs::remove_all(m_folder);
     }
     bool FreeSpace(const char*, double* bytes) override
     {
@@ -52,12 +47,13 @@ protected:
     {
         std::set<std::string> names;
         for (const auto& entry : fs::directory_iterator(m_folder))
-            names.insert(entry.path().filename());
+            names.insert(entry.path().filename().string());
         return names;
     }
 
     const Footprint m_before = Footprint::Now();
-    std::string m_folder;
+    const TempFolder m_temp;
+    const std::string m_folder = m_temp.path;
     double m_free_mb = 100000;
 };
 
@@ -99,7 +95,7 @@ TEST_F(FileHeap, CleansOnlyWhatTheDeadHaveLeft)
     ASSERT_EQ(living.Allocate(1, 0, &region), 0);
     std::set<std::string> stay = Files();
     const std::string full = "TempFileNorvaneMemoryBlock_99999999_1_0",
-                      own = std::to_string(getpid());
+                      own = std::to_string(OwnId());
     for (const std::string& name :
          {std::string("TempFile.txt"), std::string("TempFile_abc"), std::string("TempFile_0_1"),
           std::string("TempFile_2024_report.csv"), std::string("TempFile_7zip"),

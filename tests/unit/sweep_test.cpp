@@ -63,7 +63,9 @@ struct Stage {
         waiting.clear();
         Mem_Status status;
         pager->GetCurrentStatus(status);
-        EXPECT_EQ(status.local_blocks_size + status.local_pieces_size + status.total_mapped, 0u);
+        EXPECT_EQ(status.local_blocks_size, 0u);
+        EXPECT_EQ(status.local_pieces_size, 0u);
+        EXPECT_EQ(status.total_mapped, 0u);
         EXPECT_TRUE(Mem_TestAccess::HasNoBlocks(heap));
         // Asked from another thread, since a lock lets its own thread in.
         std::thread([] { EXPECT_TRUE(Mem_TestAccess::TryAllLocks()); }).join();
@@ -103,9 +105,11 @@ TEST(Sweep, EachPlatformCallOfTheRoadMayFail)
             stage.ExpectNothingLeft();
             // One refused call is made good by giving up the cache; a prefetch isn't worth that.
             const int ahead = log.Count(5, "MEM_MemPager::Cache|");
-            EXPECT_EQ(refused > ahead, failing.Fired() && in_a_row == 2 && ahead == 0);
-            EXPECT_EQ(log.Count(3, "MEM_MemPager::") > 0, refused > ahead);
-            EXPECT_EQ(log.Size() > 0, failing.Fired() && kind != FailingPlatform::Close);
+            const bool no_help = failing.Fired() && in_a_row == 2 && ahead == 0;
+            const bool is_told = failing.Fired() && kind != FailingPlatform::Close;
+            EXPECT_EQ(refused > ahead, no_help);
+            EXPECT_EQ(log.Count(3, "MEM_MemPager::") > 0, no_help);
+            EXPECT_EQ(log.Size() > 0, is_told);
             return failing.Fired();
         });
 }
@@ -138,7 +142,10 @@ TEST(Sweep, EachAllocationOfTheRoadMayFail)
             }
             std::set_new_handler(hosts_own);
             // What doesn't throw was made good: by the handler, or by the pager's second try.
-            EXPECT_FALSE(thrown && (cached > 0 || !fired));
+            const bool may_throw = fired && cached == 0;
+            if (!may_throw) {
+                EXPECT_FALSE(thrown);
+            }
             stage.ExpectNothingLeft();
             return fired;
         });

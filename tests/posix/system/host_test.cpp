@@ -5,7 +5,7 @@
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_MemPager.h"
 #include "Platform/Platform.h"
-#include "support/Children.h"
+#include "posix/support/Children.h"
 #include "support/Footprint.h"
 #include "support/PagerWorld.h"
 
@@ -16,6 +16,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstring>
+#include <filesystem>
 #include <iterator>
 #include <random>
 #include <vector>
@@ -86,7 +87,8 @@ CHILD_TEST(AHost, MayHaveClosedItsStandardStreams, InChild)
     MEM_MemPager::GetHandle()->Allocate(0, &none, 0); // writes a line
     for (const int stream : {0, 1, 2})
         CHILD_CHECK(fcntl(stream, F_GETFD) == -1);
-    return piece.made && piece.GoesAndComesBack() ? 0 : 2;
+    CHILD_CHECK(piece.made);
+    return piece.GoesAndComesBack() ? 0 : 2;
 }
 
 CHILD_TEST(AHost, MayCloseAllDescriptors, InChild)
@@ -96,7 +98,8 @@ CHILD_TEST(AHost, MayCloseAllDescriptors, InChild)
     close_range(3, ~0u, 0);
     HostFile files[4];
     CHILD_CHECK(files[0].descriptor == 3);
-    CHILD_CHECK(piece.made && piece.GoesAndComesBack());
+    CHILD_CHECK(piece.made);
+    CHILD_CHECK(piece.GoesAndComesBack());
     piece.info = {};
     for (const HostFile& file : files)
         CHILD_CHECK(file.IsWhole());
@@ -125,16 +128,19 @@ int LiveWithoutPages()
     {
         const Footprint none = Footprint::Now();
         Piece piece;
-        CHILD_CHECK(piece.made && Footprint::Now().descriptors == none.descriptors + 1);
+        CHILD_CHECK(piece.made);
+        CHILD_CHECK(Footprint::Now().descriptors == none.descriptors + 1);
         CHILD_CHECK(piece.GoesAndComesBack());
         for (const auto& entry : fs::directory_iterator("/dev/shm"))
             fs::remove(entry);
         CHILD_CHECK(piece.GoesAndComesBack());
         close_range(3, ~0u, 0);
         const HostFile file;
-        CHILD_CHECK(!piece.GoesAndComesBack() && Platform::Get().LastError() == EBADF);
+        CHILD_CHECK(!piece.GoesAndComesBack());
+        CHILD_CHECK(Platform::Get().LastError() == EBADF);
         piece.info = {};
-        CHILD_CHECK(file.IsWhole() && close(file.descriptor) == 0);
+        CHILD_CHECK(file.IsWhole());
+        CHILD_CHECK(close(file.descriptor) == 0);
     }
     const Footprint before = Footprint::Now();
     Limit(RLIMIT_NOFILE, 20);
@@ -205,13 +211,17 @@ CHILD_TEST(AHost, MayTakeTheRightToItsNamesAway, InChildAmongOwnMounts)
     for (const mode_t mode : {0555u, 0u}) { // a name that won't go, one that can't be looked at
         const int code = InChild([mode] {
             Piece piece;
-            CHILD_CHECK(piece.made && chmod("/dev/shm", mode) == 0 && seteuid(65534) == 0);
+            CHILD_CHECK(piece.made);
+            CHILD_CHECK(chmod("/dev/shm", mode) == 0);
+            CHILD_CHECK(seteuid(65534) == 0);
             piece.info = {};
-            CHILD_CHECK(seteuid(0) == 0 && Footprint::Now().names == 1);
+            CHILD_CHECK(seteuid(0) == 0);
+            CHILD_CHECK(Footprint::Now().names == 1);
             std::exit(0);
             return 2;
         });
-        CHILD_CHECK(code == 0 && fs::is_empty("/dev/shm"));
+        CHILD_CHECK(code == 0);
+        CHILD_CHECK(fs::is_empty("/dev/shm"));
     }
     return 0;
 }
@@ -254,7 +264,8 @@ int CancelThreads(unsigned seed)
             pthread_join(thread, nullptr);
     }
     Piece piece;
-    return piece.made && piece.GoesAndComesBack() ? 0 : 2;
+    CHILD_CHECK(piece.made);
+    return piece.GoesAndComesBack() ? 0 : 2;
 }
 
 TEST(AHost, MayCancelInTheMidst)

@@ -5,7 +5,7 @@
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_MemPager.h"
-#include "support/Children.h"
+#include "posix/support/Children.h"
 #include "support/FailingPlatform.h"
 #include "support/PagerWorld.h"
 

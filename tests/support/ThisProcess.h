@@ -1,0 +1,30 @@
+#ifndef SUPPORT_THISPROCESS_H
+#define SUPPORT_THISPROCESS_H
+
+#include "Platform/Platform.h"
+
+#include <filesystem>
+#include <string>
+
+inline long OwnId()
+{
+    return Platform::Get().ProcessId();
+}
+
+/// A new folder beside the temp files, gone with this object.
+class TempFolder
+{
+public:
+    TempFolder() { std::filesystem::create_directory(path); }
+    ~TempFolder() { std::filesystem::remove_all(path); }
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+
+    const std::string path = Platform::Get().DefaultTempFolder() + std::string("/mempager_test_") +
+                             std::to_string(OwnId()) + "_" + std::to_string(s_made++);
+
+private:
+    inline static int s_made = 0;
+};
+
+#endif
