@@ -2,13 +2,13 @@
 #define SUPPORT_SEEDS_H
 
 #include <functional>
+#include <string>
 
-/// Runs `life` with the seeds 1 to `count`, until one fails; its failures tell the seed. With
-/// `--seed=N` on the program's command line N alone is lived, however large it is.
-/// To be called by a test's own thread.
+/// Runs `life` with the seeds 1 to `count`, until one fails; its failures tell the seed. After
+/// TakeSeed() that seed alone is lived.
 void ForEachSeed(unsigned count, const std::function<void(unsigned seed)>& life);
 
-/// Takes `--seed=N` out of a command line. @return false if any other argument is left in it.
-bool TakeSeed(int argc, char** argv);
+/// @return whether the argument is `--seed=N`.
+bool TakeSeed(const std::string& argument);
 
 #endif

@@ -11,12 +11,20 @@ inline long OwnId()
     return Platform::Get().ProcessId();
 }
 
-/// A new folder beside the temp files, gone with this object.
+/// A new folder where temp files go, for all users, gone with this object.
 class TempFolder
 {
 public:
-    TempFolder() { std::filesystem::create_directory(path); }
-    ~TempFolder() { std::filesystem::remove_all(path); }
+    TempFolder()
+    {
+        std::filesystem::create_directory(path);
+        std::filesystem::permissions(path, std::filesystem::perms::all);
+    }
+    ~TempFolder()
+    {
+        std::error_code stays;
+        std::filesystem::remove_all(path, stays);
+    }
     TempFolder(const TempFolder&) = delete;
     TempFolder& operator=(const TempFolder&) = delete;
 

@@ -2,13 +2,109 @@
 // while somebody reads it or stays when nobody does, pagers that end each other's views, and a lost
 // maker that ends the reader instead of a call.
 
+#include "Mem/Mem_MemInfo.h"
+#include "Mem/Mem_MemPager.h"
+#include "Zor/Zor_Buffer.h"
+#include "support/Child.h"
+#include "support/Footprint.h"
 #include "support/Leftovers.h"
-#include "support/SharedPieces.h"
+#include "support/Mem_TestAccess.h"
+#include "support/PagerWorld.h"
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <iostream>
 #include <thread>
 
 namespace
 {
+/// Four pieces with bytes of their own: three on one region, one on another.
+struct Pieces {
+    static constexpr unsigned sizes[] = {1000, 5, 7000, 100000};
+
+    explicit Pieces(const std::string& from, MEM_MemPager* by = MEM_MemPager::GetHandle())
+        : pager(by)
+    {
+        Zor_iBuffer in(from.data(), from.size());
+        MEM_MemInfo info;
+        for (MEM_PagerInfo& piece : all)
+            piece = (in >> info, pager->Register(info));
+    }
+    static char Byte(unsigned at) { return static_cast<char>((at * 2654435761u) >> 11); }
+    bool Each(int (MEM_PagerInfo::*call)())
+    {
+        return std::ranges::all_of(all, [&](MEM_PagerInfo& piece) { return (piece.*call)() == 0; });
+    }
+    bool Map() { return Each(&MEM_PagerInfo::Map); }
+    bool Unmap() { return Each(&MEM_PagerInfo::Unmap); }
+    bool Hold() const
+    {
+        unsigned right = 0;
+        for (unsigned n = 0; n < 4; ++n)
+            for (unsigned at = 0; at < all[n].Size(); ++at)
+                right += At(n)[at] == Byte(n * 77777 + at);
+        return right == 108005;
+    }
+    void ExpectAllBytes()
+    {
+        EXPECT_TRUE(Map());
+        EXPECT_TRUE(Hold());
+        EXPECT_TRUE(Unmap());
+    }
+    bool HoldAnew() { return (pager->ClearCache(), Map()) && Hold() && Unmap(); }
+    volatile char* At(unsigned n) const { return static_cast<volatile char*>(all[n].Ptr()); }
+    MEM_MemPager* pager;
+    MEM_PagerInfo all[4];
+};
+
+/// Makes the pieces, writes their descriptors, and frees them at the end of its input.
+CHILD_ROLE(MakerOfPieces)
+{
+    const TestConfiguration::Scope small_regions;
+    MEM_MemPager* const pager = MEM_MemPager::GetHandle();
+    MEM_PagerInfo pieces[4];
+    Zor_oBuffer out;
+    for (unsigned n = 0; n < 4; ++n) {
+        CHILD_CHECK(pager->Allocate(Pieces::sizes[n], &pieces[n], 64) == 0);
+        for (unsigned at = 0; at < Pieces::sizes[n]; ++at)
+            static_cast<char*>(pieces[n].Ptr())[at] = Pieces::Byte(n * 77777 + at);
+        pager->StreamMemInfo(pieces[n], out);
+    }
+    std::string bytes = out.Bytes();
+    bytes.resize(4096);
+    std::cout << bytes << std::flush;
+    std::cin.get();
+    return 0;
+}
+
+/// A maker, whose reader must have nothing left when it ends.
+struct Maker {
+    ~Maker()
+    {
+        EXPECT_EQ(Mem_TestAccess::Broken(*MEM_MemPager::GetHandle()), nullptr);
+        EXPECT_EQ(Footprint::Now(), before);
+        if (!ended)
+            End();
+    }
+    void End()
+    {
+        process.EndInput();
+        EXPECT_EQ(process.End(), 0);
+        ended = true;
+    }
+    void Kill()
+    {
+        process.Kill();
+        EXPECT_EQ(process.End(), Child::killed);
+        ended = true;
+    }
+    Child process{"MakerOfPieces"};
+    const std::string descriptors = process.Read(4096);
+    const Footprint before = Footprint::Now();
+    bool ended = false;
+};
+
 TEST(SharedPieces, AreReadToTheLastByteThroughAllThatAViewCanMeet)
 {
     Maker maker;

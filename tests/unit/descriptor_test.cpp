@@ -1,14 +1,16 @@
 // Hunts what a descriptor from outside can do to its reader: cut, forged or stale, it must be told
 // from a good one before anything is touched, and leave neither a trace nor a lock.
 
+#include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_ShmmHeap.h"
 #include "Platform/Platform.h"
+#include "Zor/Zor_Buffer.h"
 #include "support/Child.h"
-#include "support/Descriptors.h"
 #include "support/FailingNew.h"
 #include "support/Footprint.h"
 #include "support/Mem_TestAccess.h"
 #include "support/PagerWorld.h"
+#include "support/ThisProcess.h"
 
 #include <gtest/gtest.h>
 
@@ -16,7 +18,30 @@
 
 namespace
 {
+/// Names of regions of this process: what all begin with, and one.
+const std::string own = "NorvaneMemoryBlock_" + std::to_string(OwnId()) + "_1_";
+const std::string good = own + "1";
+
+/// The bytes of a descriptor, true or forged.
+std::string Descriptor(unsigned offset, unsigned size, unsigned owner_offset, unsigned owner_size,
+                       const std::string& mapping = good, const std::string& name = own + "2")
+{
+    Zor_oBuffer out;
+    out << offset << size << (offset ^ size) << owner_offset << owner_size;
+    out.Write64bitHandle(nullptr);
+    for (const std::string& text : {mapping, name})
+        (out << static_cast<int>(text.size())) << text;
+    return out.Bytes();
+}
 const std::string valid = Descriptor(96, 100, 4096, 8192);
+
+MEM_PagerInfo Adopt(MEM_MemPager& pager, const std::string& bytes)
+{
+    Zor_iBuffer in(bytes.data(), bytes.size());
+    MEM_MemInfo info;
+    in >> info;
+    return pager.Register(info);
+}
 
 enum Fate { Refused, Unmapped, Mapped };
 

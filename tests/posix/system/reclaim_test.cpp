@@ -103,8 +103,7 @@ TEST(Reclaim, GivesEveryKindOfAllocationWhatTheCacheHolds)
             void* const memory = give(300 * kMB);
             CHILD_CHECK(memory != nullptr);
             std::memset(memory, 1, 299 * kMB);
-            CHILD_CHECK(cache.MB() == 0);
-            CHILD_CHECK(log.Size() == 0);
+            CHILD_CHECK(cache.MB() == 0, log.Size() == 0);
             std::free(memory);
             return cache.Whole() ? 0 : 2;
         });
@@ -129,9 +128,7 @@ CHILD_TEST(Reclaim, LetsAnOrdinaryProgramGoOnUntilTheCacheIsGoneAndTellsItThen, 
         }
     } catch (const std::bad_alloc&) {
     }
-    CHILD_CHECK(texts.size() * 24000 > 350 * kMB);
-    CHILD_CHECK(cache.MB() == 0);
-    CHILD_CHECK(reports == 1);
+    CHILD_CHECK(texts.size() * 24000 > 350 * kMB, cache.MB() == 0, reports == 1);
     return 0;
 }
 
@@ -142,23 +139,18 @@ CHILD_TEST(Reclaim, KeepsTheContractOfAFailureAndTheCacheWhereItCannotHelp, Unde
     volatile std::size_t most = ~std::size_t{0};
     void* untouched = &log;
     errno = 0;
-    CHILD_CHECK(std::malloc(most) == nullptr);
-    CHILD_CHECK(errno == ENOMEM);
+    CHILD_CHECK(std::malloc(most) == nullptr, errno == ENOMEM);
     CHILD_CHECK(std::calloc(most / 2, 3) == nullptr);
-    CHILD_CHECK(posix_memalign(&untouched, 24, 100) == EINVAL);
-    CHILD_CHECK(untouched == &log);
+    CHILD_CHECK(posix_memalign(&untouched, 24, 100) == EINVAL, untouched == &log);
     // Behind a pointer, since the compiler holds a failed realloc for a free.
     void* (*volatile reallocate)(void*, std::size_t) = std::realloc;
     void* const block = reallocate(std::malloc(100), 200);
-    CHILD_CHECK(reallocate(block, most) == nullptr);
-    CHILD_CHECK(cache.MB() == 100);
+    CHILD_CHECK(reallocate(block, most) == nullptr, cache.MB() == 100);
 
     errno = 0;
-    CHILD_CHECK(posix_memalign(&untouched, 64, 900 * kMB) == ENOMEM);
-    CHILD_CHECK(untouched == &log);
+    CHILD_CHECK(posix_memalign(&untouched, 64, 900 * kMB) == ENOMEM, untouched == &log);
     CHILD_CHECK(cache.MB() == 0);
-    CHILD_CHECK(reallocate(block, 900 * kMB) == nullptr);
-    CHILD_CHECK(errno == ENOMEM);
+    CHILD_CHECK(reallocate(block, 900 * kMB) == nullptr, errno == ENOMEM);
     static_cast<char*>(block)[199] = 1;
     std::free(block);
     CHILD_CHECK(log.Count(2, "clear_cache_handler|\tTried to allocate: 900") == 2);

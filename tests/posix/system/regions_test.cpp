@@ -1,6 +1,7 @@
 // Hunts, with forked and killed processes: names that outlive their process, or are taken from a
 // living one; promises of memory that end in a signal, of a group's limit too; creation that a
-// timer keeps from getting on; failures that leave something behind.
+// timer keeps from getting on; a reader that can write; a name that leads its opener astray;
+// failures that leave something behind.
 
 #include "Platform/Platform.h"
 #include "posix/support/Children.h"
@@ -15,6 +16,7 @@
 #include <filesystem>
 #include <string>
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 
@@ -88,8 +90,7 @@ TEST(RegionsOfProcesses, GoWithTheirMakerAndStayWithItsChildren)
 {
     void* regions[] = {Make(0, 1), Make(1, 1)};
     const pid_t maker = StartChild([&] {
-        CHILD_CHECK(platform.CloseMapping(regions[1]));
-        CHILD_CHECK(Make(5, 1) != nullptr);
+        CHILD_CHECK(platform.CloseMapping(regions[1]), Make(5, 1) != nullptr);
         std::exit(0);
     });
     EXPECT_EQ(EndOfChild(maker), 0);
@@ -125,17 +126,13 @@ CHILD_TEST(RegionsOfProcesses, MeetATimerAndLimits, InChild)
     Limit(RLIMIT_FSIZE, MiB);
     CHILD_CHECK(ErrorOf(MiB + 1) == EFBIG); // or SIGXFSZ
     Limit(RLIMIT_AS, MiB);                  // less than there is already
-    CHILD_CHECK(platform.MapView(region, 0, MiB) == nullptr);
-    CHILD_CHECK(platform.LastError() == ENOMEM);
+    CHILD_CHECK(platform.MapView(region, 0, MiB) == nullptr, platform.LastError() == ENOMEM);
     const bool made = Make(1, MiB) != nullptr;
     Limit(RLIMIT_AS, RLIM_INFINITY);
-    CHILD_CHECK(!made);
-    CHILD_CHECK(platform.LastError() == ENOMEM);
-    CHILD_CHECK(Footprint::Now().names == 1);
-    CHILD_CHECK(Footprint::Now().maps == 1);
+    CHILD_CHECK(!made, platform.LastError() == ENOMEM);
+    CHILD_CHECK(Footprint::Now().names == 1, Footprint::Now().maps == 1);
     Limit(RLIMIT_NOFILE, 0);
-    CHILD_CHECK(Make(1, MiB) == nullptr);
-    CHILD_CHECK(platform.LastError() == EMFILE);
+    CHILD_CHECK(Make(1, MiB) == nullptr, platform.LastError() == EMFILE);
     return platform.CloseMapping(region) ? 0 : 2;
 }
 
@@ -145,14 +142,42 @@ CHILD_TEST(RegionsOfProcesses, MeetAFullABarredAndAMissingFolder, InChildAmongOw
     void* regions[] = {Make(0, 7 * MiB), Make(1, 7 * MiB)};
     CHILD_CHECK(ErrorOf(7 * MiB) == ENOSPC);
     for (void* region : regions) {
-        CHILD_CHECK(Fill(region, 7 * MiB));
-        CHILD_CHECK(platform.CloseMapping(region));
+        CHILD_CHECK(Fill(region, 7 * MiB), platform.CloseMapping(region));
     }
     CHILD_CHECK(Mount("tmpfs", "/dev/shm", "", MS_RDONLY));
     CHILD_CHECK(ErrorOf(1) == EROFS);
-    CHILD_CHECK(Mount("tmpfs", "/dev"));
-    CHILD_CHECK(Make(0, 1) == nullptr);
+    CHILD_CHECK(Mount("tmpfs", "/dev"), Make(0, 1) == nullptr);
     return platform.LastError() == ENOENT ? 0 : 2;
+}
+
+// Whatever bears the name, an opener neither waits at it nor follows it.
+TEST(RegionsOfProcesses, AreNeitherPipesNorLinks)
+{
+    for (const bool is_pipe : {true, false}) {
+        const std::string path = Path(getpid(), 3);
+        EXPECT_EQ(is_pipe ? mkfifo(path.c_str(), 0644) : symlink("/etc/passwd", path.c_str()), 0);
+        EXPECT_EQ(platform.OpenMapping(Name(getpid(), "3").c_str(), ""), nullptr) << is_pipe;
+        EXPECT_TRUE(fs::remove(path));
+    }
+}
+
+TEST(RegionsOfProcesses, CanBeReadByAllButNotWritten)
+{
+    void* const region = Make(0, 1);
+    for (const bool by_another_user : {false, true})
+        EXPECT_EQ(-SIGSEGV, InChild([&] {
+            if (by_another_user)
+                CHILD_CHECK(GiveUpRights());
+            void* const opened = platform.OpenMapping(Name(getppid(), "0").c_str(), "");
+            auto* const view = static_cast<volatile char*>(platform.MapView(opened, 0, 1));
+            CHILD_CHECK(view != nullptr);
+            CHILD_CHECK(*view == 0);
+            CHILD_CHECK(mprotect(const_cast<char*>(view), 1, PROT_READ | PROT_WRITE) != 0);
+            std::signal(SIGSEGV, SIG_DFL); // no sanitizer's
+            *view = 1;
+            return 0;
+        }));
+    EXPECT_TRUE(platform.CloseMapping(region));
 }
 
 } // namespace

@@ -7,10 +7,10 @@
 #include "support/FailingNew.h"
 #include "support/Footprint.h"
 #include "support/PagerWorld.h"
+#include "support/ThisProcess.h"
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 #include <regex>
 
@@ -19,10 +19,8 @@
 
 namespace
 {
-struct LogFolder {
-    ~LogFolder() { std::filesystem::remove_all(made); }
-    char made[32] = "/var/tmp/mempager_report_XXXXXX";
-    const std::string dump = std::string(mkdtemp(made)) + "/mem_dump.log";
+struct LogFolder : TempFolder {
+    const std::string dump = path + "/mem_dump.log";
 };
 
 /// A pattern for each line; one that begins with "+" is for one or more.
@@ -100,7 +98,7 @@ int LiveToTheEnd(const LogFolder& logs, bool needs_new)
 {
     static MEM_PagerInfo pieces[31], *last = pieces;
     CHILD_CHECK(std::freopen((logs.dump + "2").c_str(), "a", stderr) != nullptr);
-    Zor_LogFile::SetLogConfigDir(logs.made);
+    Zor_LogFile::SetLogConfigDir(logs.path.c_str());
     Limit(RLIMIT_AS, 600 << 20);
     while (MEM_MemPager::GetHandle()->Allocate(20 << 20, last, 0) == 0)
         ++last;
@@ -143,11 +141,10 @@ TEST(Report, MakesDoWithAnyDumpFile)
     };
     for (const auto& now : made_and_left) {
         const LogFolder logs;
-        const std::string set = std::string("umask 0; D=") + logs.made + " F=" + logs.dump + "; ";
+        const std::string set = std::string("umask 0; D=") + logs.path + " F=" + logs.dump + "; ";
         const int code = InChildAmongOwnMounts([&] {
-            CHILD_CHECK(chmod(logs.made, 0777) == 0);
             CHILD_CHECK(std::system((set + now.first).data()) == 0);
-            Zor_LogFile::SetLogConfigDir(logs.made);
+            Zor_LogFile::SetLogConfigDir(logs.path.c_str());
             LogCapture log(5);
             const Footprint before = Footprint::Now();
             CHILD_CHECK(seteuid(65534) == 0);
@@ -167,7 +164,7 @@ TEST(Report, OfSeveralProcessesKeepsItsLines)
 {
     const LogFolder logs;
     const auto report = [&logs] {
-        Zor_LogFile::SetLogConfigDir(logs.made);
+        Zor_LogFile::SetLogConfigDir(logs.path.c_str());
         LogCapture quiet(0);
         MEM_PagerInfo pieces[300]; // which a record doesn't tell in one go
         for (MEM_PagerInfo& piece : pieces)
