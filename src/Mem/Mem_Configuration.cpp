@@ -2,7 +2,7 @@
 
 #include "Mem/Mem_TempFolder.h"
 #include "NRVlog/Zor_Log.h"
-#include "Platform/Platform.h"
+#include "Platform/Process.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -16,8 +16,9 @@ constexpr unsigned int kUnchanged = MEM_MemoryConfiguration_FileHeapParemeters::
 
 unsigned int default_cache_size_in_mb()
 {
-    Platform& platform = Platform::Get();
-    const std::uint64_t mb = std::min(platform.PhysicalMemory(), platform.AddressSpace()) >> 20;
+    Platform::Process& process = Platform::Process::Get();
+    const std::uint64_t mb =
+        std::min(process.MemoryLimit(), process.MemoryNow().address_space) >> 20;
     if (mb <= 2048)
         return 500;
     return mb <= 3072 ? 1000 : 2000;

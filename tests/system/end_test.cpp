@@ -2,10 +2,10 @@
 // thread which is inside, an exception that leaves such a thread, and use after the end.
 
 #include "Mem/Mem_MemPager.h"
-#include "Platform/Platform.h"
 #include "support/Child.h"
 #include "support/PagerWorld.h"
 #include "support/Seeds.h"
+#include "support/ThisProcess.h"
 
 #include <gtest/gtest.h>
 
@@ -44,7 +44,7 @@ namespace
 
 /// At the end pieces are left alone, which a sanitizer takes for leaks.
 #define SKIP_UNDER_A_SANITIZER()                                                                   \
-    if (!Platform::Get().MallocIsHooked())                                                         \
+    if (is_sanitized)                                                                              \
     GTEST_SKIP() << "a sanitizer looks for leaks where a process ends"
 
 CHILD_ROLE(EndsWithThreadsInside)

@@ -3,7 +3,7 @@
 
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_ShmmHeap.h"
-#include "Platform/Platform.h"
+#include "Platform/Mappings.h"
 #include "Zor/Zor_Buffer.h"
 #include "support/Child.h"
 #include "support/FailingNew.h"
@@ -51,10 +51,10 @@ struct Descriptors : testing::Test {
     LogCapture log{3};
     Memory_ShmmHeap heap;
     std::unique_ptr<MEM_MemPager> pager = Mem_TestAccess::MakePager(&heap);
-    void* region = Platform::Get().CreateSharedMapping(good.c_str(), 65536, "/var/tmp");
+    void* region = Platform::Mappings::Get().CreateSharedMapping(good.c_str(), 65536, "/var/tmp");
     ~Descriptors() override
     {
-        EXPECT_TRUE(Platform::Get().CloseMapping(region));
+        EXPECT_TRUE(Platform::Mappings::Get().CloseMapping(region));
         EXPECT_EQ(Footprint::Now(), before);
     }
     /// The whole life of a piece, read at both ends. Nothing is left of it.
@@ -123,11 +123,11 @@ TEST_F(Descriptors, ShareOneBlockOfWhichTheFirstFixesTheRegion)
     EXPECT_EQ(first.Map(), 0);
 
     // Another region takes the name: who holds the old one, keeps it.
-    EXPECT_TRUE(Platform::Get().CloseMapping(region));
-    region = Platform::Get().CreateSharedMapping(good.c_str(), 65536, "/var/tmp");
-    void* const bytes = Platform::Get().MapView(region, 0, 65536);
+    EXPECT_TRUE(Platform::Mappings::Get().CloseMapping(region));
+    region = Platform::Mappings::Get().CreateSharedMapping(good.c_str(), 65536, "/var/tmp");
+    void* const bytes = Platform::Mappings::Get().MapView(region, 0, 65536);
     std::memset(bytes, 'n', 65536);
-    EXPECT_TRUE(Platform::Get().UnmapView(bytes, 65536));
+    EXPECT_TRUE(Platform::Mappings::Get().UnmapView(bytes, 65536));
     for (const char expected : {'\0', 'n'}) {
         MEM_PagerInfo third = Adopt(*pager, valid);
         ASSERT_EQ(third.Map(), 0);

@@ -23,14 +23,12 @@ namespace fs = std::filesystem;
 constexpr unsigned kRegion = 8454144;
 
 /// A folder and settings of a test's own, and a disk that claims the free space it is told.
-class FileHeap : public testing::Test, public ForwardingPlatform
+class FileHeap : public testing::Test, public ForwardingInspection
 {
 protected:
-    FileHeap() : ForwardingPlatform(Platform::Get()) { Platform::Replace(this); }
     ~FileHeap() override
     {
         MEM_MemoryConfiguration::GetInstance()->SetInstance(nullptr);
-        Platform::Replace(nullptr);
         EXPECT_EQ(Footprint::Now(), m_before);
     }
     bool FreeSpace(const char*, double* bytes) override

@@ -3,7 +3,8 @@
 // timer keeps from getting on; a reader that can write; a name that leads its opener astray;
 // failures that leave something behind.
 
-#include "Platform/Platform.h"
+#include "Platform/LastError.h"
+#include "Platform/Mappings.h"
 #include "posix/support/Children.h"
 #include "support/Footprint.h"
 #include "support/Leftovers.h"
@@ -25,7 +26,7 @@ namespace
 
 namespace fs = std::filesystem;
 constexpr std::uint64_t MiB = 1 << 20;
-Platform& platform = Platform::Get();
+Platform::Mappings& platform = Platform::Mappings::Get();
 
 std::string Name(pid_t process, const std::string& tail)
 {
@@ -56,7 +57,7 @@ unsigned long ErrorOf(std::uint64_t size)
 {
     const Footprint before = Footprint::Now();
     const bool refused = Make(999, size) == nullptr;
-    const unsigned long error = platform.LastError();
+    const unsigned long error = Platform::LastError();
     return refused && Footprint::Now() == before ? error : 0;
 }
 
@@ -126,13 +127,13 @@ CHILD_TEST(RegionsOfProcesses, MeetATimerAndLimits, InChild)
     Limit(RLIMIT_FSIZE, MiB);
     CHILD_CHECK(ErrorOf(MiB + 1) == EFBIG); // or SIGXFSZ
     Limit(RLIMIT_AS, MiB);                  // less than there is already
-    CHILD_CHECK(platform.MapView(region, 0, MiB) == nullptr, platform.LastError() == ENOMEM);
+    CHILD_CHECK(platform.MapView(region, 0, MiB) == nullptr, Platform::LastError() == ENOMEM);
     const bool made = Make(1, MiB) != nullptr;
     Limit(RLIMIT_AS, RLIM_INFINITY);
-    CHILD_CHECK(!made, platform.LastError() == ENOMEM);
+    CHILD_CHECK(!made, Platform::LastError() == ENOMEM);
     CHILD_CHECK(Footprint::Now().names == 1, Footprint::Now().maps == 1);
     Limit(RLIMIT_NOFILE, 0);
-    CHILD_CHECK(Make(1, MiB) == nullptr, platform.LastError() == EMFILE);
+    CHILD_CHECK(Make(1, MiB) == nullptr, Platform::LastError() == EMFILE);
     return platform.CloseMapping(region) ? 0 : 2;
 }
 
@@ -147,7 +148,7 @@ CHILD_TEST(RegionsOfProcesses, MeetAFullABarredAndAMissingFolder, InChildAmongOw
     CHILD_CHECK(Mount("tmpfs", "/dev/shm", "", MS_RDONLY));
     CHILD_CHECK(ErrorOf(1) == EROFS);
     CHILD_CHECK(Mount("tmpfs", "/dev"), Make(0, 1) == nullptr);
-    return platform.LastError() == ENOENT ? 0 : 2;
+    return Platform::LastError() == ENOENT ? 0 : 2;
 }
 
 // Whatever bears the name, an opener neither waits at it nor follows it.
