@@ -73,6 +73,7 @@ MEM_MemoryConfiguration::MEM_MemoryConfiguration()
 }
 
 MEM_MemoryConfiguration::MEM_MemoryConfiguration(MEM_MemoryConfiguration&& other) noexcept
+    // NOLINTNEXTLINE(performance-move-constructor-init): the numbers stay behind, the text goes
     : MEM_MemoryConfiguration(static_cast<const MEM_MemoryConfiguration&>(other))
 {
     other.m_temp_path = RWCString();

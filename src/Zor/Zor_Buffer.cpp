@@ -88,6 +88,7 @@ Zor_iBuffer& Zor_iBuffer::operator>>(unsigned int& value)
 Zor_iBuffer& Zor_iBuffer::Read64bitHandle(void*& handle)
 {
     handle = nullptr;
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the bytes hold what was a pointer
     handle =
         reinterpret_cast<void*>(static_cast<std::uintptr_t>(read_number<std::uint64_t>(*this)));
     return *this;
