@@ -122,6 +122,9 @@ private:
         std::swap(mapping_lost, other.mapping_lost);
     }
 
+    static size_t mapped_of(size_t fragments_num);
+    static size_t tail_start_of(size_t fragments_num);
+
     int reallocate_fragments(size_t new_fragments_num, size_t new_total_buf_size,
                              unsigned int new_last_fragment_size, bool is_partial) override;
 
