@@ -3,6 +3,7 @@
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_TempFolder.h"
+#include "Mem/Mem_Units.h"
 #include "Platform/Platform.h"
 
 #include <algorithm>
@@ -281,11 +282,6 @@ Mem_Inspection::Removal remove(const Entry& leftover)
     return of_link.outcome == Mem_Inspection::Outcome::Kept ? of_link : removal;
 }
 
-std::uint64_t bytes_of(unsigned int mb)
-{
-    return std::uint64_t{mb} << 20;
-}
-
 class Copied final : public Platform::Findings
 {
 public:
@@ -339,10 +335,10 @@ std::vector<Mem_Inspection::Finding> Mem_Inspection::Examine(const char* temp_fo
     MEM_MemoryConfiguration& settings = *MEM_MemoryConfiguration::GetInstance();
     const std::string folder = temp_folder_or(temp_folder);
     Platform::Demand demand;
-    demand.shared_memory = bytes_of(settings.GetSwapMaxSizeInMb());
-    demand.files = bytes_of(settings.FileHeap_MaxTotalSpaceInMb());
-    demand.file = bytes_of(settings.FileHeap_FileSizeInMb());
-    demand.free_disk = bytes_of(settings.FileHeap_MinSpaceToLeaveInMb());
+    demand.shared_memory = BytesOfMb(settings.GetSwapMaxSizeInMb());
+    demand.files = BytesOfMb(settings.FileHeap_MaxTotalSpaceInMb());
+    demand.file = BytesOfMb(settings.FileHeap_FileSizeInMb());
+    demand.free_disk = BytesOfMb(settings.FileHeap_MinSpaceToLeaveInMb());
     demand.region = settings.BaseBlockSize();
     demand.views = settings.HeapCacheInBytes();
     demand.temp_folder = folder.c_str();

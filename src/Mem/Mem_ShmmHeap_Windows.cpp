@@ -13,6 +13,36 @@
 #include <memory>
 #include <utility>
 
+namespace
+{
+/// Views `size` bytes of a mapping at `view`. @return 0; -1 if the system refuses, with the limit
+/// remembered that stood in the way, after `log_refusal(MB, the system's error)`.
+template <class LogRefusal>
+int map_region(void*& view, void* mapping, unsigned int offset, unsigned int size,
+               LogRefusal log_refusal)
+{
+    view = Platform::Get().MapView(mapping, offset, size);
+    if (view != nullptr)
+        return 0;
+    ViewLimits.Met();
+    log_refusal(InMb(size), Platform::Get().LastError());
+    return -1;
+}
+
+/// Ends the view of `size` bytes at `view`, which is null then, also if the system refuses: after
+/// `log_refusal(MB, the system's error)`. @return 0; -1 if there was no view.
+template <class LogRefusal>
+int unmap_region(void*& view, unsigned int size, LogRefusal log_refusal)
+{
+    if (view == nullptr)
+        return -1;
+    if (!Platform::Get().UnmapView(view, size))
+        log_refusal(InMb(size), Platform::Get().LastError());
+    view = nullptr;
+    return 0;
+}
+} // namespace
+
 SwapMapInfo::SwapMapInfo(RWCString name, unsigned int size) : BaseMapInfo(size, 0), m_name(name) {}
 
 int SwapMapInfo::AllocateSwap()
@@ -38,28 +68,22 @@ int SwapMapInfo::FreeSwap()
 
 int SwapMapInfo::Map()
 {
-    m_pointer = Platform::Get().MapView(m_handle, 0, Size());
-    if (m_pointer != nullptr)
-        return 0;
-    ViewLimits.Met();
-    ZOR_LOG("SwapMapInfo::Map", 5,
-            "Map: Couldn't map swap to memory (Details: MapViewOfFile failed, Size %.1fMB, Errno "
-            "[%lu]).\n",
-            InMb(Size()), Platform::Get().LastError());
-    return -1;
+    return map_region(m_pointer, m_handle, 0, Size(), [](double mb, unsigned long error) {
+        ZOR_LOG("SwapMapInfo::Map", 5,
+                "Map: Couldn't map swap to memory (Details: MapViewOfFile failed, Size %.1fMB, "
+                "Errno [%lu]).\n",
+                mb, error);
+    });
 }
 
 int SwapMapInfo::Unmap()
 {
-    if (m_pointer == nullptr)
-        return -1;
-    if (!Platform::Get().UnmapView(m_pointer, Size()))
+    return unmap_region(m_pointer, Size(), [](double mb, unsigned long error) {
         ZOR_LOG("SwapMapInfo::Unmap", 4,
                 "Unmap: Couldn't unmap shared memory to swap (Details: UnmapViewOfFile failed, "
                 "Size %1.fMB, Errno [%lu])\n",
-                InMb(Size()), Platform::Get().LastError());
-    m_pointer = nullptr;
-    return 0;
+                mb, error);
+    });
 }
 
 void* SwapMapInfo::Handle()
@@ -206,28 +230,23 @@ int Windows_FileMapInfo::Map()
 {
     // The block that makes the regions has such a file.
     auto* const file = static_cast<Windows_FileInfo*>(m_file);
-    m_pointer = Platform::Get().MapView(file->GetMappingHandle(), Offset(), Size());
-    if (m_pointer != nullptr)
-        return 0;
-    ViewLimits.Met();
-    ZOR_LOG("Windows_FileMapInfo::Map", 5,
-            "Map: Couldn't map private file to memory (Details: MapViewOfFile failed, size %.1fMB, "
-            "Errno [%lu])\n",
-            InMb(Size()), Platform::Get().LastError());
-    return -1;
+    return map_region(m_pointer, file->GetMappingHandle(), Offset(), Size(),
+                      [](double mb, unsigned long error) {
+                          ZOR_LOG("Windows_FileMapInfo::Map", 5,
+                                  "Map: Couldn't map private file to memory (Details: "
+                                  "MapViewOfFile failed, size %.1fMB, Errno [%lu])\n",
+                                  mb, error);
+                      });
 }
 
 int Windows_FileMapInfo::Unmap()
 {
-    if (m_pointer == nullptr)
-        return -1;
-    if (!Platform::Get().UnmapView(m_pointer, Size()))
+    return unmap_region(m_pointer, Size(), [](double mb, unsigned long error) {
         ZOR_LOG("Windows_FileMapInfo::Unmap", 4,
                 "Unmap: Couldn't unmap shared memory to private files (Details: UnmapViewOfFile "
                 "failed, Size %.1fMB, Errno [%lu])\n",
-                InMb(Size()), Platform::Get().LastError());
-    m_pointer = nullptr;
-    return 0;
+                mb, error);
+    });
 }
 
 unsigned int Windows_FileMapInfo::HandleOffset()
@@ -348,28 +367,22 @@ int StreamedMapInfo::Map()
                 m_mapping_name.data(), platform.LastError());
         return -1;
     }
-    m_pointer = platform.MapView(m_Handle, Offset(), Size());
-    if (m_pointer != nullptr)
-        return 0;
-    ViewLimits.Met();
-    ZOR_LOG("StreamedMapInfo::Map", 5,
-            "Couldn't map non-local memory to the process (Details: MapViewOfFile failed, Size "
-            "%.1fMB, Errno [%lu]).\n",
-            InMb(Size()), platform.LastError());
-    return -1;
+    return map_region(m_pointer, m_Handle, Offset(), Size(), [](double mb, unsigned long error) {
+        ZOR_LOG("StreamedMapInfo::Map", 5,
+                "Couldn't map non-local memory to the process (Details: MapViewOfFile failed, Size "
+                "%.1fMB, Errno [%lu]).\n",
+                mb, error);
+    });
 }
 
 int StreamedMapInfo::Unmap()
 {
-    if (m_pointer == nullptr)
-        return -1;
-    if (!Platform::Get().UnmapView(m_pointer, Size()))
+    return unmap_region(m_pointer, Size(), [](double mb, unsigned long error) {
         ZOR_LOG("StreamedMapInfo::Unmap", 4,
                 "Unmap: Couldn't unmap shared non-local memory (Details: UnmapViewOfFile failed, "
                 "Size %.1fMB, Errno [%lu])\n",
-                InMb(Size()), Platform::Get().LastError());
-    m_pointer = nullptr;
-    return 0;
+                mb, error);
+    });
 }
 
 int StreamedMapInfo::Free()

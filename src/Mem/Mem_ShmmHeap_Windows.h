@@ -1,6 +1,7 @@
 #ifndef MEM_SHMMHEAP_WINDOWS_H
 #define MEM_SHMMHEAP_WINDOWS_H
 
+#include "Mem/Mem_FileHeap.h"
 #include "Mem/Mem_Leftovers.h"
 #include "Mem/Mem_ShmmHeap.h"
 
