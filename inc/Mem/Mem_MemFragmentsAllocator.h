@@ -174,6 +174,12 @@ private:
     void revert_mapped_set();
     int validate_mapped_indexes();
 
+    // Checks, of a list of `count` fragments
+    const char* broken(size_t count, unsigned int last_size) const;
+    const char* broken_fragment(size_t fragment, unsigned int size) const;
+    bool is_current_told() const;
+    void check_invariants(size_t count, unsigned int last_size) const;
+
     Mem_MemFragmentInfo* fragments = nullptr; // fragments_num of them
     MappedIndexes mapped_indexes = {};
     size_t mapped_fragments_num = 0; // places in use

@@ -1,11 +1,13 @@
 #include "Mem/Mem_MemFragmentsAllocator.h"
 
+#include "Mem/Mem_FirstBreak.h"
 #include "Mem/Mem_FragmentsCounter.h"
 #include "Mem/Mem_MemFragmentsLog.h"
 #include "Mem/Mem_MemPager.h"
 #include "NRVlog/Zor_Log.h"
 
 #include <algorithm>
+#include <cassert>
 #include <memory>
 #include <new>
 
@@ -47,6 +49,7 @@ Mem_MemFragmentsAllocator::Mem_MemFragmentsAllocator(size_t element_bytes, size_
     replace_counter = AddFragmentsCounter(REPLACE_PERF_STR);
     realloc_counter = AddFragmentsCounter(REALLOC_PERF_STR);
     valid = true;
+    check_invariants(fragments_num, last_fragment_size);
     Log::Initialized();
 }
 
@@ -162,6 +165,7 @@ void* Mem_MemFragmentsAllocator::find_in_other_fragments(size_t index)
     if (mapped_index == kNone)
         return nullptr;
     make_current(mapped_index);
+    check_invariants(fragments_num, last_fragment_size);
     Log::FragmentIsServed(fragment);
     return static_cast<char*>(current_ptr) + (index - current_index_start);
 }
@@ -278,4 +282,51 @@ bool Mem_MemFragmentsAllocator::give_up_other(size_t mapped_index)
     other.isMapped = false;
     make_none_current();
     return true;
+}
+
+// Checks ----------------------------------------------------------------------------------------
+
+// A mapping that has failed leaves a fragment that is named, but not mapped.
+const char* Mem_MemFragmentsAllocator::broken(size_t count, unsigned int last_size) const
+{
+    Mem_FirstBreak check;
+    check.Expect(mapped_fragments_num == mapped_of(count), "mapped_fragments_num");
+    for (size_t i = 0; i < mapped_fragments_num; ++i) {
+        check.Expect(mapped_indexes[i] < count, "a fragment in the mapped set that isn't there");
+        check.Expect(find_mapped_fragment_index(mapped_indexes[i]) == i,
+                     "a fragment twice in the mapped set");
+    }
+    if (check.What() != nullptr)
+        return check.What(); // what follows takes the set at its word
+    for (size_t i = 0; i < count; ++i)
+        check.Expect(broken_fragment(i, i + 1 == count ? last_size : fragment_size));
+    check.Expect(current_ptr == nullptr || is_current_told(), "the current fragment");
+    return check.What();
+}
+
+const char* Mem_MemFragmentsAllocator::broken_fragment(size_t fragment, unsigned int size) const
+{
+    Mem_FirstBreak check;
+    const Mem_MemFragmentInfo& info = fragments[fragment];
+    check.Expect(info.IndexStart == fragment * fragment_size, "where a fragment begins");
+    check.Expect(info.IndexEnd == info.IndexStart + size - 1, "where a fragment ends");
+    check.Expect(info.isMapped == (info.pagerInfo.Ptr() != nullptr), "isMapped against the handle");
+    check.Expect(!info.isMapped || find_mapped_fragment_index(fragment) != kNone,
+                 "a fragment mapped outside the set");
+    return check.What();
+}
+
+bool Mem_MemFragmentsAllocator::is_current_told() const
+{
+    const Mem_MemFragmentInfo& info = fragments[mapped_indexes[current_mapped_index]];
+    return info.isMapped && current_index_start == info.IndexStart &&
+           current_index_end == info.IndexEnd && current_ptr == info.pagerInfo.Ptr();
+}
+
+void Mem_MemFragmentsAllocator::check_invariants([[maybe_unused]] size_t count,
+                                                 [[maybe_unused]] unsigned int last_size) const
+{
+#if defined(MEMPAGER_CHECK_INVARIANTS)
+    assert(broken(count, last_size) == nullptr);
+#endif
 }

@@ -26,12 +26,14 @@ int Mem_MemFragmentsAllocator::reallocate_fragments(size_t new_fragments_num,
     Mem_MemFragmentInfo* const infos = make_infos(new_fragments_num);
     if (resize.Build(*this, infos) == 0) {
         take_over(infos, new_fragments_num);
+        check_invariants(new_fragments_num, new_last_fragment_size);
         return 0;
     }
     Log::ReallocationFailed(total_buf_size, new_total_buf_size);
     mend_mapped_set(old_indexes, resize);
     revert_mapped_set();
     delete[] infos;
+    check_invariants(fragments_num, last_fragment_size);
     return -1;
 }
 

@@ -1,6 +1,7 @@
 #include "Mem/Mem_ShmmHeap.h"
 
 #include "Mem/Mem_Configuration.h"
+#include "Mem/Mem_FirstBreak.h"
 #include "Mem/Mem_Leftovers.h"
 #include "Mem/Mem_Limits.h"
 #include "Mem/Mem_ShmmHeap_Windows.h"
@@ -9,6 +10,7 @@
 #include "NRVlog/Zor_Log.h"
 #include "Platform/Platform.h"
 
+#include <cassert>
 #include <memory>
 #include <ostream>
 
@@ -141,7 +143,7 @@ public:
     NewBlock(ShmmHeap& heap, Block* block) : m_heap(heap), m_block(block) {}
     ~NewBlock()
     {
-        if (m_block != nullptr && m_block->IsEmpty())
+        if (m_block->IsEmpty())
             m_heap.close_block(m_block);
     }
     NewBlock(const NewBlock&) = delete;
@@ -149,40 +151,22 @@ public:
 
 private:
     ShmmHeap& m_heap;
-    Block* m_block;
+    Block* const m_block;
 };
+
+int ShmmHeap::AllocateFor(const void* client, unsigned int size, unsigned int alignment,
+                          BaseInfo** result, unsigned int always_mapped, unsigned int group_id)
+{
+    const Mem_BlockKind keys{client, always_mapped, group_id, 0, 0};
+    const int failure = take_chunk(keys, size, alignment, result);
+    check_invariants();
+    return failure;
+}
 
 int ShmmHeap::Allocate(unsigned int size, unsigned int alignment, BaseInfo** result,
                        unsigned int always_mapped, unsigned int group_id)
 {
-    Block* block = find_block(size, alignment, always_mapped, group_id);
-    const bool opened = block == nullptr;
-    if (opened) {
-        const int failure = create_result_element(size, &block, always_mapped, group_id);
-        if (failure != 0) {
-            ZOR_LOG("ShmmHeap::Allocate", 5,
-                    "ShmmHeap::Allocate(), create_result_element() failed with size=%d\n",
-                    static_cast<int>(size));
-            return failure;
-        }
-        block->SetClient(m_client);
-        block->SetAge(++m_next_age);
-        m_blocks.push_front(*block);
-    }
-
-    NewBlock unless_empty(*this, opened ? block : nullptr);
-    const Mem_BlockKind kind = block->KindAfter(size, always_mapped, group_id);
-    const Mem_BlockIndex::Room room(m_index, *block, kind);
-    unsigned int actual_size = 0;
-    const int failure =
-        block->Allocate(size, alignment, result, always_mapped, group_id, &actual_size);
-    if (failure == 0) {
-        m_total_size += actual_size;
-        // The block has asked for the threshold once more, and that may have changed.
-        block->SetChunkSizeRange(kind.smallest, kind.largest);
-        room.Settle(*block);
-    }
-    return failure;
+    return AllocateFor(nullptr, size, alignment, result, always_mapped, group_id);
 }
 
 int ShmmHeap::Allocate(unsigned int size, unsigned int alignment, BaseInfo** result)
@@ -190,16 +174,60 @@ int ShmmHeap::Allocate(unsigned int size, unsigned int alignment, BaseInfo** res
     return Allocate(size, alignment, result, 0, 0);
 }
 
-Block* ShmmHeap::find_block(unsigned int size, unsigned int alignment, unsigned int always_mapped,
-                            unsigned int group_id)
+int ShmmHeap::take_chunk(const Mem_BlockKind& keys, unsigned int size, unsigned int alignment,
+                         BaseInfo** result)
 {
-    const Mem_BlockKind keys{m_client, always_mapped, group_id, 0, 0};
+    Block* block = find_block(keys, size, alignment);
+    if (block != nullptr)
+        return carve_from(*block, keys, size, alignment, result);
+    const int failure = open_block(keys, size, &block);
+    if (failure != 0)
+        return failure;
+    const NewBlock unless_empty(*this, block);
+    return carve_from(*block, keys, size, alignment, result);
+}
+
+Block* ShmmHeap::find_block(const Mem_BlockKind& keys, unsigned int size,
+                            unsigned int alignment) const
+{
     Block* block = m_index.NewestFor(keys, size, UINT64_MAX);
     unsigned int actual_size = 0;
-    while (block != nullptr &&
-           block->CanAllocate(size, always_mapped, group_id, alignment, &actual_size) != 0)
+    while (block != nullptr && block->CanAllocate(size, keys.always_mapped, keys.group_id,
+                                                  alignment, &actual_size) != 0)
         block = m_index.NewestFor(keys, size, block->Age());
     return block;
+}
+
+int ShmmHeap::open_block(const Mem_BlockKind& keys, unsigned int size, Block** result)
+{
+    const int failure = create_result_element(size, result, keys.always_mapped, keys.group_id);
+    if (failure != 0) {
+        ZOR_LOG("ShmmHeap::Allocate", 5,
+                "ShmmHeap::Allocate(), create_result_element() failed with size=%d\n",
+                static_cast<int>(size));
+        return failure;
+    }
+    (*result)->SetClient(keys.client);
+    (*result)->SetAge(++m_next_age);
+    m_blocks.push_front(**result);
+    return 0;
+}
+
+int ShmmHeap::carve_from(Block& block, const Mem_BlockKind& keys, unsigned int size,
+                         unsigned int alignment, BaseInfo** result)
+{
+    const Mem_BlockKind kind = block.KindAfter(size, keys.always_mapped, keys.group_id);
+    const Mem_BlockIndex::Entry entry(m_index, block, kind);
+    unsigned int actual_size = 0;
+    const int failure =
+        block.Allocate(size, alignment, result, keys.always_mapped, keys.group_id, &actual_size);
+    if (failure != 0)
+        return failure;
+    m_total_size += actual_size;
+    // The block has asked for the threshold once more, and that may have changed.
+    block.SetChunkSizeRange(kind.smallest, kind.largest);
+    entry.Settle(block);
+    return 0;
 }
 
 int ShmmHeap::Free(BaseInfo* info)
@@ -211,6 +239,7 @@ int ShmmHeap::Free(BaseInfo* info)
         close_block(block);
     else
         Mem_BlockIndex::Update(*block);
+    check_invariants();
     return 0;
 }
 
@@ -229,6 +258,37 @@ void ShmmHeap::RetireBlocks()
         block.SetClient(&nobody);
         m_index.Leave(block);
     }
+}
+
+const char* ShmmHeap::Broken() const
+{
+    Mem_FirstBreak check;
+    std::uint64_t allocated = 0;
+    std::uint64_t newer = m_next_age + 1;
+    std::size_t known = 0;
+    for (const Block& block : m_blocks) {
+        unsigned int size = 0;
+        unsigned int used = 0;
+        unsigned int always_mapped = 0;
+        block.GetSpaceStatus(&size, &used, &always_mapped);
+        allocated += used;
+        known += m_index.Knows(block) ? 1 : 0;
+        check.Expect(used != 0, "a block without chunks");
+        check.Expect(block.Age() < newer, "the order of the blocks");
+        check.Expect(block.Broken());
+        newer = block.Age();
+    }
+    check.Expect(m_index.Broken());
+    check.Expect(m_index.Count() == known, "a block in the index that isn't in the list");
+    check.Expect(allocated <= m_total_size, "m_total_size");
+    return check.What();
+}
+
+void ShmmHeap::check_invariants() const
+{
+#if defined(MEMPAGER_CHECK_INVARIANTS)
+    assert(Broken() == nullptr);
+#endif
 }
 
 unsigned int ShmmHeap::GetSizeInMb()

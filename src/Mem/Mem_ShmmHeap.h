@@ -65,7 +65,7 @@ public:
     void GetSpaceStatus(unsigned int* size, unsigned int* allocated,
                         unsigned int* always_mapped) const;
 
-    /// The pager that the block was opened for; see ShmmHeap::SetClient().
+    /// The pager that the block was opened for; see ShmmHeap::AllocateFor().
     const void* Client() const { return m_client; }
     void SetClient(const void* client) { m_client = client; }
 
@@ -78,6 +78,9 @@ public:
                                     unsigned int group_id) const;
 
     std::uint32_t LargestFree() const { return m_space_logic.LargestFreeChunk(); }
+
+    /// Whether the block's records hold together: null, or the first relation that is broken.
+    const char* Broken() const { return m_space_logic.Broken(); }
 
     /// Rises from block to block of a heap.
     std::uint64_t Age() const { return m_age; }
@@ -126,9 +129,15 @@ public:
     ShmmHeap(const ShmmHeap&) = delete;
     ShmmHeap& operator=(const ShmmHeap&) = delete;
 
-    /// A chunk of the first block in the list that takes the request, or of a new block.
+    /// A chunk of the first block in the list that takes the request, or of a new block. Only
+    /// blocks that were opened for the same client count, so that two pagers on one heap never
+    /// share a region.
     /// @return 0 with `*result`, owned by the heap; else nothing has changed and a line at level
     ///         5 tells the size.
+    int AllocateFor(const void* client, unsigned int size, unsigned int alignment,
+                    BaseInfo** result, unsigned int always_mapped, unsigned int group_id);
+
+    /// The same for those who stand for no pager: they are one client, too.
     virtual int Allocate(unsigned int size, unsigned int alignment, BaseInfo** result,
                          unsigned int always_mapped, unsigned int group_id);
     virtual int Allocate(unsigned int size, unsigned int alignment, BaseInfo** result);
@@ -152,13 +161,13 @@ public:
     /// Gives a block's backing back, before the block itself goes.
     virtual int destroy_element(Block* block) = 0;
 
-    /// Tells on whose behalf the following calls are made. A request only goes into blocks that
-    /// were opened for the same client, so that two pagers on one heap never share a region.
-    void SetClient(const void* client) { m_client = client; }
-
     /// Takes the blocks that there are out of use for new chunks: those of a forked child are
     /// its parent's too, who goes on carving them. What lies in them can still be freed.
     void RetireBlocks();
+
+    /// Compares the list of blocks, their index, their chunks and the total size with each other:
+    /// null, or the first relation that doesn't hold. Debug builds look after each operation.
+    const char* Broken() const;
 
 protected:
     friend struct Mem_TestAccess;
@@ -173,11 +182,15 @@ protected:
 private:
     class NewBlock;
 
-    Block* find_block(unsigned int size, unsigned int alignment, unsigned int always_mapped,
-                      unsigned int group_id);
+    int take_chunk(const Mem_BlockKind& keys, unsigned int size, unsigned int alignment,
+                   BaseInfo** result);
+    Block* find_block(const Mem_BlockKind& keys, unsigned int size, unsigned int alignment) const;
+    int open_block(const Mem_BlockKind& keys, unsigned int size, Block** result);
+    int carve_from(Block& block, const Mem_BlockKind& keys, unsigned int size,
+                   unsigned int alignment, BaseInfo** result);
     void close_block(Block* block);
+    void check_invariants() const;
 
-    const void* m_client = nullptr;
     const RWCString m_undefined = "Undefined"; // made early: reports need no memory
 };
 

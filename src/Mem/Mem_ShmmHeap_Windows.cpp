@@ -425,26 +425,25 @@ BaseMapInfo* Windows_StreamedOwnersRepository::GetOwner(void* /*handle*/, RWCStr
                                                         RWCString& name, unsigned int offset,
                                                         unsigned int size)
 {
-    const Key key(m_client, name);
-    const auto known = m_owners.find(key);
+    const auto known = m_owners.find(name);
     if (known != m_owners.end())
         return known->second;
     auto owner = std::make_unique<StreamedMapInfo>(mappingName.data(), name.data(), offset, size);
-    m_owners.emplace(key, owner.get());
+    m_owners.emplace(name, owner.get());
     return owner.release();
 }
 
 void Windows_StreamedOwnersRepository::ReleaseOwner(RWCString& name)
 {
-    const auto owner = m_owners.find(Key(m_client, name));
+    const auto owner = m_owners.find(name);
     if (owner == m_owners.end())
         return;
     delete owner->second;
     m_owners.erase(owner);
 }
 
-StreamedOwnersRepository* GetStreamedOwnersRepository()
+StreamedOwnersRepository* GetStreamedOwnersRepository(const void* client)
 {
-    static auto* const repository = new Windows_StreamedOwnersRepository;
-    return repository;
+    static auto* const repositories = new std::map<const void*, Windows_StreamedOwnersRepository>;
+    return &(*repositories)[client];
 }
