@@ -3,7 +3,7 @@
 #include "Mem/Mem_TempFolder.h"
 #include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
-#include "Platform/Platform.h"
+#include "Platform/Process.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -17,8 +17,9 @@ constexpr unsigned int kUnchanged = MEM_MemoryConfiguration_FileHeapParemeters::
 
 unsigned int default_cache_size_in_mb()
 {
-    Platform& platform = Platform::Get();
-    const std::uint64_t mb = WholeMb(std::min(platform.PhysicalMemory(), platform.AddressSpace()));
+    Platform::Process& process = Platform::Process::Get();
+    const std::uint64_t mb =
+        WholeMb(std::min(process.MemoryLimit(), process.MemoryNow().address_space));
     if (mb <= 2048)
         return 500;
     return mb <= 3072 ? 1000 : 2000;

@@ -1,6 +1,6 @@
 #include "Mem/Mem_DumpFile.h"
 
-#include "Platform/Platform.h"
+#include "Platform/Process.h"
 
 #include <algorithm>
 #include <iterator>
@@ -34,7 +34,7 @@ std::size_t Mem_DumpFile::size_of_whole_lines() const
 /// Writes the first `size` bytes and moves the rest to the front.
 bool Mem_DumpFile::write_out(std::size_t size)
 {
-    if (size != 0 && !Platform::Get().AppendToFile(m_path, m_buffer, size))
+    if (size != 0 && !Platform::Process::Get().AppendToFile(m_path, m_buffer, size))
         return false;
     char* const end = std::copy(pbase() + size, pptr(), pbase());
     setp(std::begin(m_buffer), std::end(m_buffer));

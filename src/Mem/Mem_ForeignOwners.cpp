@@ -2,7 +2,7 @@
 
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_ShmmHeap_Windows.h"
-#include "Platform/Platform.h"
+#include "Platform/Mappings.h"
 
 #include <cstdint>
 #include <limits>
@@ -19,7 +19,7 @@ const char* FaultOfDescriptor(MEM_MemInfo& info)
     if (info.Size() == 0 || piece_end > info.GetOwnerSize())
         return "the piece lies outside its region";
     if (owner_end > std::numeric_limits<unsigned int>::max() ||
-        info.GetOwnerOffset() % Platform::Get().AllocationGranularity() != 0)
+        info.GetOwnerOffset() % Platform::Mappings::Get().AllocationGranularity() != 0)
         return "there can be no such region";
     return nullptr;
 }

@@ -3,11 +3,12 @@
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_TempFolder.h"
-#include "Mem/Mem_Units.h"
-#include "Platform/Platform.h"
+#include "Platform/Inspection.h"
+#include "Platform/LastError.h"
+#include "Platform/Mappings.h"
+#include "Platform/Process.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <map>
 #include <tuple>
 
@@ -17,24 +18,12 @@ namespace
 using Entry = Mem_Inspection::Entry;
 using Kind = Mem_Inspection::Kind;
 using State = Mem_Inspection::State;
-using Facts = Platform::FileFacts;
-
-std::string text_of(const RWCString& text)
-{
-    return {text.data(), text.length()};
-}
-
-std::string temp_folder_or(const char* folder)
-{
-    const bool is_given = folder != nullptr && *folder != '\0';
-    return text_of(AbsoluteFolder(
-        is_given ? folder : MEM_MemoryConfiguration::GetInstance()->FileHeap_TempPath()));
-}
+using Facts = Platform::Inspection::FileFacts;
 
 /// A path with single separators, so that two of one file are equal.
 std::string tidied(std::string path)
 {
-    const char separator = Platform::Get().PathSeparator();
+    const char separator = Platform::Inspection::Get().PathSeparator();
     const auto twice = [separator](char a, char b) { return a == separator && b == separator; };
     path.erase(std::unique(path.begin(), path.end(), twice), path.end());
     return path;
@@ -42,12 +31,12 @@ std::string tidied(std::string path)
 
 std::string joined(const std::string& folder, const std::string& name)
 {
-    return tidied(folder + Platform::Get().PathSeparator() + name);
+    return tidied(folder + Platform::Inspection::Get().PathSeparator() + name);
 }
 
 std::string last_part(const std::string& path)
 {
-    return path.substr(path.rfind(Platform::Get().PathSeparator()) + 1);
+    return path.substr(path.rfind(Platform::Inspection::Get().PathSeparator()) + 1);
 }
 
 RWCString first_part_of_temp_files()
@@ -64,17 +53,17 @@ bool has_form(const std::string& name, Kind kind)
 }
 
 /// Who made what bears the path, by its name; 0 if that can't be a process.
-long maker_of(const std::string& path)
+long creator_of(const std::string& path)
 {
     return std::max(BaseMapInfo::GetProcessIdFromUniqueName(RWCString(path.c_str())), 0);
 }
 
-class NamesIn final : public Platform::Names
+class NamesIn final : public Platform::Mappings::Names
 {
 public:
     NamesIn(const std::string& folder, const std::string& prefix)
     {
-        Platform::Get().ListFiles(folder.c_str(), prefix.c_str(), *this);
+        Platform::Inspection::Get().ListFiles(folder.c_str(), prefix.c_str(), *this);
     }
     void Take(const char* name) override { m_names.emplace_back(name); }
     auto begin() const { return m_names.begin(); }
@@ -105,10 +94,10 @@ Entry entry_for(const std::string& path, Kind kind, const Facts& facts)
     entry.kind = kind;
     entry.state = state_of(facts.mark);
     entry.bytes = facts.bytes;
-    entry.process = maker_of(path);
+    entry.process = creator_of(path);
     if (entry.state == State::Alive) {
         char program[64];
-        Platform::Get().ProgramOf(path.c_str(), entry.process, program, sizeof program);
+        Platform::Inspection::Get().ProgramOf(path.c_str(), entry.process, program, sizeof program);
         entry.program = program;
     }
     return entry;
@@ -153,7 +142,7 @@ public:
 private:
     static std::string temp_file_prefix()
     {
-        return text_of(first_part_of_temp_files()) + BaseMapInfo::s_BlockPrefix;
+        return std::string(first_part_of_temp_files().data()) + BaseMapInfo::s_BlockPrefix;
     }
 
     bool may_list(const std::string& folder)
@@ -214,7 +203,7 @@ private:
         if (facts.is_lost) {
             entry.kind = Kind::LostLink;
             entry.state = State::Dead;
-            entry.process = maker_of(link);
+            entry.process = creator_of(link);
         } else if (m_platform.Inspect(target.c_str(), behind) && behind.is_own &&
                    behind.kind == Facts::Kind::Plain) {
             entry = entry_for(target, kind_behind(link, target), behind);
@@ -232,7 +221,7 @@ private:
         return entries;
     }
 
-    Platform& m_platform = Platform::Get();
+    Platform::Inspection& m_platform = Platform::Inspection::Get();
     const std::string m_temp_folder;
     const std::string m_mapping_folder;
     std::map<std::string, Entry> m_entries; ///< by path
@@ -243,14 +232,14 @@ private:
 bool is_there(const std::string& path)
 {
     Facts facts;
-    return !path.empty() && Platform::Get().Inspect(path.c_str(), facts);
+    return !path.empty() && Platform::Inspection::Get().Inspect(path.c_str(), facts);
 }
 
 /// The text for this thread's last failure.
 std::string error_text()
 {
     char text[256];
-    Platform::Get().ErrorText(Platform::Get().LastError(), text, sizeof text);
+    Platform::Process::Get().ErrorText(Platform::LastError(), text, sizeof text);
     return text;
 }
 
@@ -268,46 +257,25 @@ Mem_Inspection::Removal outcome_for(const Entry& leftover, bool removed, const s
 /// The file goes first: its link then leads nowhere, and only such links are taken away.
 Mem_Inspection::Removal remove(const Entry& leftover)
 {
-    Platform& platform = Platform::Get();
     const auto remove_link = [&](const std::string& link) {
-        return outcome_for(leftover, platform.RemoveLostLink(link.c_str()), link);
+        return outcome_for(leftover, Platform::Inspection::Get().RemoveLostLink(link.c_str()),
+                           link);
     };
     if (leftover.kind == Kind::LostLink)
         return remove_link(leftover.path);
-    const auto removal =
-        outcome_for(leftover, platform.RemoveDeadFile(leftover.path.c_str()), leftover.path);
+    const auto removal = outcome_for(
+        leftover, Platform::Mappings::Get().RemoveDeadFile(leftover.path.c_str()), leftover.path);
     if (removal.outcome == Mem_Inspection::Outcome::Kept || leftover.link.empty())
         return removal;
     const auto of_link = remove_link(leftover.link);
     return of_link.outcome == Mem_Inspection::Outcome::Kept ? of_link : removal;
 }
 
-class Copied final : public Platform::Findings
-{
-public:
-    void Take(const Platform::Finding& finding) override
-    {
-        findings.push_back({verdict_of(finding), finding.subject, finding.value, finding.advice});
-    }
-
-    std::vector<Mem_Inspection::Finding> findings;
-
-private:
-    static Mem_Inspection::Verdict verdict_of(const Platform::Finding& finding)
-    {
-        if (finding.verdict == Platform::Finding::Verdict::Ok)
-            return Mem_Inspection::Verdict::Ok;
-        return finding.verdict == Platform::Finding::Verdict::Warning
-                   ? Mem_Inspection::Verdict::Warning
-                   : Mem_Inspection::Verdict::Bad;
-    }
-};
-
 } // namespace
 
 Mem_Inspection::Listing Mem_Inspection::List(const char* temp_folder)
 {
-    return Walk(temp_folder_or(temp_folder)).Run();
+    return Walk(TempFolderOr(temp_folder)).Run();
 }
 
 Mem_Inspection::Cleaning Mem_Inspection::Clean(bool trial, const char* temp_folder)
@@ -328,22 +296,4 @@ Mem_Inspection::Cleaning Mem_Inspection::Clean(bool trial, const char* temp_fold
                                               : remove(entry));
     }
     return cleaning;
-}
-
-std::vector<Mem_Inspection::Finding> Mem_Inspection::Examine(const char* temp_folder)
-{
-    MEM_MemoryConfiguration& settings = *MEM_MemoryConfiguration::GetInstance();
-    const std::string folder = temp_folder_or(temp_folder);
-    Platform::Demand demand;
-    demand.shared_memory = BytesOfMb(settings.GetSwapMaxSizeInMb());
-    demand.files = BytesOfMb(settings.FileHeap_MaxTotalSpaceInMb());
-    demand.file = BytesOfMb(settings.FileHeap_FileSizeInMb());
-    demand.free_disk = BytesOfMb(settings.FileHeap_MinSpaceToLeaveInMb());
-    demand.region = settings.BaseBlockSize();
-    demand.views = settings.HeapCacheInBytes();
-    demand.temp_folder = folder.c_str();
-    demand.reclaims = std::getenv("VORTELIX_DIS_NEW_HANDLER") == nullptr;
-    Copied copied;
-    Platform::Get().Examine(demand, copied);
-    return copied.findings;
 }

@@ -39,9 +39,9 @@ void Mem_Leftovers::GoRound(Duration most)
 /// A folder may count places by the names that are there, so what was removed moves the rest.
 void Mem_Leftovers::step()
 {
-    Platform::Place next = m_place;
+    Platform::Mappings::Place next = m_place;
     m_removed_in_step = 0;
-    Platform::Get().ListSome(m_folder.data(), m_prefix.data(), next, *this);
+    Platform::Mappings::Get().ListNames(m_folder.data(), m_prefix.data(), next, *this);
     if (m_removed_in_step == 0)
         m_place = next;
 }
@@ -64,7 +64,7 @@ Mem_LeftRegions::Mem_LeftRegions(const RWCString& folder)
 bool Mem_LeftRegions::remove_if_left(const char* name)
 {
     return BaseMapInfo::IsUniqueName(name) &&
-           Platform::Get().RemoveDeadMapping(m_folder.data(), name);
+           Platform::Mappings::Get().RemoveDeadMapping(m_folder.data(), name);
 }
 
 void Mem_CleanUp::Begin()

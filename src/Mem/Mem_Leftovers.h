@@ -1,7 +1,7 @@
 #ifndef MEM_LEFTOVERS_H
 #define MEM_LEFTOVERS_H
 
-#include "Platform/Platform.h"
+#include "Platform/Mappings.h"
 #include "Rw/RWCString.h"
 
 #include <chrono>
@@ -12,7 +12,7 @@
 /// cost a creation more than its share.
 ///
 /// Steps allocate nothing. Threads: under the pager's mutex, as the heaps.
-class Mem_Leftovers : private Platform::Names
+class Mem_Leftovers : private Platform::Mappings::Names
 {
 public:
     using Duration = std::chrono::milliseconds;
@@ -58,7 +58,7 @@ private:
     void step();
 
     const RWCString m_prefix;
-    Platform::Place m_place;
+    Platform::Mappings::Place m_place;
     Clock::time_point m_until;
     std::size_t m_removed = 0;
     std::size_t m_removed_in_step = 0;

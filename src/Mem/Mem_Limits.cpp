@@ -1,7 +1,7 @@
 #include "Mem/Mem_Limits.h"
 
 #include "NRVlog/Zor_Log.h"
-#include "Platform/Platform.h"
+#include "Platform/Mappings.h"
 
 #include <cstdio>
 
@@ -10,8 +10,8 @@ constinit Mem_Limits ViewLimits;
 
 void Mem_Limits::Met()
 {
-    m_met = Platform::Get().LastLimits(m_text, sizeof m_text);
-    m_is_room = Platform::Get().LastCause() == Platform::Cause::NoRoom;
+    m_met = Platform::Mappings::Get().LastLimits(m_text, sizeof m_text);
+    m_is_room = Platform::Mappings::Get().LastCause() == Platform::Mappings::Cause::Full;
 }
 
 void Mem_Limits::MetSetting(const char* form, unsigned long long first, unsigned long long second,

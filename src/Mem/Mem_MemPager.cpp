@@ -8,7 +8,6 @@
 #include "Mem/Mem_Settings.h"
 #include "Mem/Mem_ShmmHeap.h"
 #include "NRVlog/Zor_Log.h"
-#include "Platform/Platform.h"
 #include "Zor/Zor_Buffer.h"
 
 #include <cassert>

@@ -1,6 +1,7 @@
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_NewName.h"
-#include "Platform/Platform.h"
+#include "Platform/Mappings.h"
+#include "Platform/Process.h"
 
 #include <algorithm>
 #include <atomic>
@@ -43,10 +44,10 @@ bool is_unique_name(std::string_view name)
 
 RWCString unique_name(long long number)
 {
-    Platform& platform = Platform::Get();
+    Platform::Process& process = Platform::Process::Get();
     char text[256];
     std::snprintf(text, sizeof text, "%s_%ld_%ld_%lld", BaseMapInfo::s_BlockPrefix,
-                  platform.ProcessId(), platform.ThreadId(), number);
+                  process.ProcessId(), process.ThreadId(), number);
     return RWCString(text);
 }
 
@@ -54,7 +55,7 @@ RWCString unique_name(long long number)
 long long unforeseeable_number()
 {
     constexpr std::uint64_t least = std::uint64_t{1} << 31, end = 100'000'000'000;
-    return static_cast<long long>(least + Platform::Get().RandomNumber() % (end - least));
+    return static_cast<long long>(least + Platform::Process::Get().RandomNumber() % (end - least));
 }
 
 std::string_view view_of(const RWCString& text)
@@ -83,7 +84,8 @@ RWCString BaseMapInfo::CreateUniqueName()
 bool Mem_NewName::TryAnother()
 {
     constexpr int near_tries = 3, tries = 6;
-    if (++m_taken >= tries || Platform::Get().LastCause() != Platform::Cause::NameExists)
+    if (++m_taken >= tries ||
+        Platform::Mappings::Get().LastCause() != Platform::Mappings::Cause::NameExists)
         return false;
     m_text = m_taken <= near_tries ? BaseMapInfo::CreateUniqueName()
                                    : unique_name(unforeseeable_number());

@@ -8,7 +8,7 @@
 #include "Mem/Mem_Reports.h"
 #include "Mem/Mem_ShmmHeap.h"
 #include "NRVlog/Zor_Log.h"
-#include "Platform/Platform.h"
+#include "Platform/Process.h"
 
 #include <algorithm>
 #include <chrono>
@@ -94,7 +94,7 @@ Mem_ForkGuard& MEM_MemPager::fork_guard()
 
 bool MEM_MemPager::guard_forks()
 {
-    static const bool guarded = Platform::Get().OnFork(
+    static const bool guarded = Platform::Process::Get().OnFork(
         [] { fork_guard().Before(); }, [] { fork_guard().AfterInParent(); }, after_fork_in_child);
     return guarded;
 }
@@ -150,9 +150,10 @@ void MEM_MemPager::set_new_memory_handler()
         return;
     ZOR_LOG("MEM_MemPager::set_new_memory_handler", 5,
             "MEM_MemPager::MEM_MemPager() setting new handler\n");
-    Platform::Get().OnAllocationFailure([](const Platform::FailedAllocation& failed) {
-        return clear_cache_handler(failed.size, failed.reported, failed.mark);
-    });
+    Platform::Process::Get().OnAllocationFailure(
+        [](const Platform::Process::FailedAllocation& failed) {
+            return clear_cache_handler(failed.size, failed.reported, failed.mark);
+        });
 }
 
 /// Whether a clearing, by whatever thread, has given something back since this thread looked last:

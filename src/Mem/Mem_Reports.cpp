@@ -7,7 +7,7 @@
 #include "Mem/Mem_ShmmHeap.h"
 #include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
-#include "Platform/Platform.h"
+#include "Platform/Process.h"
 #include "Zor/Zor_StackTrace.h"
 #include "Zor/Zor_System.h"
 
@@ -59,10 +59,10 @@ struct DumpPath {
 void empty_dump_if_too_long(const char* function, const char* path)
 {
     constexpr auto& zor_log_source = kSource;
-    if (Platform::Get().FileLength(path) <= kLongestDump)
+    if (Platform::Process::Get().FileLength(path) <= kLongestDump)
         return;
     ZOR_LOG(function, 5, "mem_debug log file has reached it's maximal size. Truncating it...\n");
-    Platform::Get().TruncateFile(path);
+    Platform::Process::Get().TruncateFile(path);
 }
 
 /// Writes the calls that led here to standard error, if the log's level asks for it.
@@ -85,12 +85,13 @@ void write_record(std::ostream& dump, ShmmHeap& heap, Mem_Mapped mapped,
     char name[256];
     char system[256];
     char time[64];
-    Platform::Get().ProcessName(name, sizeof name); // Zor_System would need memory for them
-    Platform::Get().SystemName(system, sizeof system);
-    Platform::Get().TimeAndDate(time, sizeof time);
+    Platform::Process::Get().ProcessName(name,
+                                         sizeof name); // Zor_System would need memory for them
+    Platform::Process::Get().SystemName(system, sizeof system);
+    Platform::Process::Get().TimeAndDate(time, sizeof time);
     using std::endl; // line by line, so that as much as possible arrives
     dump << endl << endl << kSeventyStars << endl;
-    dump << "Shared Memory Debug Information for PID <" << Platform::Get().ProcessId()
+    dump << "Shared Memory Debug Information for PID <" << Platform::Process::Get().ProcessId()
          << ">, Process Name <" << name << ">" << endl;
     dump << "Time and Date:\t\t\t" << time << endl << endl;
     dump << "Total Mapped = " << mapped.total << "; Total Cached = " << mapped.cached << endl

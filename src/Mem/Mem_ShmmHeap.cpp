@@ -8,7 +8,8 @@
 #include "Mem/Mem_TempFolder.h"
 #include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
-#include "Platform/Platform.h"
+#include "Platform/Inspection.h"
+#include "Platform/Process.h"
 
 #include <cassert>
 #include <memory>
@@ -356,7 +357,7 @@ Windows_File_ShmmHeap* the_file_heap = nullptr;
 Mem_CleanUp& clean_up()
 {
     static auto* const spare_regions = new Mem_LeftRegions(TempFolder());
-    static auto* const regions = new Mem_LeftRegions(Platform::Get().MappingFolder());
+    static auto* const regions = new Mem_LeftRegions(Platform::Inspection::Get().MappingFolder());
     static auto* const all = new Mem_CleanUp(the_file_heap->TempFiles(), *spare_regions, *regions);
     return *all;
 }
@@ -412,7 +413,7 @@ namespace
 {
 bool too_much_is_committed(unsigned int limit)
 {
-    return limit != 0 && WholeMb(Platform::Get().CommittedMemory()) > limit;
+    return limit != 0 && WholeMb(Platform::Process::Get().MemoryNow().committed) > limit;
 }
 } // namespace
 

@@ -6,7 +6,10 @@
 #include "Mem/Mem_TempFolder.h"
 #include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
-#include "Platform/Platform.h"
+#include "Platform/Inspection.h"
+#include "Platform/LastError.h"
+#include "Platform/Mappings.h"
+#include "Platform/Process.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -21,11 +24,11 @@ template <class LogRefusal>
 int map_region(void*& view, void* mapping, unsigned int offset, unsigned int size,
                LogRefusal log_refusal)
 {
-    view = Platform::Get().MapView(mapping, offset, size);
+    view = Platform::Mappings::Get().MapView(mapping, offset, size);
     if (view != nullptr)
         return 0;
     ViewLimits.Met();
-    log_refusal(InMb(size), Platform::Get().LastError());
+    log_refusal(InMb(size), Platform::LastError());
     return -1;
 }
 
@@ -36,8 +39,8 @@ int unmap_region(void*& view, unsigned int size, LogRefusal log_refusal)
 {
     if (view == nullptr)
         return -1;
-    if (!Platform::Get().UnmapView(view, size))
-        log_refusal(InMb(size), Platform::Get().LastError());
+    if (!Platform::Mappings::Get().UnmapView(view, size))
+        log_refusal(InMb(size), Platform::LastError());
     view = nullptr;
     return 0;
 }
@@ -48,20 +51,20 @@ SwapMapInfo::SwapMapInfo(RWCString name, unsigned int size) : BaseMapInfo(size, 
 int SwapMapInfo::AllocateSwap()
 {
     const RWCString spare = TempFolder();
-    m_handle = Platform::Get().CreateSharedMapping(m_name.data(), Size(), spare.data());
+    m_handle = Platform::Mappings::Get().CreateSharedMapping(m_name.data(), Size(), spare.data());
     if (m_handle != nullptr)
         return 0;
     RegionLimits.Met();
     ZOR_LOG("SwapMapInfo::AllocateSwap", 5,
             "Allocate: Couldn't allocate shared memory from swap (Details: CreateFileMapping "
             "failed, size %.1fMB. Errno [%lu]).\n",
-            InMb(Size()), Platform::Get().LastError());
+            InMb(Size()), Platform::LastError());
     return -1;
 }
 
 int SwapMapInfo::FreeSwap()
 {
-    Platform::Get().CloseMapping(m_handle);
+    Platform::Mappings::Get().CloseMapping(m_handle);
     m_handle = nullptr;
     return 0;
 }
@@ -166,34 +169,33 @@ int Swap_ShmmHeap::destroy_element(Block*)
 
 unsigned int GetAllocationGranularity()
 {
-    static const unsigned int granularity = Platform::Get().AllocationGranularity();
+    static const unsigned int granularity = Platform::Mappings::Get().AllocationGranularity();
     return granularity;
 }
 
 int Windows_FileInfo::AllocateFile()
 {
-    Platform& platform = Platform::Get();
-    m_maker = platform.ProcessId();
-    Platform::FileFault fault = Platform::FileFault::None;
+    m_maker = Platform::Process::Get().ProcessId();
+    Platform::Mappings::FileFault fault = Platform::Mappings::FileFault::None;
     Mem_NewName name;
     do {
         m_mapping_name = name.Text();
-        m_mapping_handle = platform.CreateMappingOverFile(FileName().data(), m_mapping_name.data(),
-                                                          Size(), &fault);
-    } while (fault == Platform::FileFault::Mapping && name.TryAnother());
+        m_mapping_handle = Platform::Mappings::Get().CreateMappingOverFile(
+            FileName().data(), m_mapping_name.data(), Size(), &fault);
+    } while (fault == Platform::Mappings::FileFault::Mapping && name.TryAnother());
     if (m_mapping_handle != nullptr)
         return 0;
     RegionLimits.Met();
-    if (fault == Platform::FileFault::File)
+    if (fault == Platform::Mappings::FileFault::File)
         ZOR_LOG("Windows_FileInfo::AllocateFile", 5,
                 "Allocate: Couldn't allocate shared memory from private files (Details: "
                 "CreateFile failed. Errno [%lu]).\n",
-                platform.LastError());
+                Platform::LastError());
     else
         ZOR_LOG("Windows_FileInfo::AllocateFile", 5,
                 "Allocate: Couldn't allocate shared memory from private files (Details: "
                 "CreateFileMapping failed, size %.1fMB. Errno [%lu]).\n",
-                InMb(Size()), platform.LastError());
+                InMb(Size()), Platform::LastError());
     return -1;
 }
 
@@ -202,7 +204,7 @@ namespace
 void log_destroy_failure(const char* what)
 {
     char text[256];
-    Platform::Get().ErrorText(Platform::Get().LastError(), text, sizeof text);
+    Platform::Process::Get().ErrorText(Platform::LastError(), text, sizeof text);
     ZOR_LOG("Windows_FileInfo::DestroyFile", 4, "%s  ; Msg: %s", what,
             static_cast<const char*>(text));
 }
@@ -210,11 +212,11 @@ void log_destroy_failure(const char* what)
 
 int Windows_FileInfo::DestroyFile()
 {
-    Platform& platform = Platform::Get();
+    Platform::Mappings& platform = Platform::Mappings::Get();
     if (!platform.CloseMapping(m_mapping_handle))
         log_destroy_failure("In FileInfo::DestroyFile(), CloseHandle");
     m_mapping_handle = nullptr;
-    if (platform.ProcessId() != m_maker || platform.RemoveFile(FileName().data()))
+    if (Platform::Process::Get().ProcessId() != m_maker || platform.RemoveFile(FileName().data()))
         return 0;
     log_destroy_failure("In FileInfo::DestroyFile(), DeleteFile");
     ZOR_LOG("Windows_FileInfo::DestroyFile", 7, "Filename: %s\n", FileName().data());
@@ -274,7 +276,7 @@ namespace
 /// With the separator at its end.
 RWCString temp_path()
 {
-    const char separator[] = {Platform::Get().PathSeparator(), 0};
+    const char separator[] = {Platform::Inspection::Get().PathSeparator(), 0};
     return TempFolder() + separator;
 }
 } // namespace
@@ -317,15 +319,15 @@ bool Windows_File_ShmmHeap::LeftFiles::remove_if_left(const char* name)
 
 bool Windows_File_ShmmHeap::delete_file(const char* file)
 {
-    Platform& platform = Platform::Get();
+    Platform::Mappings& platform = Platform::Mappings::Get();
     const int process = BaseMapInfo::GetProcessIdFromUniqueName(file);
     const auto shown = static_cast<unsigned int>(process);
     ZOR_LOG("Windows_File_ShmmHeap::delete_file", 5, "Mem: try to clean file %s creator pid %u  \n",
             file, shown);
     if (process == 0)
         return false;
-    const Platform::Maker maker = platform.MakerOf(file, process);
-    if (maker == Platform::Maker::Gone) {
+    const Platform::Mappings::Creator creator = platform.CreatorOf(file, process);
+    if (creator == Platform::Mappings::Creator::Gone) {
         ZOR_LOG("Windows_File_ShmmHeap::delete_file", 4,
                 "Handle of process with PID <%u> is NULL, call Os to remove file <%s>   \n", shown,
                 file);
@@ -333,7 +335,7 @@ bool Windows_File_ShmmHeap::delete_file(const char* file)
     }
     ZOR_LOG("Windows_File_ShmmHeap::delete_file", 5,
             "Handle is not NULL, check if process ended or still active for file <%s>   \n", file);
-    if (maker == Platform::Maker::Running)
+    if (creator == Platform::Mappings::Creator::Running)
         return false;
     ZOR_LOG("Windows_File_ShmmHeap::delete_file", 4,
             "Process with PID <%u> is not active, call Os to remove file <%s>   \n", shown, file);
@@ -354,7 +356,7 @@ StreamedMapInfo::~StreamedMapInfo()
 
 int StreamedMapInfo::Map()
 {
-    Platform& platform = Platform::Get();
+    Platform::Mappings& platform = Platform::Mappings::Get();
     if (m_Handle == nullptr) {
         const RWCString spare = TempFolder();
         m_Handle = platform.OpenMapping(m_mapping_name.data(), spare.data());
@@ -364,7 +366,7 @@ int StreamedMapInfo::Map()
         ZOR_LOG("StreamedMapInfo::Map", 3,
                 "Couldn't open map to non-local memory (Details: OpenFileMapping failed, name %s, "
                 "Errno [%lu]).\n",
-                m_mapping_name.data(), platform.LastError());
+                m_mapping_name.data(), Platform::LastError());
         return -1;
     }
     return map_region(m_pointer, m_Handle, Offset(), Size(), [](double mb, unsigned long error) {
@@ -388,10 +390,10 @@ int StreamedMapInfo::Unmap()
 int StreamedMapInfo::Free()
 {
     if (m_pointer != nullptr)
-        Platform::Get().UnmapView(m_pointer, Size());
+        Platform::Mappings::Get().UnmapView(m_pointer, Size());
     m_pointer = nullptr;
     if (m_Handle != nullptr)
-        Platform::Get().CloseMapping(m_Handle);
+        Platform::Mappings::Get().CloseMapping(m_Handle);
     m_Handle = nullptr;
     return 0;
 }

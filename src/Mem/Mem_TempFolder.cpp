@@ -2,12 +2,13 @@
 
 #include "Mem/Mem_Configuration.h"
 #include "NRVlog/Zor_Log.h"
-#include "Platform/Platform.h"
+#include "Platform/Inspection.h"
+#include "Platform/LastError.h"
 
 RWCString AbsoluteFolder(const RWCString& folder)
 {
     char path[4096];
-    Platform& platform = Platform::Get();
+    Platform::Inspection& platform = Platform::Inspection::Get();
     if (folder.isNull())
         return platform.DefaultTempFolder();
     if (platform.AbsolutePath(folder.data(), path, sizeof path))
@@ -15,7 +16,7 @@ RWCString AbsoluteFolder(const RWCString& folder)
     ZOR_LOG("AbsoluteFolder", 3,
             "The temp folder <%s> depends on the current folder, which can't be told (Errno "
             "[%lu])\n",
-            folder.data(), platform.LastError());
+            folder.data(), Platform::LastError());
     return folder;
 }
 
@@ -30,4 +31,12 @@ RWCString TempFolder()
     if (known.absolute.isNull() || !(told == known.told))
         known = {told, AbsoluteFolder(told)};
     return known.absolute;
+}
+
+std::string TempFolderOr(const char* folder)
+{
+    const bool is_given = folder != nullptr && *folder != '\0';
+    const RWCString absolute = AbsoluteFolder(
+        is_given ? folder : MEM_MemoryConfiguration::GetInstance()->FileHeap_TempPath());
+    return {absolute.data(), absolute.length()};
 }

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-// An MB is 1048576 bytes. These are the only conversions between the two.
+// An MB is 1048576 bytes. All conversions of this layer are here.
 
 /// Bytes as MB with a fraction, as all messages show them.
 inline double InMb(std::uint64_t bytes)

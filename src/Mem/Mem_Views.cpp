@@ -4,7 +4,8 @@
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_Settings.h"
 #include "NRVlog/Zor_Log.h"
-#include "Platform/Platform.h"
+#include "Platform/LastError.h"
+#include "Platform/Mappings.h"
 
 #include <cassert>
 
@@ -129,7 +130,7 @@ void Mem_Views::Forget(int id, RegisteredBlock& block)
 }
 
 /// Walks the views, of which another process may see the memory, but never private memory.
-class Mem_Views::Walk final : public Platform::Views
+class Mem_Views::Walk final : public Platform::Mappings::Views
 {
 public:
     explicit Walk(const Mem_BlockTable& blocks) : m_blocks(blocks) {}
@@ -157,9 +158,9 @@ void Mem_Views::Trim()
 {
     ZOR_LOG("MEM_MemPager::ReduceWorkingSet", 6, "MEM_MemPager::ReduceWorkingSet()\n");
     Walk views(m_blocks);
-    if (!Platform::Get().TrimWorkingSet(views))
+    if (!Platform::Mappings::Get().TrimWorkingSet(views))
         ZOR_LOG("MEM_MemPager::ReduceWorkingSet", 3, "failed to reduce working set (error=%d)!!\n",
-                static_cast<int>(Platform::Get().LastError()));
+                static_cast<int>(Platform::LastError()));
 }
 
 const char* Mem_Views::Broken() const

@@ -1,9 +1,10 @@
 #include "NRVlog/Zor_LogFile.h"
 
 #include "Fibrex/WindowUnixMutex.h"
+#include "Platform/Inspection.h"
 #include "Platform/KeepErrno.h"
 #include "Platform/PlainDecimals.h"
-#include "Platform/Platform.h"
+#include "Platform/Process.h"
 
 #include <algorithm>
 #include <atomic>
@@ -114,11 +115,8 @@ public:
         Node* const node = m_current.load();
         if (node == nullptr)
             return false;
-        try {
-            node->sink(record);
-        } catch (...) {
-            // The line is lost; the operation that logged it must not be.
-        }
+        Call call{node->sink, record};
+        Platform::Process::Get().CallUncancelled(run, &call);
         return true;
     }
 
@@ -133,11 +131,9 @@ private:
         {
             inside_sink = true;
             m_visitors.fetch_add(1);
-            m_cancellation = Platform::Get().HoldOffCancellation();
         }
         ~Visit()
         {
-            Platform::Get().RestoreCancellation(m_cancellation);
             m_visitors.fetch_sub(1);
             inside_sink = false;
         }
@@ -145,8 +141,23 @@ private:
         Visit& operator=(const Visit&) = delete;
 
         std::atomic<int>& m_visitors;
-        int m_cancellation = 0; ///< as it was: the log lets nothing out, a cancelled thread neither
     };
+
+    struct Call {
+        const Zor_LogFile::Sink& sink;
+        const Zor_LogRecord& record;
+    };
+
+    /// Lets nothing out: neither an exception, nor a thread that is cancelled in there.
+    static void run(void* call) noexcept
+    {
+        const auto& [sink, record] = *static_cast<Call*>(call);
+        try {
+            sink(record);
+        } catch (...) {
+            // The line is lost; the operation that logged it must not be.
+        }
+    }
 
     void retire(Node* node) noexcept
     {
@@ -227,7 +238,7 @@ public:
         char* end = m_text + std::strlen(m_text);
         if (end == m_text || end[-1] != '\n')
             *end++ = '\n'; // in place of the zero
-        Platform::Get().WriteStandardError(begin, static_cast<std::size_t>(end - begin));
+        Platform::Process::Get().WriteStandardError(begin, static_cast<std::size_t>(end - begin));
     }
 
 private:
@@ -283,7 +294,7 @@ constinit char current_folder[] = ".";
 std::string without_last_slash(const char* path)
 {
     std::string result(path == nullptr || *path == '\0' ? current_folder : path);
-    if (result.back() == '/' || result.back() == Platform::Get().PathSeparator())
+    if (result.back() == '/' || result.back() == Platform::Inspection::Get().PathSeparator())
         result.pop_back();
     return result;
 }

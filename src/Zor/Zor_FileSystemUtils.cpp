@@ -1,8 +1,8 @@
 #include "Zor/Zor_FileSystemUtils.h"
 
-#include "Platform/Platform.h"
+#include "Platform/Inspection.h"
 
 bool Zor_FileSystemUtils::GetFreeSpace(const char* path, double& bytes) const
 {
-    return Platform::Get().FreeSpace(path, &bytes);
+    return Platform::Inspection::Get().FreeSpace(path, &bytes);
 }

@@ -1,7 +1,7 @@
 #include "Zor/Zor_MemoryDetails.h"
 
 #include "Platform/PlainDecimals.h"
-#include "Platform/Platform.h"
+#include "Platform/Process.h"
 #include "Zor/Zor_System.h"
 
 #include <algorithm>
@@ -27,7 +27,7 @@ double with_fraction(std::uint64_t bytes)
     return static_cast<double>(bytes) / 1048576;
 }
 
-/// A text in a room of its own. What doesn't fit is cut.
+/// A text in a buffer of its own. What doesn't fit is cut.
 class Text
 {
 public:
@@ -56,18 +56,18 @@ struct Sum {
     std::uint64_t bytes = 0;
 };
 
-/// What the address space is taken by: this library's stretches in sums, of the others the largest.
-class Occupants final : public Platform::Stretches
+/// What the address space is taken by: this library's maps in sums, of the others the largest.
+class Occupants final : public Platform::Process::Maps
 {
 public:
-    void Take(const Platform::Stretch& stretch) override
+    void Take(const Platform::Process::Map& map) override
     {
-        if (stretch.kind == Platform::Stretch::Kind::OpenMapping)
-            return m_open.Add(stretch.size);
-        if (stretch.kind == Platform::Stretch::Kind::View)
-            return m_views.Add(stretch.size);
-        m_others.Add(stretch.size);
-        insert(stretch);
+        if (map.kind == Platform::Process::Map::Kind::OpenMapping)
+            return m_open.Add(map.size);
+        if (map.kind == Platform::Process::Map::Kind::View)
+            return m_views.Add(map.size);
+        m_others.Add(map.size);
+        insert(map);
     }
 
     void Describe(Text& text, std::uint64_t most) const
@@ -87,34 +87,33 @@ private:
     struct Row {
         void Print(Text& text) const
         {
-            text.Add("%12.1f  %012llx %c%c%c%c   %s\n", with_fraction(stretch.size),
-                     printed(stretch.begin), stretch.readable ? 'r' : '-',
-                     stretch.writable ? 'w' : '-', stretch.executable ? 'x' : '-',
-                     stretch.shared ? 's' : 'p', name);
+            text.Add("%12.1f  %012llx %c%c%c%c   %s\n", with_fraction(map.size), printed(map.begin),
+                     map.readable ? 'r' : '-', map.writable ? 'w' : '-', map.executable ? 'x' : '-',
+                     map.shared ? 's' : 'p', name);
         }
-        Platform::Stretch stretch; ///< whose own name is gone
+        Platform::Process::Map map; ///< whose own name is gone
         char name[200];
     };
 
     /// Keeps it if it is one of the largest, in order.
-    void insert(const Platform::Stretch& stretch)
+    void insert(const Platform::Process::Map& map)
     {
         std::size_t at = m_kept;
-        while (at > 0 && m_largest[at - 1].stretch.size < stretch.size)
+        while (at > 0 && m_largest[at - 1].map.size < map.size)
             --at;
         if (at == std::size(m_largest))
             return;
         m_kept = std::min(m_kept + 1, std::size(m_largest));
         std::copy_backward(m_largest + at, m_largest + m_kept - 1, m_largest + m_kept);
-        m_largest[at].stretch = stretch;
-        set_name(m_largest[at].name, stretch);
+        m_largest[at].map = map;
+        set_name(m_largest[at].name, map);
     }
 
     /// Of a long path, the end says most. Control characters would act on who reads the file.
     template <std::size_t N>
-    static void set_name(char (&name)[N], const Platform::Stretch& stretch)
+    static void set_name(char (&name)[N], const Platform::Process::Map& map)
     {
-        const std::string_view text = what(stretch);
+        const std::string_view text = what(map);
         const std::size_t left_out = text.size() < N ? 0 : text.size() - (N - 4);
         std::snprintf(name, N, "%s%.*s", left_out != 0 ? "..." : "",
                       static_cast<int>(text.size() - left_out), text.data() + left_out);
@@ -123,17 +122,17 @@ private:
             [](unsigned char byte) { return byte < ' ' || byte == 127; }, '?');
     }
 
-    static std::string_view what(const Platform::Stretch& stretch)
+    static std::string_view what(const Platform::Process::Map& map)
     {
-        switch (stretch.kind) {
-        case Platform::Stretch::Kind::Heap:
+        switch (map.kind) {
+        case Platform::Process::Map::Kind::Heap:
             return "heap";
-        case Platform::Stretch::Kind::Stack:
+        case Platform::Process::Map::Kind::Stack:
             return "stack";
-        case Platform::Stretch::Kind::Anonymous:
+        case Platform::Process::Map::Kind::Anonymous:
             return "anonymous";
         default:
-            return stretch.name;
+            return map.name;
         }
     }
 
@@ -148,15 +147,16 @@ private:
 
 void AppendMemoryDetails(const char* path, const Zor_ProcessMemoryInfo& info)
 {
-    Platform& platform = Platform::Get();
+    Platform::Process& process = Platform::Process::Get();
+    const Platform::Process::Memory memory = process.MemoryNow();
     Text text;
-    text.Add("\nProcess Memory Information for PID <%ld>\n", platform.ProcessId());
+    text.Add("\nProcess Memory Information for PID <%ld>\n", process.ProcessId());
     text.Add(
         "Used address space: %lluMB; Largest free block: %lluMB; Address space limit: %lluMB\n",
         printed(in_mb(info.used_address_space)), printed(in_mb(info.largest_free_block)),
-        printed(in_mb(platform.AddressSpace())));
+        printed(in_mb(memory.address_space)));
     Occupants occupants;
-    if (platform.ListStretches(occupants))
-        occupants.Describe(text, platform.MostStretches());
-    platform.AppendToFile(path, text.Begin(), text.Size());
+    if (process.ListMaps(occupants))
+        occupants.Describe(text, memory.most_maps);
+    process.AppendToFile(path, text.Begin(), text.Size());
 }

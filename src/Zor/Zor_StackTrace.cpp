@@ -1,8 +1,8 @@
 #include "Zor/Zor_StackTrace.h"
 
-#include "Platform/Platform.h"
+#include "Platform/Process.h"
 
 void Zor_StackTrace::TraceStack(std::FILE*, RWCString*, int, int) noexcept
 {
-    Platform::Get().StackTrace();
+    Platform::Process::Get().StackTrace();
 }

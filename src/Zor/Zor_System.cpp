@@ -1,6 +1,7 @@
 #include "Zor/Zor_System.h"
 
-#include "Platform/Platform.h"
+#include "Platform/AddressSpaceUse.h"
+#include "Platform/Process.h"
 #include "Zor/Zor_MemoryDetails.h"
 
 namespace
@@ -20,36 +21,39 @@ Zor_System* Zor_System::GetHandle()
 
 int Zor_System::GetOsMemInfo(Zor_OSMemoryInfo& info)
 {
-    const Platform::Machine machine = Platform::Get().MachineMemory();
-    info.address_space = in_mb(Platform::Get().AddressSpace());
-    info.total_ram = in_mb(machine.memory);
-    info.total_swap = in_mb(machine.swap);
-    info.available_ram = in_mb(machine.available_memory);
-    info.available_swap = in_mb(machine.available_swap);
+    const Platform::Process::Memory memory = Platform::Process::Get().MemoryNow();
+    info.address_space = in_mb(memory.address_space);
+    info.total_ram = in_mb(memory.total);
+    info.total_swap = in_mb(memory.swap);
+    info.available_ram = in_mb(memory.available);
+    info.available_swap = in_mb(memory.available_swap);
     return 0;
 }
 
 RWCString Zor_System::GetOsName()
 {
     char name[256];
-    Platform::Get().SystemName(name, sizeof name);
+    Platform::Process::Get().SystemName(name, sizeof name);
     return RWCString(name);
 }
 
 int Zor_System::GetCurrentProcessInfo(unsigned long& id, RWCString& name)
 {
     char text[256];
-    Platform::Get().ProcessName(text, sizeof text);
+    Platform::Process::Get().ProcessName(text, sizeof text);
     name = text;
-    id = static_cast<unsigned long>(Platform::Get().ProcessId());
+    id = static_cast<unsigned long>(Platform::Process::Get().ProcessId());
     return 0;
 }
 
 int Zor_System::GetZorProcessMemoryInfo(Zor_ProcessMemoryInfo& info, int, const char* path, bool,
                                         Zor_ProcessMemoryInfoEx*)
 {
-    if (!Platform::Get().AddressSpaceUse(info.used_address_space, info.largest_free_block))
+    Platform::AddressSpaceUse use;
+    if (!use.Read(Platform::Process::Get()))
         return -1;
+    info.used_address_space = use.Used();
+    info.largest_free_block = use.LargestFree();
     if (path != nullptr)
         AppendMemoryDetails(path, info);
     return 0;

@@ -3,7 +3,7 @@
 
 #include "Mem/Mem_MemInfo.h"
 #include "NRVlog/Zor_LogFile.h"
-#include "Platform/Platform.h"
+#include "Platform/Mappings.h"
 #include "Zor/Zor_Buffer.h"
 #include "support/Mem_TestAccess.h"
 
@@ -27,8 +27,8 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
     for (const char* text : {name, name})
         (good << int{sizeof name - 1}) << text;
     std::ofstream((*argv)[*argc - 1] + std::string("/good")) << good.Bytes() << good.Bytes();
-    Platform::Get().RemoveDeadMapping("/dev/shm", name);
-    if (Platform::Get().CreateSharedMapping(name, 65536, "/var/tmp") == nullptr)
+    Platform::Mappings::Get().RemoveDeadMapping("/dev/shm", name);
+    if (Platform::Mappings::Get().CreateSharedMapping(name, 65536, "/var/tmp") == nullptr)
         std::abort(); // another fuzzer runs
     return 0;
 }

@@ -1,87 +1,79 @@
 #ifndef SUPPORT_FAILINGPLATFORM_H
 #define SUPPORT_FAILINGPLATFORM_H
 
-#include "Platform/Platform.h"
+#include "Platform/Inspection.h"
+#include "Platform/LastError.h"
+#include "Platform/Mappings.h"
 
 #include <utility>
 #include <vector>
 
-/// Passes everything on to another platform. Tests derive from it and override what they falsify.
-class ForwardingPlatform : public Platform
+/// Stands in front of one of the platform's interfaces for as long as it lives, and passes
+/// everything on. Tests derive from it and override what they falsify.
+template <class Interface>
+class InFront : public Interface
 {
 public:
-    explicit ForwardingPlatform(Platform& real) : m_real(real) {}
+    InFront() : m_real(Interface::Get()) { Interface::Replace(this); }
+    InFront(const InFront&) = delete;
+    InFront& operator=(const InFront&) = delete;
+
+protected:
+    ~InFront() { Interface::Replace(&m_real); }
+
+    Interface& m_real;
+};
 
 #define FORWARD(result, name, parameters, arguments)                                               \
     result name parameters override                                                                \
     {                                                                                              \
         return m_real.name arguments;                                                              \
     }
+
+class ForwardingMappings : public InFront<Platform::Mappings>
+{
+public:
     FORWARD(void*, CreateSharedMapping, (const char* n, std::uint64_t s, const char* f), (n, s, f))
     FORWARD(void*, CreateMappingOverFile,
             (const char* p, const char* n, std::uint64_t s, FileFault* f), (p, n, s, f))
     FORWARD(void*, OpenMapping, (const char* n, const char* f), (n, f))
+    FORWARD(bool, CloseMapping, (void* m), (m))
     FORWARD(void*, MapView, (void* m, std::uint64_t o, std::uint64_t s), (m, o, s))
     FORWARD(bool, UnmapView, (void* v, std::uint64_t s), (v, s))
-    FORWARD(bool, CloseMapping, (void* m), (m))
-    FORWARD(bool, RemoveDeadMapping, (const char* f, const char* n), (f, n))
-    FORWARD(void, ListFiles, (const char* f, const char* p, Names& n), (f, p, n))
-    FORWARD(void, ListSome, (const char* f, const char* p, Place& a, Names& n), (f, p, a, n))
-    FORWARD(Maker, MakerOf, (const char* p, long i), (p, i))
-    FORWARD(bool, RemoveDeadFile, (const char* p), (p))
-    FORWARD(bool, RemoveFile, (const char* p), (p))
-    FORWARD(bool, FreeSpace, (const char* f, double* b), (f, b))
-    FORWARD(unsigned long, LastError, (), ())
-    FORWARD(void, ErrorText, (unsigned long e, char* t, std::size_t s), (e, t, s))
+    FORWARD(std::uint32_t, AllocationGranularity, (), ())
+    FORWARD(bool, TrimWorkingSet, (Views & v), (v))
     FORWARD(Cause, LastCause, (), ())
     FORWARD(std::uint32_t, LastLimits, (char* t, std::size_t s), (t, s))
-    FORWARD(long, ProcessId, (), ())
-    FORWARD(long, ThreadId, (), ())
-    FORWARD(int, HoldOffCancellation, (), ())
-    FORWARD(void, RestoreCancellation, (int b), (b))
-    FORWARD(bool, OnFork, (void (*b)(), void (*p)(), void (*c)()), (b, p, c))
-    FORWARD(std::uint32_t, AllocationGranularity, (), ())
-    FORWARD(std::uint64_t, PhysicalMemory, (), ())
-    FORWARD(std::uint64_t, CommittedMemory, (), ())
-    FORWARD(std::uint64_t, AddressSpace, (), ())
-    FORWARD(Machine, MachineMemory, (), ())
-    FORWARD(bool, AddressSpaceUse, (std::uint64_t & u, std::uint64_t& l), (u, l))
-    FORWARD(bool, ListStretches, (Stretches & s), (s))
-    FORWARD(std::uint64_t, MostStretches, (), ())
-    FORWARD(void, SystemName, (char* t, std::size_t s), (t, s))
-    FORWARD(void, ProcessName, (char* t, std::size_t s), (t, s))
-    FORWARD(void, TimeAndDate, (char* t, std::size_t s), (t, s))
-    FORWARD(long long, FileLength, (const char* p), (p))
-    FORWARD(bool, TruncateFile, (const char* p), (p))
-    FORWARD(bool, AppendToFile, (const char* p, const char* t, std::size_t s), (p, t, s))
-    FORWARD(void, StackTrace, (), ())
-    FORWARD(bool, TrimWorkingSet, (Views & v), (v))
-    FORWARD(void, OnAllocationFailure, (AllocationHandler h), (h))
-    FORWARD(bool, MallocIsHooked, (), ())
-    FORWARD(const char*, DefaultTempFolder, (), ())
-    FORWARD(bool, AbsolutePath, (const char* p, char* t, std::size_t s), (p, t, s))
-    FORWARD(std::uint64_t, RandomNumber, (), ())
+    FORWARD(bool, RemoveFile, (const char* p), (p))
+    FORWARD(void, ListNames, (const char* f, const char* p, Place& a, Names& n), (f, p, a, n))
+    FORWARD(Creator, CreatorOf, (const char* p, long i), (p, i))
+    FORWARD(bool, RemoveDeadFile, (const char* p), (p))
+    FORWARD(bool, RemoveDeadMapping, (const char* f, const char* n), (f, n))
+};
+
+class ForwardingInspection : public InFront<Platform::Inspection>
+{
+public:
     FORWARD(char, PathSeparator, (), ())
-    FORWARD(void, WriteStandardError, (const char* t, std::size_t s), (t, s))
+    FORWARD(bool, AbsolutePath, (const char* p, char* t, std::size_t s), (p, t, s))
+    FORWARD(const char*, DefaultTempFolder, (), ())
     FORWARD(const char*, MappingFolder, (), ())
+    FORWARD(bool, FreeSpace, (const char* f, double* b), (f, b))
+    FORWARD(void, ListFiles, (const char* f, const char* p, Platform::Mappings::Names& n),
+            (f, p, n))
     FORWARD(bool, Inspect, (const char* p, FileFacts& f), (p, f))
     FORWARD(void, ProgramOf, (const char* p, long i, char* t, std::size_t s), (p, i, t, s))
     FORWARD(bool, RemoveLostLink, (const char* p), (p))
-    FORWARD(void, Examine, (const Demand& d, Findings& f), (d, f))
-#undef FORWARD
-
-protected:
-    ~ForwardingPlatform() = default;
-
-    Platform& m_real;
+    FORWARD(std::vector<Fact>, Look, (const char* f), (f))
 };
+#undef FORWARD
 
 /// Stands in front of the platform for as long as it lives and lets chosen calls fail.
 ///
 /// A failing Create or View does nothing and gives null. A failing Close is really done and
 /// answers false. A failing Unview leaves the view, which then ends with this object: views
 /// that must outlive it can't be tested so. Threads: one at a time.
-class FailingPlatform final : public ForwardingPlatform
+class FailingPlatform final : public ForwardingMappings
 {
 public:
     enum Kind : unsigned { Create = 1, View = 2, Unview = 4, Close = 8 };
@@ -89,20 +81,16 @@ public:
     /// The `n`-th call (from 1) of the `kinds`, counted together, fails, and the `count` - 1
     /// calls after it.
     FailingPlatform(unsigned kinds, int n, int count = 1)
-        : ForwardingPlatform(Platform::Get()), m_kinds(kinds), m_first(n), m_count(count)
+        : m_kinds(kinds), m_first(n), m_count(count)
     {
-        s_error = 0;
+        s_injected = false;
         m_left.reserve(1024); // releasing calls are not to allocate, here either
-        Platform::Replace(this);
     }
     ~FailingPlatform()
     {
-        Platform::Replace(&m_real);
         for (const auto& [view, size] : m_left)
             m_real.UnmapView(view, size);
     }
-    FailingPlatform(const FailingPlatform&) = delete;
-    FailingPlatform& operator=(const FailingPlatform&) = delete;
 
     /// Whether a call has failed by this object.
     bool Fired() const { return m_fired; }
@@ -138,11 +126,10 @@ public:
         const bool failing = fails(Close, 12);
         return passed(m_real.CloseMapping(mapping)) && !failing;
     }
-    unsigned long LastError() override { return s_error != 0 ? s_error : m_real.LastError(); }
-    Cause LastCause() override { return s_error != 0 ? Cause::Other : m_real.LastCause(); }
+    Cause LastCause() override { return s_injected ? Cause::Other : m_real.LastCause(); }
     std::uint32_t LastLimits(char* text, std::size_t size) override
     {
-        return s_error != 0 ? *text = '\0' : m_real.LastLimits(text, size);
+        return s_injected ? *text = '\0' : m_real.LastLimits(text, size);
     }
 
 private:
@@ -153,7 +140,8 @@ private:
         if (distance < 0 || distance >= m_count)
             return false;
         m_fired = true;
-        s_error = error;
+        s_injected = true;
+        Platform::SetLastError(error);
         return true;
     }
 
@@ -161,11 +149,11 @@ private:
     template <class Result>
     static Result passed(Result result)
     {
-        s_error = result ? s_error : 0;
+        s_injected = result ? s_injected : false;
         return result;
     }
 
-    static inline thread_local unsigned long s_error = 0;
+    static inline thread_local bool s_injected = false; ///< the last failure
 
     const unsigned m_kinds;
     const int m_first;

@@ -2,7 +2,7 @@
 // thread which is inside, an exception that leaves such a thread, and use after the end.
 
 #include "Mem/Mem_MemPager.h"
-#include "Platform/Platform.h"
+#include "Platform/Posix/AllocationFailure.h"
 #include "support/Children.h"
 #include "support/PagerWorld.h"
 
@@ -43,7 +43,7 @@ namespace
 
 /// At the end pieces are left alone, which a sanitizer takes for leaks.
 #define SKIP_UNDER_A_SANITIZER()                                                                   \
-    if (!Platform::Get().MallocIsHooked())                                                         \
+    if (!MallocComesByHere())                                                                      \
     GTEST_SKIP() << "a sanitizer looks for leaks where a process ends"
 
 TEST(End, OfAProcessLeavesThreadsInsideInPeace)

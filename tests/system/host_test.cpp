@@ -4,7 +4,8 @@
 
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_MemPager.h"
-#include "Platform/Platform.h"
+#include "Platform/LastError.h"
+#include "Platform/Posix/AllocationFailure.h"
 #include "support/Children.h"
 #include "support/Footprint.h"
 #include "support/PagerWorld.h"
@@ -132,7 +133,7 @@ int LiveWithoutPages()
         CHILD_CHECK(piece.GoesAndComesBack());
         close_range(3, ~0u, 0);
         const HostFile file;
-        CHILD_CHECK(!piece.GoesAndComesBack() && Platform::Get().LastError() == EBADF);
+        CHILD_CHECK(!piece.GoesAndComesBack() && Platform::LastError() == EBADF);
         piece.info = {};
         CHILD_CHECK(file.IsWhole() && close(file.descriptor) == 0);
     }
@@ -149,7 +150,7 @@ int LiveWithoutPages()
 
 CHILD_TEST(AHost, MayRunUnderAToolThatMapsNoPageAnew, InChildAmongOwnMounts)
 {
-    if (!Platform::Get().MallocIsHooked())
+    if (!MallocComesByHere())
         return not_permitted; // a sanitizer has descriptors of its own, which are closed here
     CHILD_CHECK(Mount("tmpfs", "/dev/shm"));
     return RefuseToMapAnew() ? LiveWithoutPages() : not_permitted;
@@ -259,7 +260,7 @@ int CancelThreads(unsigned seed)
 
 TEST(AHost, MayCancelInTheMidst)
 {
-    if (!Platform::Get().MallocIsHooked())
+    if (!MallocComesByHere())
         GTEST_SKIP() << "a sanitizer takes the unwinding for a fault";
     for (unsigned seed = 0; seed < 60; ++seed)
         ASSERT_EQ(InChild([seed] { return CancelThreads(seed); }), 0) << seed;
@@ -282,7 +283,7 @@ void* LiveOnASmallStack(void* result)
 
 CHILD_TEST(AHost, MayHaveSmallStacks, InChildAmongOwnMounts)
 {
-    if (!Platform::Get().MallocIsHooked())
+    if (!MallocComesByHere())
         return not_permitted; // a sanitizer takes more of a stack
     constexpr std::size_t size = 64 << 10, host_needs = 16 << 10;
     CHILD_CHECK(Mount("tmpfs", "/dev/shm", "size=20m"));

@@ -98,9 +98,7 @@ TEST(ARelativeTempFolder, StaysTheOneThatItWas)
 }
 
 /// Counts the files that are made.
-struct Makings final : ForwardingPlatform {
-    Makings() : ForwardingPlatform(Platform::Get()) { Platform::Replace(this); }
-    ~Makings() { Platform::Replace(&m_real); }
+struct Makings final : ForwardingMappings {
     void* CreateMappingOverFile(const char* path, const char* name, std::uint64_t size,
                                 FileFault* fault) override
     {
@@ -178,9 +176,7 @@ CHILD_TEST(PlantedNames, AreNoRefusal, InChildAmongOwnMounts)
 }
 
 /// Counts the names that are judged.
-struct Judged final : ForwardingPlatform {
-    Judged() : ForwardingPlatform(Platform::Get()) { Platform::Replace(this); }
-    ~Judged() { Platform::Replace(&m_real); }
+struct Judged final : ForwardingMappings {
     bool RemoveDeadMapping(const char* folder, const char* name) override
     {
         ++count;

@@ -4,7 +4,7 @@
 
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_MemPager.h"
-#include "Platform/Platform.h"
+#include "Platform/Posix/AllocationFailure.h"
 #include "support/Children.h"
 #include "support/FailingNew.h"
 #include "support/PagerWorld.h"
@@ -64,7 +64,7 @@ private:
 /// Runs `body` in a child with little address space, where malloc is hooked.
 int UnderLimit(auto body)
 {
-    if (!Platform::Get().MallocIsHooked())
+    if (!MallocComesByHere())
         return not_permitted;
     return InChild([&] {
         Limit(RLIMIT_AS, 600 * kMB);

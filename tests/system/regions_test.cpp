@@ -2,7 +2,8 @@
 // living one; promises of memory that end in a signal, of a group's limit too; creation that a
 // timer keeps from getting on; failures that leave something behind.
 
-#include "Platform/Platform.h"
+#include "Platform/LastError.h"
+#include "Platform/Mappings.h"
 #include "support/Children.h"
 #include "support/Footprint.h"
 #include "support/Leftovers.h"
@@ -20,7 +21,7 @@ namespace
 
 namespace fs = std::filesystem;
 constexpr std::uint64_t MiB = 1 << 20;
-Platform& platform = Platform::Get();
+Platform::Mappings& platform = Platform::Mappings::Get();
 
 std::string Name(pid_t process, const std::string& tail)
 {
@@ -49,7 +50,7 @@ bool Fill(void* mapping, std::uint64_t size)
 bool FailsWith(unsigned long error, std::uint64_t size)
 {
     const Footprint before = Footprint::Now();
-    return Make(999, size) == nullptr && platform.LastError() == error &&
+    return Make(999, size) == nullptr && Platform::LastError() == error &&
            Footprint::Now() == before;
 }
 
@@ -115,13 +116,13 @@ CHILD_TEST(RegionsOfProcesses, MeetATimerAndLimits, InChild)
     Limit(RLIMIT_FSIZE, MiB);
     CHILD_CHECK(FailsWith(EFBIG, MiB + 1)); // or SIGXFSZ
     Limit(RLIMIT_AS, MiB);                  // less than there is already
-    CHILD_CHECK(platform.MapView(region, 0, MiB) == nullptr && platform.LastError() == ENOMEM);
+    CHILD_CHECK(platform.MapView(region, 0, MiB) == nullptr && Platform::LastError() == ENOMEM);
     const bool made = Make(1, MiB) != nullptr;
     Limit(RLIMIT_AS, RLIM_INFINITY);
-    CHILD_CHECK(!made && platform.LastError() == ENOMEM);
+    CHILD_CHECK(!made && Platform::LastError() == ENOMEM);
     CHILD_CHECK(Footprint::Now().names == 1 && Footprint::Now().maps == 1);
     Limit(RLIMIT_NOFILE, 0);
-    CHILD_CHECK(Make(1, MiB) == nullptr && platform.LastError() == EMFILE);
+    CHILD_CHECK(Make(1, MiB) == nullptr && Platform::LastError() == EMFILE);
     return platform.CloseMapping(region) ? 0 : 2;
 }
 
@@ -134,7 +135,7 @@ CHILD_TEST(RegionsOfProcesses, MeetAFullABarredAndAMissingFolder, InChildAmongOw
         CHILD_CHECK(Fill(region, 7 * MiB) && platform.CloseMapping(region));
     CHILD_CHECK(Mount("tmpfs", "/dev/shm", "", MS_RDONLY) && FailsWith(EROFS, 1));
     CHILD_CHECK(Mount("tmpfs", "/dev") && Make(0, 1) == nullptr);
-    return platform.LastError() == ENOENT ? 0 : 2;
+    return Platform::LastError() == ENOENT ? 0 : 2;
 }
 
 } // namespace

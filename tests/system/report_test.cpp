@@ -2,7 +2,7 @@
 // needs memory itself, or writes without end, over another file, or between another's lines.
 
 #include "Mem/Mem_MemPager.h"
-#include "Platform/Platform.h"
+#include "Platform/Posix/AllocationFailure.h"
 #include "support/Children.h"
 #include "support/FailingNew.h"
 #include "support/Footprint.h"
@@ -114,7 +114,7 @@ int LiveToTheEnd(const LogFolder& logs, bool needs_new)
 
 TEST(Report, IsWholeAtTheRealEndAndNeedsNoMemory)
 {
-    if (!Platform::Get().MallocIsHooked())
+    if (!MallocComesByHere())
         GTEST_SKIP() << "a sanitizer takes more address space";
     for (const bool needs_new : {true, false}) {
         const LogFolder logs;

@@ -3,7 +3,6 @@
 // that end each other's views, and a lost maker that ends the reader instead of a call.
 
 #include "Mem/Mem_MemInfo.h"
-#include "Platform/Platform.h"
 #include "Zor/Zor_Buffer.h"
 #include "support/Children.h"
 #include "support/Footprint.h"

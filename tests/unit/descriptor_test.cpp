@@ -3,7 +3,7 @@
 
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_ShmmHeap.h"
-#include "Platform/Platform.h"
+#include "Platform/Mappings.h"
 #include "Zor/Zor_Buffer.h"
 #include "support/Children.h"
 #include "support/FailingNew.h"
@@ -48,10 +48,10 @@ struct Descriptors : testing::Test {
     LogCapture log{3};
     Memory_ShmmHeap heap;
     std::unique_ptr<MEM_MemPager> pager = Mem_TestAccess::MakePager(&heap);
-    void* region = Platform::Get().CreateSharedMapping(good.c_str(), 65536, "/var/tmp");
+    void* region = Platform::Mappings::Get().CreateSharedMapping(good.c_str(), 65536, "/var/tmp");
     ~Descriptors() override
     {
-        EXPECT_TRUE(Platform::Get().CloseMapping(region));
+        EXPECT_TRUE(Platform::Mappings::Get().CloseMapping(region));
         EXPECT_EQ(Footprint::Now(), before);
     }
     /// The whole life of a piece, read at both ends. Nothing is left of it.
@@ -120,8 +120,8 @@ TEST_F(Descriptors, ShareOneBlockOfWhichTheFirstFixesTheRegion)
     EXPECT_TRUE(onward.Bytes() == valid && first.Map() == 0);
 
     // Another region takes the name: who holds the old one, keeps it.
-    EXPECT_TRUE(Platform::Get().CloseMapping(region));
-    region = Platform::Get().CreateSharedMapping(good.c_str(), 65536, "/var/tmp");
+    EXPECT_TRUE(Platform::Mappings::Get().CloseMapping(region));
+    region = Platform::Mappings::Get().CreateSharedMapping(good.c_str(), 65536, "/var/tmp");
     std::ofstream("/dev/shm/" + good, std::ios::in | std::ios::out) << std::string(65536, 'n');
     for (const char expected : {'\0', 'n'}) {
         MEM_PagerInfo third = Adopt(*pager, valid);

@@ -22,19 +22,17 @@ namespace fs = std::filesystem;
 constexpr unsigned kRegion = 8454144;
 
 /// A folder and settings of a test's own, and a disk that claims the free space it is told.
-class FileHeap : public testing::Test, public ForwardingPlatform
+class FileHeap : public testing::Test, public ForwardingInspection
 {
 protected:
-    FileHeap() : ForwardingPlatform(Platform::Get())
+    FileHeap()
     {
         char name[] = "/var/tmp/mempager_test_XXXXXX";
         m_folder = mkdtemp(name);
-        Platform::Replace(this);
     }
     ~FileHeap() override
     {
         MEM_MemoryConfiguration::GetInstance()->SetInstance(nullptr);
-        Platform::Replace(nullptr);
         EXPECT_EQ(Footprint::Now(), m_before);
         fs::remove_all(m_folder);
     }

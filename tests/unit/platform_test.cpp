@@ -2,7 +2,8 @@
 // somebody else, at creation or at closing; views that miss their bytes or lose them with the
 // name; failures without their cause; memory limits read from the wrong group.
 
-#include "Platform/Platform.h"
+#include "Platform/LastError.h"
+#include "Platform/Mappings.h"
 #include "Platform/Posix/MemoryLimits.h"
 #include "support/Footprint.h"
 
@@ -31,7 +32,7 @@ protected:
         return static_cast<char*>(platform.MapView(region, offset, size));
     }
 
-    Platform& platform = Platform::Get();
+    Platform::Mappings& platform = Platform::Mappings::Get();
     const std::string name = "NorvaneMemoryBlock_" + std::to_string(getpid()) + "_1_0";
     const std::string path = "/dev/shm/" + name;
     const std::uint64_t page = platform.AllocationGranularity();
@@ -77,7 +78,7 @@ TEST_F(Regions, AreRefusedWithTheirCauseAndNothingLeft)
         {name, EEXIST}, {name + "link", EEXIST}, {"", EINVAL}, {"../shm/x" + name, EINVAL}};
     for (const auto& [refused, cause] : causes) {
         EXPECT_EQ(platform.CreateSharedMapping(refused.c_str(), page, ""), nullptr) << refused;
-        EXPECT_EQ(platform.LastError(), cause) << refused;
+        EXPECT_EQ(Platform::LastError(), cause) << refused;
     }
     EXPECT_TRUE(fs::file_size(path) == 4 && fs::remove(path) && fs::remove(path + "link"));
 
@@ -86,7 +87,7 @@ TEST_F(Regions, AreRefusedWithTheirCauseAndNothingLeft)
         {0, 0}, {0, 3 * page}, {2 * page, 1}, {page / 2, page}, {0 - page, 2 * page}};
     for (const auto& [offset, size] : bad)
         EXPECT_EQ(View(region, offset, size), nullptr) << offset << ", " << size;
-    EXPECT_TRUE(platform.LastError() == EINVAL && platform.CloseMapping(region));
+    EXPECT_TRUE(Platform::LastError() == EINVAL && platform.CloseMapping(region));
 }
 
 TEST(Limits, AreTheLeastOfAllGroupsAbove)
@@ -117,7 +118,7 @@ TEST(Limits, AreTheLeastOfAllGroupsAbove)
     const auto grants_something = [&](const char* pages, const char* machine) {
         write("two/c/memory.stat", pages);
         const GroupFolders folders(groups.c_str(), (root / "mounts").c_str());
-        return MemoryRoom(folders, write("m", machine).c_str()).Grants(MiB) != 0;
+        return MemoryHeadroom(folders, write("m", machine).c_str()).Grants(MiB) != 0;
     };
     EXPECT_FALSE(grants_something("inactive_file 7\nactive_file 6842744", ""));
     EXPECT_TRUE(grants_something("inactive_file 8\nactive_file 6842744", "SwapFree: 16448 kB"));

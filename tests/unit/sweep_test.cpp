@@ -90,10 +90,10 @@ void Sweep(auto once)
 
 TEST(Sweep, EachPlatformCallOfTheRoadMayFail)
 {
-    using Platform = FailingPlatform;
-    const std::pair<unsigned, int> cases[] = {{Platform::Create, 1}, {Platform::Unview, 1},
-                                              {Platform::View, 1},   {Platform::Create, 2},
-                                              {Platform::View, 2},   {Platform::Close, 1}};
+    using Failing = FailingPlatform;
+    const std::pair<unsigned, int> cases[] = {{Failing::Create, 1}, {Failing::Unview, 1},
+                                              {Failing::View, 1},   {Failing::Create, 2},
+                                              {Failing::View, 2},   {Failing::Close, 1}};
     for (const auto& [kind, in_a_row] : cases)
         Sweep([kind = kind, in_a_row = in_a_row](int n) {
             LogCapture log(5);
@@ -105,7 +105,7 @@ TEST(Sweep, EachPlatformCallOfTheRoadMayFail)
             const int ahead = log.Count(5, "MEM_MemPager::Cache|");
             EXPECT_EQ(refused > ahead, failing.Fired() && in_a_row == 2 && ahead == 0);
             EXPECT_EQ(log.Count(3, "MEM_MemPager::") > 0, refused > ahead);
-            EXPECT_EQ(log.Size() > 0, failing.Fired() && kind != FailingPlatform::Close);
+            EXPECT_EQ(log.Size() > 0, failing.Fired() && kind != Failing::Close);
             return failing.Fired();
         });
 }

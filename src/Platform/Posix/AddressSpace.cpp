@@ -1,7 +1,9 @@
 #include "Platform/Posix/AddressSpace.h"
 
+#include "Platform/Posix/Fork.h"
 #include "Platform/Posix/Lines.h"
-#include "Platform/Posix/SharedMapping.h"
+#include "Platform/Posix/Mappings.h"
+#include "Platform/Posix/Process.h"
 
 #include <algorithm>
 #include <charconv>
@@ -13,12 +15,9 @@
 namespace
 {
 
-using Stretch = Platform::Stretch;
+using Map = Platform::Process::Map;
 
-/// Above it lies the kernel.
-constexpr std::uint64_t top_of_addresses = std::uint64_t{1} << 47;
-
-struct Map {
+struct MapLine {
     std::uint64_t begin;
     std::uint64_t end;
     std::string_view access;
@@ -41,9 +40,9 @@ dev_t device(std::string_view text)
 }
 
 /// A line is "begin-end access offset device inode   name".
-Map parse_map(std::string_view line)
+MapLine parse_map(std::string_view line)
 {
-    Map map;
+    MapLine map;
     map.begin = number(take(line, "-"), 16);
     map.end = number(take(line, " "), 16);
     map.access = take(line, " ");
@@ -62,9 +61,9 @@ bool for_each_map(Visitor visit)
     std::uint64_t last_end = 0;
     Lines lines("/proc/self/maps");
     for (std::string_view line; lines.Next(line);) {
-        const Map map = parse_map(line);
+        const MapLine map = parse_map(line);
         // The rest of a line that was longer than any should be isn't a map.
-        if (map.begin < last_end || map.end <= map.begin || map.end > top_of_addresses)
+        if (map.begin < last_end || map.end <= map.begin || map.end > EndOfAddresses)
             continue;
         last_end = map.end;
         visit(map);
@@ -115,14 +114,14 @@ bool learn_identities(SharedMapping* mappings)
         mapping->in_maps = {};
     buckets.Fill(mappings,
                  [page](const SharedMapping& mapping) { return page_of(mapping) / page; });
-    return for_each_map([page](const Map& map) {
+    return for_each_map([page](const MapLine& map) {
         for (SharedMapping* at = buckets.Of(map.begin / page); at; at = at->next_in_bucket)
             if (page_of(*at) == map.begin)
                 at->in_maps = map.file;
     });
 }
 
-bool is_own(const Map& map, Stretch::Kind& kind)
+bool is_own(const MapLine& map, Map::Kind& kind)
 {
     if (map.file == FileIdentity{})
         return false;
@@ -132,16 +131,16 @@ bool is_own(const Map& map, Stretch::Kind& kind)
             continue;
         const bool anchor = page_of(*at) == map.begin && map.end - map.begin == page_size();
         if (!own || anchor)
-            kind = anchor ? Stretch::Kind::OpenMapping : Stretch::Kind::View;
+            kind = anchor ? Map::Kind::OpenMapping : Map::Kind::View;
         own = true;
     }
     return own;
 }
 
 /// Stacks of other threads aren't told: they are anonymous.
-Stretch::Kind kind_of(const Map& map, std::uint64_t own_stack)
+Map::Kind kind_of(const MapLine& map, std::uint64_t own_stack)
 {
-    using enum Stretch::Kind;
+    using enum Map::Kind;
     if (map.name == "[stack]" || (map.begin <= own_stack && own_stack < map.end))
         return Stack;
     if (map.name == "[heap]")
@@ -151,45 +150,32 @@ Stretch::Kind kind_of(const Map& map, std::uint64_t own_stack)
     return map.name.starts_with('[') ? Other : File;
 }
 
-Stretch stretch_of(const Map& map, std::uint64_t own_stack)
+Map map_of(const MapLine& map, std::uint64_t own_stack)
 {
     const auto may = [&map](char right) { return map.access.find(right) != map.access.npos; };
-    Stretch stretch{map.begin, map.end - map.begin,     may('r'), may('w'), may('x'),
-                    may('s'),  kind_of(map, own_stack), map.name};
-    is_own(map, stretch.kind);
-    return stretch;
+    Map result{map.begin, map.end - map.begin,     may('r'), may('w'), may('x'),
+               may('s'),  kind_of(map, own_stack), map.name};
+    is_own(map, result.kind);
+    return result;
 }
 
 } // namespace
 
-bool ReadAddressSpace(std::uint64_t limit, std::uint64_t& used, std::uint64_t& largest_free)
+bool PosixProcess::ListMaps(Maps& maps)
 {
-    used = 0;
-    largest_free = 0;
-    std::uint64_t last_end = 0;
-    const bool told = for_each_map([&](const Map& map) {
-        largest_free = std::max(largest_free, map.begin - last_end);
-        used += map.end - map.begin;
-        last_end = map.end;
-    });
-    largest_free = std::max(largest_free, top_of_addresses - last_end);
-    largest_free = std::min(largest_free, limit - std::min(limit, used));
-    return told;
-}
-
-bool ListMaps(SharedMapping* mappings, Platform::Stretches& stretches)
-{
+    const NoFork whole;
+    SharedMapping* const mappings = PosixMappings::Instance().First();
     if (!learn_identities(mappings))
         return false;
     buckets.Fill(mappings, [](const SharedMapping& mapping) { return mapping.in_maps.inode; });
     const auto own_stack = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
-    return for_each_map([&](const Map& map) { stretches.Take(stretch_of(map, own_stack)); });
+    return for_each_map([&](const MapLine& map) { maps.Take(map_of(map, own_stack)); });
 }
 
 std::uint64_t CountMaps()
 {
     std::uint64_t count = 0;
-    for_each_map([&count](const Map&) { ++count; });
+    for_each_map([&count](const MapLine&) { ++count; });
     return count;
 }
 

@@ -1,16 +1,22 @@
 #include "Platform/Posix/AllocationFailure.h"
 
+#include "Platform/Posix/Process.h"
 #include "Platform/Posix/Scoped.h"
+#include "Platform/Posix/TimeZone.h"
 
 #include <atomic>
 #include <cstdint>
 #include <new>
 #include <utility>
 
+#include <execinfo.h>
+
 namespace
 {
 
-constinit std::atomic<Platform::AllocationHandler> allocation_handler{nullptr};
+using AllocationHandler = Platform::Process::AllocationHandler;
+
+constinit std::atomic<AllocationHandler> allocation_handler{nullptr};
 
 /// What is going on in a thread that ran out of memory. The model keeps the first touch in a
 /// thread from allocating.
@@ -24,7 +30,7 @@ struct Trouble {
 
 bool ask_handler(std::size_t size, bool reported) noexcept
 {
-    const Platform::AllocationHandler handler = allocation_handler.load(std::memory_order_acquire);
+    const AllocationHandler handler = allocation_handler.load(std::memory_order_acquire);
     if (handler == nullptr || trouble.inside)
         return false;
     const NoCancellation calm; // malloc and its kin let nothing out
@@ -48,10 +54,20 @@ void on_new_failure()
         throw std::bad_alloc();
 }
 
+/// Makes the first stack trace, and the first look at the time, possible without memory.
+void prepare_last_words()
+{
+    void* call;
+    backtrace(&call, 1); // loads what it needs
+    RememberTimeZone();
+}
+
 } // namespace
 
-void SetAllocationHandler(Platform::AllocationHandler handler)
+void PosixProcess::OnAllocationFailure(AllocationHandler handler)
 {
+    const NoCancellation calm;
+    prepare_last_words(); // for the time when that handler reports
     allocation_handler.store(handler, std::memory_order_release);
     std::set_new_handler(on_new_failure);
 }

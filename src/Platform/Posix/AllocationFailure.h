@@ -1,12 +1,7 @@
 #ifndef PLATFORM_POSIX_ALLOCATIONFAILURE_H
 #define PLATFORM_POSIX_ALLOCATIONFAILURE_H
 
-#include "Platform/Platform.h"
-
 #include <cstddef>
-
-/// Has `handler` called for failures of operator new, and of malloc where that is hooked.
-void SetAllocationHandler(Platform::AllocationHandler handler);
 
 /// Asks the handler for help after malloc, or one of its kin, has failed for `size` bytes.
 /// @return whether another try is worth it. Keeps errno.

@@ -32,7 +32,7 @@ void ForEachName(const char* folder, const char* prefix, Visitor visit)
     }
 }
 
-/// As many names of a folder as a step takes, in a room on the stack.
+/// As many names of a folder as a step takes, in a buffer on the stack.
 class FewNames
 {
 public:
@@ -70,25 +70,25 @@ private:
     ssize_t m_size = -1;
 };
 
-/// Texts in a room of its own, which only grows when asked to.
+/// Texts in a buffer of its own, which only grows when asked to.
 class NameList
 {
 public:
-    /// Forgets all and doubles the room. @return false without memory.
+    /// Forgets all and doubles the buffer. @return false without memory.
     bool Grow()
     {
         m_size = std::max<std::size_t>(2 * m_size, 8192);
         m_needed = 0;
-        m_room.reset(new (std::nothrow) char[m_size]);
-        return m_room != nullptr;
+        m_buffer.reset(new (std::nothrow) char[m_size]);
+        return m_buffer != nullptr;
     }
 
-    /// What has no room is counted, but not kept.
+    /// What doesn't fit is counted, but not kept.
     void Add(const char* name)
     {
         const std::size_t size = std::strlen(name) + 1;
         if (m_needed + size <= m_size)
-            std::memcpy(m_room.get() + m_needed, name, size);
+            std::memcpy(m_buffer.get() + m_needed, name, size);
         m_needed += size;
     }
 
@@ -97,12 +97,12 @@ public:
     template <class Visitor>
     void ForEach(Visitor visit) const
     {
-        for (std::size_t at = 0; at < m_needed; at += std::strlen(m_room.get() + at) + 1)
-            visit(m_room.get() + at);
+        for (std::size_t at = 0; at < m_needed; at += std::strlen(m_buffer.get() + at) + 1)
+            visit(m_buffer.get() + at);
     }
 
 private:
-    std::unique_ptr<char[]> m_room;
+    std::unique_ptr<char[]> m_buffer;
     std::size_t m_size = 0;
     std::size_t m_needed = 0;
 };

@@ -1,19 +1,26 @@
 #include "Platform/Posix/Inspection.h"
 
+#include "Platform/Posix/Failure.h"
+#include "Platform/Posix/Folder.h"
+#include "Platform/Posix/Fork.h"
 #include "Platform/Posix/Lines.h"
 #include "Platform/Posix/Liveness.h"
 #include "Platform/Posix/Paths.h"
+#include "Platform/SystemPlatform.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 namespace
 {
 
-using Facts = Platform::FileFacts;
+using Facts = Platform::Inspection::FileFacts;
 
 Facts::Kind kind_of(mode_t mode)
 {
@@ -25,7 +32,7 @@ Facts::Kind kind_of(mode_t mode)
 }
 
 /// Where a file system doesn't tell when a file was made, the last change of its names and rights
-/// is near enough: its maker makes both at once.
+/// is near enough: its creator makes both at once.
 std::time_t time_made(const char* path, const struct stat& status)
 {
     struct statx more {
@@ -71,9 +78,8 @@ void read_link(const char* path, Facts& facts)
     facts.is_lost = facts.is_own && IsMissing(target.Text());
 }
 
-} // namespace
-
-bool ReadFacts(const char* path, Facts& facts, uid_t& owner)
+/// Fills all but the owner's name. Allocates nothing. @return false with errno if nothing is there.
+bool read_facts(const char* path, Facts& facts, uid_t& owner)
 {
     constexpr std::uint64_t block_size = 512;
     struct stat status;
@@ -96,24 +102,96 @@ bool ReadFacts(const char* path, Facts& facts, uid_t& owner)
     return true;
 }
 
+} // namespace
+
 void WriteUserName(uid_t user, char* text, std::size_t size)
 {
-    char room[4096];
+    char buffer[4096];
     passwd entry{};
     passwd* found = nullptr;
-    if (getpwuid_r(user, &entry, room, sizeof room, &found) == 0 && found != nullptr)
+    if (getpwuid_r(user, &entry, buffer, sizeof buffer, &found) == 0 && found != nullptr)
         std::snprintf(text, size, "%s", found->pw_name);
     else
         std::snprintf(text, size, "%lu", static_cast<unsigned long>(user));
 }
 
-void WriteProgramOf(const char* path, long process, char* text, std::size_t size)
+Platform::Inspection& Platform::SystemInspection()
 {
+    return OnlyOne<PosixInspection>();
+}
+
+char PosixInspection::PathSeparator()
+{
+    return '/';
+}
+
+bool PosixInspection::AbsolutePath(const char* path, char* text, std::size_t size)
+{
+    Path absolute;
+    return Reported(absolute.SetAbsolute(path) &&
+                    (std::strlen(absolute.Text()) < size || Fail(ENAMETOOLONG)) &&
+                    std::strcpy(text, absolute.Text()) != nullptr);
+}
+
+const char* PosixInspection::DefaultTempFolder()
+{
+    return "/var/tmp";
+}
+
+const char* PosixInspection::MappingFolder()
+{
+    return SharedFolder;
+}
+
+bool PosixInspection::FreeSpace(const char* folder, double* bytes)
+{
+    struct statvfs status;
+    if (!Reported(statvfs(folder, &status) == 0))
+        return false;
+    *bytes = static_cast<double>(status.f_bavail) * static_cast<double>(status.f_frsize);
+    return true;
+}
+
+/// Read as a whole first: the lock is for the time of an open folder, and who takes a name may
+/// come back here, or allocate.
+void PosixInspection::ListFiles(const char* folder, const char* prefix,
+                                Platform::Mappings::Names& names)
+{
+    NameList list;
+    do {
+        if (!list.Grow())
+            return;
+        const NoFork whole;
+        ForEachName(folder, prefix, [&list](const char* name) { list.Add(name); });
+    } while (!list.IsComplete());
+    list.ForEach([&names](const char* name) { names.Take(name); });
+}
+
+bool PosixInspection::Inspect(const char* path, FileFacts& facts)
+{
+    const NoCancellation calm;
+    uid_t owner = 0;
+    facts = {};
+    if (const NoFork whole; !Reported(read_facts(path, facts, owner)))
+        return false;
+    WriteUserName(owner, facts.owner, sizeof facts.owner); // it may allocate
+    return true;
+}
+
+bool PosixInspection::RemoveLostLink(const char* path)
+{
+    return Reported(RemoveLinkIfLost(path));
+}
+
+/// Told if the process and what bears the path have one owner.
+void PosixInspection::ProgramOf(const char* path, long process, char* text, std::size_t size)
+{
+    const NoCancellation calm;
     char folder[64];
-    struct stat file, maker;
+    struct stat file, creator;
     text[0] = '\0';
     std::snprintf(folder, sizeof folder, "/proc/%ld", process);
-    if (lstat(path, &file) != 0 || stat(folder, &maker) != 0 || file.st_uid != maker.st_uid)
+    if (lstat(path, &file) != 0 || stat(folder, &creator) != 0 || file.st_uid != creator.st_uid)
         return;
     std::snprintf(folder, sizeof folder, "/proc/%ld/comm", process);
     Lines lines(folder);

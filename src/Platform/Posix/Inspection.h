@@ -1,22 +1,30 @@
 #ifndef PLATFORM_POSIX_INSPECTION_H
 #define PLATFORM_POSIX_INSPECTION_H
 
-#include "Platform/Platform.h"
-
-#include <cstddef>
+#include "Platform/Inspection.h"
 
 #include <sys/types.h>
 
-// What can be told of files that may be anybody's.
+/// Linux. What is told of limits stands in LimitFacts.cpp.
+class PosixInspection final : public Platform::Inspection
+{
+public:
+    char PathSeparator() override;
+    bool AbsolutePath(const char* path, char* text, std::size_t size) override;
+    const char* DefaultTempFolder() override;
+    const char* MappingFolder() override;
+    bool FreeSpace(const char* folder, double* bytes) override;
 
-/// Fills all of `facts` but the owner's name. Allocates nothing.
-/// @return false with errno if nothing is there.
-bool ReadFacts(const char* path, Platform::FileFacts& facts, uid_t& owner);
+    void ListFiles(const char* folder, const char* prefix,
+                   Platform::Mappings::Names& names) override;
+    bool Inspect(const char* path, FileFacts& facts) override;
+    void ProgramOf(const char* path, long process, char* text, std::size_t size) override;
+    bool RemoveLostLink(const char* path) override;
+
+    std::vector<Fact> Look(const char* temp_folder) override;
+};
 
 /// Writes the user's name, or the number if there is none. May allocate.
 void WriteUserName(uid_t user, char* text, std::size_t size);
-
-/// Writes the name of a process's program if the process and what bears the path have one owner.
-void WriteProgramOf(const char* path, long process, char* text, std::size_t size);
 
 #endif

@@ -1,7 +1,9 @@
 #include "Platform/Posix/MemoryLimits.h"
 
+#include "Platform/Posix/AddressSpace.h"
 #include "Platform/Posix/Limits.h"
 #include "Platform/Posix/Lines.h"
+#include "Platform/Posix/Process.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -9,6 +11,7 @@
 #include <limits>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include <sys/resource.h>
 #include <sys/sysinfo.h>
@@ -69,12 +72,6 @@ std::uint64_t kibibytes(std::uint64_t number)
     return number << 10;
 }
 
-/// In bytes; 0 if it isn't told.
-std::uint64_t row(std::string_view key)
-{
-    return kibibytes(sum("/proc/meminfo", {"", {key, ""}}).value_or(0));
-}
-
 std::uint64_t rest(std::uint64_t all, std::uint64_t taken)
 {
     return all - std::min(all, taken);
@@ -99,9 +96,19 @@ std::uint64_t MachineMemory()
     return static_cast<std::uint64_t>(information.totalram) * information.mem_unit;
 }
 
-Commitment ReadCommitment()
+MemoryTable::MemoryTable()
 {
-    return {row("Committed_AS:"), row("CommitLimit:")};
+    const std::pair<std::string_view, std::uint64_t&> rows[] = {
+        {"MemTotal:", total},           {"MemAvailable:", available},
+        {"SwapTotal:", swap},           {"SwapFree:", available_swap},
+        {"CommitLimit:", commit_limit}, {"Committed_AS:", committed}};
+    Lines lines("/proc/meminfo");
+    for (std::string_view line; lines.Next(line);) {
+        const std::string_view key = take(line, " ");
+        for (const auto& [name, number] : rows)
+            if (key == name)
+                number = kibibytes(number_at_front(line, 0));
+    }
 }
 
 bool KeepsToCommitment()
@@ -118,11 +125,6 @@ std::uint64_t SoftLimit(int resource)
                                                                             : RLIM_INFINITY;
 }
 
-MachineNow ReadMachine()
-{
-    return {row("MemTotal:"), row("MemAvailable:"), row("SwapTotal:"), row("SwapFree:")};
-}
-
 std::uint64_t AddressSpaceInUse()
 {
     Lines lines("/proc/self/statm");
@@ -132,22 +134,36 @@ std::uint64_t AddressSpaceInUse()
 
 std::uint64_t AddressSpaceLimit()
 {
-    constexpr std::uint64_t all = std::uint64_t{1} << 47;
-    return std::min(SoftLimit(RLIMIT_AS), all);
+    return std::min(SoftLimit(RLIMIT_AS), EndOfAddresses);
 }
 
-MemoryRoom::MemoryRoom() : m_machine("/proc/meminfo"), m_folders(GroupFolders::OfThisProcess())
+std::uint64_t PosixProcess::MemoryLimit()
+{
+    const NoCancellation calm;
+    return std::min(MachineMemory(), ControlGroupLimit());
+}
+
+Platform::Process::Memory PosixProcess::MemoryNow()
+{
+    const NoCancellation calm;
+    const MemoryTable now;
+    return {now.total,     now.available,       now.swap,       now.available_swap,
+            now.committed, AddressSpaceLimit(), EndOfAddresses, MostMaps()};
+}
+
+MemoryHeadroom::MemoryHeadroom()
+    : m_machine("/proc/meminfo"), m_folders(GroupFolders::OfThisProcess())
 {
     find_limits();
 }
 
-MemoryRoom::MemoryRoom(const GroupFolders& folders, const char* machine)
+MemoryHeadroom::MemoryHeadroom(const GroupFolders& folders, const char* machine)
     : m_machine(machine), m_folders(folders)
 {
     find_limits();
 }
 
-void MemoryRoom::find_limits()
+void MemoryHeadroom::find_limits()
 {
     const std::uint64_t most = MachineMemory(); // a limit above is none
     for (std::size_t at = 0; at < m_folders.Count(); ++at) {
@@ -159,23 +175,23 @@ void MemoryRoom::find_limits()
     }
 }
 
-std::uint64_t MemoryRoom::Grants(std::uint64_t more, std::uint64_t done) const
+std::uint64_t MemoryHeadroom::Grants(std::uint64_t more, std::uint64_t done) const
 {
     constexpr std::uint64_t least = std::uint64_t{1} << 16;
     constexpr std::uint64_t shares = 64;
     const std::uint64_t smallest = std::min(more, least);
-    std::uint64_t room = room_on_machine(smallest, done);
+    std::uint64_t headroom = headroom_on_machine(smallest, done);
     for (std::size_t at = 0; at < m_count; ++at)
-        room = std::min(room, room_in(m_groups[at], smallest, shares * more, done));
-    if (smallest <= room)
-        return std::clamp(room / shares, smallest, more);
+        headroom = std::min(headroom, headroom_in(m_groups[at], smallest, shares * more, done));
+    if (smallest <= headroom)
+        return std::clamp(headroom / shares, smallest, more);
     errno = ENOMEM;
     return 0;
 }
 
 /// The table of pages is long: it is read only if it matters.
-std::uint64_t MemoryRoom::room_in(const Group& group, std::uint64_t least, std::uint64_t enough,
-                                  std::uint64_t done)
+std::uint64_t MemoryHeadroom::headroom_in(const Group& group, std::uint64_t least,
+                                          std::uint64_t enough, std::uint64_t done)
 {
     const std::uint64_t usage = read_limit(group.folder, group.version->usage_file);
     if (usage == no_limit || usage + group.margin + enough <= group.limit)
@@ -183,24 +199,25 @@ std::uint64_t MemoryRoom::room_in(const Group& group, std::uint64_t least, std::
     const Table& table = group.version->reclaimable;
     const std::uint64_t reclaimable =
         sum(GroupFile(group.folder, table.file).path, table).value_or(0);
-    const std::uint64_t room = rest(group.limit + reclaimable, usage + group.margin);
-    if (room < least)
-        MeetLimit(Limit::Group, group.limit, rest(group.limit + reclaimable + done, usage));
-    return room;
+    const std::uint64_t headroom = rest(group.limit + reclaimable, usage + group.margin);
+    if (headroom < least)
+        MeetLimit(Platform::Subject::Group, group.limit,
+                  rest(group.limit + reclaimable + done, usage));
+    return headroom;
 }
 
-std::uint64_t MemoryRoom::room_on_machine(std::uint64_t least, std::uint64_t done) const
+std::uint64_t MemoryHeadroom::headroom_on_machine(std::uint64_t least, std::uint64_t done) const
 {
     const std::optional<std::uint64_t> left = sum(m_machine, {"", {"MemAvailable:", "SwapFree:"}});
     if (!left)
         return no_limit;
-    const std::uint64_t room = rest(kibibytes(*left), margin);
-    if (room < least)
-        MeetLimit(Limit::Machine, MachineMemory(), kibibytes(*left) + done);
-    return room;
+    const std::uint64_t headroom = rest(kibibytes(*left), margin);
+    if (headroom < least)
+        MeetLimit(Platform::Subject::Machine, MachineMemory(), kibibytes(*left) + done);
+    return headroom;
 }
 
-std::uint64_t MemoryRoom::LeftInGroups() const
+std::uint64_t MemoryHeadroom::LeftInGroups() const
 {
     std::uint64_t left = no_limit;
     for (std::size_t at = 0; at < m_count; ++at) {
@@ -214,7 +231,7 @@ std::uint64_t MemoryRoom::LeftInGroups() const
     return left;
 }
 
-std::uint64_t MemoryRoom::LeftOnMachine() const
+std::uint64_t MemoryHeadroom::LeftOnMachine() const
 {
-    return room_on_machine(0, 0);
+    return headroom_on_machine(0, 0);
 }

@@ -15,28 +15,23 @@ std::uint64_t ControlGroupLimit(const char* groups = "/proc/self/cgroup",
 /// Bytes of the machine's memory.
 std::uint64_t MachineMemory();
 
-/// Bytes of memory that the machine has promised to its processes, and that it may promise where it
-/// keeps to that limit; 0 if that isn't told.
-struct Commitment {
-    std::uint64_t promised;
-    std::uint64_t limit;
+/// The machine's memory at this moment, in bytes; 0 for what isn't told. Allocates nothing.
+struct MemoryTable {
+    MemoryTable();
+
+    std::uint64_t total = 0;
+    std::uint64_t available = 0;
+    std::uint64_t swap = 0;
+    std::uint64_t available_swap = 0;
+    std::uint64_t committed = 0;    ///< that the machine has promised to its processes
+    std::uint64_t commit_limit = 0; ///< that it may promise where it keeps to that limit
 };
-Commitment ReadCommitment();
 
 /// Whether the machine keeps to that limit.
 bool KeepsToCommitment();
 
 /// The most that this process may have of a resource at present, as getrlimit() names and tells it.
 std::uint64_t SoftLimit(int resource);
-
-/// The machine's memory and swap at this moment, in bytes.
-struct MachineNow {
-    std::uint64_t memory;
-    std::uint64_t available_memory;
-    std::uint64_t swap;
-    std::uint64_t available_swap;
-};
-MachineNow ReadMachine();
 
 /// Bytes of address space that the process takes, as the limit counts them; 0 if that isn't told.
 std::uint64_t AddressSpaceInUse();
@@ -47,23 +42,23 @@ std::uint64_t AddressSpaceLimit();
 /// How much memory this process can still take without the system having to end one. Remembers
 /// the groups that bound this process and their limits, and the text given, so it is meant for a
 /// short life. Allocates nothing.
-class MemoryRoom
+class MemoryHeadroom
 {
 public:
-    MemoryRoom();
+    MemoryHeadroom();
 
     /// Of a process in these groups, and of a machine with such a table, in the form of /proc.
-    MemoryRoom(const GroupFolders& folders, const char* machine);
+    MemoryHeadroom(const GroupFolders& folders, const char* machine);
 
-    MemoryRoom(const MemoryRoom&) = delete;
-    MemoryRoom& operator=(const MemoryRoom&) = delete;
+    MemoryHeadroom(const MemoryHeadroom&) = delete;
+    MemoryHeadroom& operator=(const MemoryHeadroom&) = delete;
 
     /// How many of `more` bytes can be taken at once so that a margin is left, for what other
     /// processes take meanwhile, in each of the groups and on the machine. Pages that hold a copy
     /// of what is on disk count as free. The nearer a limit, the fewer: many processes that look at
     /// the same time don't go past it together. `done` bytes were taken before and are given back
     /// if these can't be had.
-    /// @return 0 with errno, ENOMEM, and the limit remembered, if there is room for none.
+    /// @return 0 with errno, ENOMEM, and the limit remembered, if there is none.
     std::uint64_t Grants(std::uint64_t more, std::uint64_t done = 0) const;
 
     /// The most that one of the two would bear; the greatest number where that isn't told.
@@ -79,9 +74,9 @@ private:
     };
 
     void find_limits();
-    static std::uint64_t room_in(const Group& group, std::uint64_t least, std::uint64_t enough,
-                                 std::uint64_t done);
-    std::uint64_t room_on_machine(std::uint64_t least, std::uint64_t done) const;
+    static std::uint64_t headroom_in(const Group& group, std::uint64_t least, std::uint64_t enough,
+                                     std::uint64_t done);
+    std::uint64_t headroom_on_machine(std::uint64_t least, std::uint64_t done) const;
 
     const char* const m_machine;
     const GroupFolders m_folders;

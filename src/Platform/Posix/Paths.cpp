@@ -86,8 +86,8 @@ bool BelongTogether(const char* name, const char* path)
 {
     const std::string_view whole(name);
     const std::size_t second = whole.find('_', whole.find('_') + 1);
-    const std::string_view maker = whole.substr(0, second == whole.npos ? second : second + 1);
-    return std::string_view(LastPart(path)).find(maker) != whole.npos || Fail(EINVAL);
+    const std::string_view creator = whole.substr(0, second == whole.npos ? second : second + 1);
+    return std::string_view(LastPart(path)).find(creator) != whole.npos || Fail(EINVAL);
 }
 
 std::uint64_t UnforeseeableNumber()

@@ -45,7 +45,7 @@ bool BelongTogether(const char* name, const char* path);
 /// A number that no other process can foresee.
 std::uint64_t UnforeseeableNumber();
 
-/// A path in a room of its own, on the stack: nothing is allocated where such paths are needed.
+/// A path in a buffer of its own, on the stack: nothing is allocated where such paths are needed.
 /// Each operation that sets it returns false with errno if it can't.
 class Path
 {

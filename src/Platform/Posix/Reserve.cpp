@@ -93,10 +93,11 @@ bool Reserve(int file, std::uint64_t size)
         return reserve_in_steps(file, size, disk_step, [](auto step, auto) { return step; });
 
     // Other processes reserve at the same time: one look for the whole size isn't enough.
-    const MemoryRoom room;
-    return reserve_in_steps(
-        file, size, memory_step,
-        [&room](std::uint64_t more, std::uint64_t done) { return room.Grants(more, done); });
+    const MemoryHeadroom headroom;
+    return reserve_in_steps(file, size, memory_step,
+                            [&headroom](std::uint64_t more, std::uint64_t done) {
+                                return headroom.Grants(more, done);
+                            });
 }
 
 bool LiesOnDisk(const char* folder)

@@ -51,7 +51,7 @@ bool is_taken(const OwnName& name)
 
 } // namespace
 
-bool IsForWantOfRoom(int error)
+bool IsForLackOfSpace(int error)
 {
     return error == ENOSPC || error == EDQUOT || error == ENOMEM;
 }
@@ -87,12 +87,12 @@ bool MakeInSharedMemory(SharedMapping& mapping, const char* spare_folder)
         return true;
 
     const int cause = errno;
-    const bool may_go_elsewhere = IsForWantOfRoom(cause) || is_barred(cause);
+    const bool may_go_elsewhere = IsForLackOfSpace(cause) || is_barred(cause);
     if (!may_go_elsewhere || mapping.spare_name.path == nullptr || !LiesOnDisk(spare_folder))
         return Fail(cause);
     if (make_in_spare_folder(mapping))
         return true;
-    // That there is no other place is no news; that there is no room in either is.
+    // That there is no other place is no news; that both are full is.
     return Fail(is_barred(errno) ? cause : errno);
 }
 

@@ -41,7 +41,7 @@ bool MakeInSharedMemory(SharedMapping& mapping, const char* spare_folder);
 Making MakeOverFile(SharedMapping& mapping, const char* path);
 
 /// Whether an error tells that memory or a disk is full, or that this user has had its share.
-bool IsForWantOfRoom(int error);
+bool IsForLackOfSpace(int error);
 
 /// Takes the names away that this process gave. @return false with errno if one is still there.
 bool RemoveOwnNames(const SharedMapping& mapping);

@@ -1,29 +1,24 @@
-#include "Platform/Posix/Diagnosis.h"
-
+#include "Platform/Posix/Failure.h"
+#include "Platform/Posix/Fork.h"
 #include "Platform/Posix/Lines.h"
 #include "Platform/Posix/Paths.h"
+#include "Platform/Posix/Process.h"
 #include "Platform/Posix/Reserve.h"
+#include "Platform/Posix/TimeZone.h"
 #include "Platform/Posix/WriteSignals.h"
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <iterator>
 
 #include <execinfo.h>
-#include <sys/single_threaded.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 
 namespace
 {
-
-// What the C library knows of the time zone stands behind a lock of its own, which a child of a
-// process with threads may find held for ever.
-std::atomic<bool> has_threads = false;
-std::atomic<bool> time_zone_is_locked = false;
-std::atomic<long> seconds_east = 0;
 
 /// A file that must be a plain one. Opening anything else could wait, or write elsewhere.
 class PlainFile
@@ -55,96 +50,8 @@ private:
     struct stat m_status = {};
 };
 
-} // namespace
-
-void WriteSystemName(char* text, std::size_t size)
-{
-    utsname name{};
-    uname(&name);
-    std::snprintf(text, size, "%s %s", name.sysname, name.release);
-}
-
-void WriteProcessName(char* text, std::size_t size)
-{
-    Lines lines("/proc/self/comm");
-    std::string_view name;
-    lines.Next(name);
-    const std::size_t length = std::min(name.size(), size - 1);
-    text[name.copy(text, length)] = '\0';
-}
-
-void RememberTimeZone()
-{
-    const KeepErrno keep;
-    has_threads = __libc_single_threaded == 0;
-    if (time_zone_is_locked)
-        return;
-    tm local{};
-    const std::time_t now = std::time(nullptr);
-    tzset();
-    if (localtime_r(&now, &local) != nullptr)
-        seconds_east = local.tm_gmtoff;
-}
-
-void KeepTimeZone()
-{
-    if (has_threads)
-        time_zone_is_locked = true;
-}
-
-void WriteTimeAndDate(char* text, std::size_t size)
-{
-    using namespace std::chrono;
-    constexpr char days_of_week[][4] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-    constexpr char months[][4] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                  "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    RememberTimeZone();
-    const sys_seconds now(seconds(std::time(nullptr) + seconds_east));
-    const sys_days today = floor<days>(now);
-    const year_month_day date(today);
-    const hh_mm_ss time(now - today);
-    std::snprintf(text, size, "%s %s %2u %02d:%02d:%02d %d\n",
-                  days_of_week[weekday(today).c_encoding()], months[unsigned{date.month()} - 1],
-                  unsigned{date.day()}, static_cast<int>(time.hours().count()),
-                  static_cast<int>(time.minutes().count()),
-                  static_cast<int>(time.seconds().count()), int{date.year()});
-}
-
-void PrepareLastWords()
-{
-    void* call;
-    backtrace(&call, 1); // loads what it needs
-    RememberTimeZone();
-}
-
-void WriteStackTrace()
-{
-    void* calls[64];
-    const int count = backtrace(calls, static_cast<int>(std::size(calls)));
-    backtrace_symbols_fd(calls, count, STDERR_FILENO);
-}
-
-long long LengthOfFile(const char* path)
-{
-    PlainFile file(path, O_RDONLY);
-    return file ? static_cast<long long>(file.Length()) : -1;
-}
-
-bool EmptyFile(const char* path)
-{
-    PlainFile file(path, O_WRONLY);
-    return file && ftruncate(file.Get(), 0) == 0;
-}
-
-bool AddToFile(const char* path, const char* text, std::size_t size)
-{
-    PlainFile file(path, O_WRONLY | O_APPEND | O_CREAT);
-    if (!file || !FitsFileLimit(file.Length() + size))
-        return false;
-    return WriteAll(file.Get(), text, size); // in one go, unless the disk is full or the limit near
-}
-
-bool WriteAll(int file, const char* text, std::size_t size)
+/// Writes a text to whatever the descriptor is of. No signal comes of it. @return false with errno.
+bool write_all(int file, const char* text, std::size_t size)
 {
     const NoWriteSignals quiet;
     while (size != 0) {
@@ -156,4 +63,95 @@ bool WriteAll(int file, const char* text, std::size_t size)
         size -= done;
     }
     return true;
+}
+
+/// @return false with errno, and with a part of the text in the file if the disk is full.
+bool add_to_file(const char* path, const char* text, std::size_t size)
+{
+    PlainFile file(path, O_WRONLY | O_APPEND | O_CREAT);
+    if (!file || !FitsFileLimit(file.Length() + size))
+        return false;
+    return write_all(file.Get(), text,
+                     size); // in one go, unless the disk is full or the limit near
+}
+
+} // namespace
+
+void PosixProcess::SystemName(char* text, std::size_t size)
+{
+    utsname name{};
+    uname(&name);
+    std::snprintf(text, size, "%s %s", name.sysname, name.release);
+}
+
+void PosixProcess::ProcessName(char* text, std::size_t size)
+{
+    const NoCancellation calm;
+    Lines lines("/proc/self/comm");
+    std::string_view name;
+    lines.Next(name);
+    const std::size_t length = std::min(name.size(), size - 1);
+    text[name.copy(text, length)] = '\0';
+}
+
+void PosixProcess::TimeAndDate(char* text, std::size_t size)
+{
+    const NoCancellation calm;
+    using namespace std::chrono;
+    constexpr char days_of_week[][4] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+    constexpr char months[][4] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                  "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    const sys_seconds now(seconds(std::time(nullptr) + SecondsEast()));
+    const sys_days today = floor<days>(now);
+    const year_month_day date(today);
+    const hh_mm_ss time(now - today);
+    std::snprintf(text, size, "%s %s %2u %02d:%02d:%02d %d\n",
+                  days_of_week[weekday(today).c_encoding()], months[unsigned{date.month()} - 1],
+                  unsigned{date.day()}, static_cast<int>(time.hours().count()),
+                  static_cast<int>(time.minutes().count()),
+                  static_cast<int>(time.seconds().count()), int{date.year()});
+}
+
+void PosixProcess::StackTrace()
+{
+    const KeepErrno keep;
+    const NoCancellation calm;
+    const NoWriteSignals quiet;
+    void* calls[64];
+    const int count = backtrace(calls, static_cast<int>(std::size(calls)));
+    backtrace_symbols_fd(calls, count, STDERR_FILENO);
+}
+
+long long PosixProcess::FileLength(const char* path)
+{
+    const NoFork whole;
+    PlainFile file(path, O_RDONLY);
+    return file ? static_cast<long long>(file.Length()) : -1;
+}
+
+bool PosixProcess::TruncateFile(const char* path)
+{
+    const NoFork whole;
+    PlainFile file(path, O_WRONLY);
+    return file && ftruncate(file.Get(), 0) == 0;
+}
+
+void PosixProcess::ErrorText(unsigned long error, char* text, std::size_t size)
+{
+    const NoCancellation calm;
+    char buffer[256];
+    std::snprintf(text, size, "%s", strerror_r(static_cast<int>(error), buffer, sizeof buffer));
+}
+
+bool PosixProcess::AppendToFile(const char* path, const char* text, std::size_t size)
+{
+    const NoFork whole;
+    return Reported(add_to_file(path, text, size));
+}
+
+void PosixProcess::WriteStandardError(const char* text, std::size_t size)
+{
+    const KeepErrno keep;
+    const NoCancellation calm;
+    write_all(STDERR_FILENO, text, size);
 }
