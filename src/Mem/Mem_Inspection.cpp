@@ -263,11 +263,11 @@ Mem_Inspection::Removal remove(const Entry& leftover)
     };
     if (leftover.kind == Kind::LostLink)
         return remove_link(leftover.path);
-    const auto removal = outcome_for(
+    auto removal = outcome_for(
         leftover, Platform::Mappings::Get().RemoveDeadFile(leftover.path.c_str()), leftover.path);
     if (removal.outcome == Mem_Inspection::Outcome::Kept || leftover.link.empty())
         return removal;
-    const auto of_link = remove_link(leftover.link);
+    auto of_link = remove_link(leftover.link);
     return of_link.outcome == Mem_Inspection::Outcome::Kept ? of_link : removal;
 }
 

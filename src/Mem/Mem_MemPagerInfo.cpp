@@ -27,6 +27,7 @@ MEM_PagerInfo::MEM_PagerInfo(const MEM_PagerInfo& other, bool)
     copy(other, true);
 }
 
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): equal states are left alone
 MEM_PagerInfo& MEM_PagerInfo::operator=(const MEM_PagerInfo& other)
 {
     if (m_state != other.m_state) {

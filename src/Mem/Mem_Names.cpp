@@ -55,7 +55,8 @@ RWCString unique_name(long long number)
 long long unforeseeable_number()
 {
     constexpr std::uint64_t least = std::uint64_t{1} << 31, end = 100'000'000'000;
-    return static_cast<long long>(least + Platform::Process::Get().RandomNumber() % (end - least));
+    const std::uint64_t number = least + Platform::Process::Get().RandomNumber() % (end - least);
+    return static_cast<long long>(number);
 }
 
 std::string_view view_of(const RWCString& text)
@@ -113,6 +114,7 @@ bool BaseMapInfo::IsTempFileName(const char* name, const RWCString& first_part)
     return take(rest, view_of(first_part)) && is_unique_name(rest);
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): a copy shares the bytes
 int BaseMapInfo::GetProcessIdFromUniqueName(RWCString name)
 {
     return GetProcessIdFromUniqueName(name.data());
