@@ -115,11 +115,11 @@ FIBREX_NO_THREAD_SAFETY_ANALYSIS void MEM_MemPager::after_fork_in_child()
     fork_guard().AfterInParent();
 }
 
-// A thread that is inside may wait for the one that ends the process, or be gone already, as on
-// some systems: then the pager only closes.
+// A thread that is inside may wait for the one that ends the process, and where the system has ended
+// the others, any lock may be held for ever, the host's malloc's too: then the pager only closes.
 void MEM_MemPager::end()
 {
-    if (!mutex.CatchMutexFor(kLongestWaitAtTheEnd)) {
+    if (Platform::Process::Get().OthersHaveEnded() || !mutex.CatchMutexFor(kLongestWaitAtTheEnd)) {
         m_ended = true;
         return;
     }
