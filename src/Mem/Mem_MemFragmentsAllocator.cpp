@@ -16,7 +16,8 @@ const RWCString Mem_MemFragmentsAllocator::REALLOC_PERF_STR = "Mem_Fragments_Rea
 
 namespace Log = Mem_MemFragmentsLog;
 
-// How many of so many fragments are held mapped. A new buffer holds its last ones: from which on?
+// At most two fragments of a buffer are held mapped, in a new buffer its last ones: mapped_of() is
+// their count, tail_start_of() the number of the first.
 size_t Mem_MemFragmentsAllocator::mapped_of(size_t fragments_num)
 {
     return std::min(fragments_num, MappedIndexes().size());
@@ -258,8 +259,9 @@ void Mem_MemFragmentsAllocator::make_none_current()
     current_ptr = nullptr;
 }
 
-// The place that names the fragment already, so that none is named twice, or else one whose
-// mapping was lost, or else the oldest.
+// The mapped index that a fragment is to get after mappings were lost. If one names the fragment
+// already, it is that one, so that none is named twice; else one whose mapping was lost; else the
+// oldest.
 size_t Mem_MemFragmentsAllocator::get_lost_mapped_index(size_t fragment) const
 {
     const size_t own = find_mapped_fragment_index(fragment);
@@ -271,7 +273,7 @@ size_t Mem_MemFragmentsAllocator::get_lost_mapped_index(size_t fragment) const
     return get_oldest_mapped_index();
 }
 
-// The room that the other mapping takes may be all that there is.
+// Ends the other mapping, since the address space that it takes may be all that there is.
 bool Mem_MemFragmentsAllocator::give_up_other(size_t mapped_index)
 {
     if (mapped_fragments_num == 1)
@@ -286,7 +288,8 @@ bool Mem_MemFragmentsAllocator::give_up_other(size_t mapped_index)
 
 // Checks ----------------------------------------------------------------------------------------
 
-// A mapping that has failed leaves a fragment that is named, but not mapped.
+// A fragment in the mapped set that isn't mapped is no break: a mapping that has failed leaves it
+// so.
 const char* Mem_MemFragmentsAllocator::broken(size_t count, unsigned int last_size) const
 {
     Mem_FirstBreak check;
