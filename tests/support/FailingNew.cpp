@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdlib>
-#include <malloc.h>
 #include <new>
 
 namespace
@@ -14,13 +13,18 @@ using Size = std::size_t;
 using Align = std::align_val_t;
 using Nothrow = std::nothrow_t;
 
+void* aligned(Size size, Align to)
+{
+    const Size unit = static_cast<Size>(to);
+    return std::aligned_alloc(unit, (size + unit - 1) / unit * unit);
+}
+
 void* allocate(Size size, Align to = Align{1})
 {
     for (;;) {
         void* memory = nullptr;
         if (!FailingNew::FailsNow())
-            memory = to <= Align{alignof(std::max_align_t)} ? std::malloc(size)
-                                                            : memalign(static_cast<Size>(to), size);
+            memory = to <= Align{alignof(std::max_align_t)} ? std::malloc(size) : aligned(size, to);
         if (memory != nullptr)
             return memory;
         const std::new_handler handler = std::get_new_handler();

@@ -16,7 +16,8 @@ inline int RemoveDeadMappings(const std::string& prefix, const std::string& spar
         std::vector<std::string> all;
     };
     int removed = 0;
-    for (const std::string& folder : {std::string("/dev/shm"), spare_folder}) {
+    for (const std::string& folder :
+         {std::string(Platform::Inspection::Get().MappingFolder()), spare_folder}) {
         Names names;
         Platform::Inspection::Get().ListFiles(folder.c_str(), prefix.c_str(), names);
         for (const std::string& name : names.all)

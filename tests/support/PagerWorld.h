@@ -39,6 +39,16 @@ public:
     };
 };
 
+/// Has the process's pagers keep what is beyond `swap_mb` in temp files, and 20 MB of views. They
+/// stay at the files' settings that they find when the process first allocates.
+inline void Configure(unsigned swap_mb, const std::string& temp = "", unsigned file_mb = 64)
+{
+    MEM_MemoryConfiguration_FileHeapParemeters files{temp.c_str(), file_mb, 10240, 0};
+    MEM_MemoryConfiguration::GetInstance()->SetFileHeapParmeters(files);
+    MEM_MemoryConfiguration::GetInstance()->SetSwapMaxSizeInMb(swap_mb);
+    MEM_MemoryConfiguration::GetInstance()->SetCacheSize(20);
+}
+
 /// Collects the log's lines up to a level for a scope.
 class LogCapture
 {

@@ -2,9 +2,10 @@
 // thread which is inside, an exception that leaves such a thread, and use after the end.
 
 #include "Mem/Mem_MemPager.h"
-#include "Platform/Posix/AllocationFailure.h"
-#include "support/Children.h"
+#include "support/Child.h"
 #include "support/PagerWorld.h"
+#include "support/Seeds.h"
+#include "support/ThisProcess.h"
 
 #include <gtest/gtest.h>
 
@@ -43,24 +44,27 @@ namespace
 
 /// At the end pieces are left alone, which a sanitizer takes for leaks.
 #define SKIP_UNDER_A_SANITIZER()                                                                   \
-    if (!MallocComesByHere())                                                                      \
+    if (is_sanitized)                                                                              \
     GTEST_SKIP() << "a sanitizer looks for leaks where a process ends"
+
+CHILD_ROLE(EndsWithThreadsInside)
+{
+    const auto seed = static_cast<unsigned>(std::stoul(argument));
+    TestConfiguration::cache_limit = 3 * 65536;
+    MEM_MemoryConfiguration::GetInstance()->SetInstance(new TestConfiguration);
+    ZorGLog.SetLogLevel(2);
+    for (unsigned thread = 0; thread < 4; ++thread)
+        std::thread(LiveFor, 4 * seed + thread).detach();
+    std::this_thread::sleep_for(std::chrono::microseconds(300 * seed));
+    std::exit(0);
+}
 
 TEST(End, OfAProcessLeavesThreadsInsideInPeace)
 {
     SKIP_UNDER_A_SANITIZER();
-    for (unsigned seed = 0; seed < 60; ++seed)
-        ASSERT_EQ(InChild([seed]() -> int {
-                      TestConfiguration::cache_limit = 3 * 65536;
-                      MEM_MemoryConfiguration::GetInstance()->SetInstance(new TestConfiguration);
-                      ZorGLog.SetLogLevel(2);
-                      for (unsigned thread = 0; thread < 4; ++thread)
-                          std::thread(LiveFor, 4 * seed + thread).detach();
-                      std::this_thread::sleep_for(std::chrono::microseconds(300 * seed));
-                      std::exit(0);
-                  }),
-                  0)
-            << seed;
+    ForEachSeed(60, [](unsigned seed) {
+        EXPECT_EQ(Child("EndsWithThreadsInside", std::to_string(seed)).End(), 0);
+    });
 }
 
 int lines_after_the_end = 0;
@@ -70,7 +74,7 @@ void UseAfterTheEnd(MEM_PagerInfo& mapped, MEM_PagerInfo& unmapped)
 {
     const auto expect = [](bool holds, const char* what) {
         if (!holds)
-            _exit((std::fprintf(stderr, "after the end: %s\n", what), 1));
+            std::_Exit((std::fprintf(stderr, "after the end: %s\n", what), 1));
     };
     ZorGLog.SetLogLevel(5);
     ZorGLog.SetSink([](const Zor_LogRecord&) { ++lines_after_the_end; });
@@ -89,20 +93,22 @@ void UseAfterTheEnd(MEM_PagerInfo& mapped, MEM_PagerInfo& unmapped)
     ZorGLog.SetSink({});
 }
 
+CHILD_ROLE(UsesThePagersAfterTheirEnd)
+{
+    static MEM_PagerInfo mapped, unmapped; // older than the pagers
+    std::atexit([] { UseAfterTheEnd(mapped, unmapped); });
+    LogCapture quiet(2);
+    MEM_MemPager* const pager = MEM_MemPager::GetHandle();
+    CHILD_CHECK(pager->Allocate(100, &mapped, 0) == 0);
+    CHILD_CHECK(pager->Allocate(100, &unmapped, 0) == 0);
+    *static_cast<char*>(mapped.Ptr()) = 'm';
+    unmapped.Unmap();
+    return 0;
+}
+
 TEST(End, RefusesAllThatComesLaterQuietly)
 {
     SKIP_UNDER_A_SANITIZER();
-    EXPECT_EQ(InChild([]() -> int {
-                  static MEM_PagerInfo mapped, unmapped; // older than the pagers
-                  std::atexit([] { UseAfterTheEnd(mapped, unmapped); });
-                  LogCapture quiet(2);
-                  MEM_MemPager* const pager = MEM_MemPager::GetHandle();
-                  CHILD_CHECK(pager->Allocate(100, &mapped, 0) == 0);
-                  CHILD_CHECK(pager->Allocate(100, &unmapped, 0) == 0);
-                  *static_cast<char*>(mapped.Ptr()) = 'm';
-                  unmapped.Unmap();
-                  std::exit(0);
-              }),
-              0);
+    EXPECT_EQ(Child("UsesThePagersAfterTheirEnd").End(), 0);
 }
 } // namespace

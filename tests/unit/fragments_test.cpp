@@ -11,6 +11,7 @@
 #include "support/FailingPlatform.h"
 #include "support/Mem_TestAccess.h"
 #include "support/PagerWorld.h"
+#include "support/Seeds.h"
 
 #include <gtest/gtest.h>
 
@@ -28,7 +29,9 @@ void ExpectNothingLeft()
 {
     Mem_Status status;
     MEM_MemPager::GetHandle()->GetCurrentStatus(status);
-    EXPECT_EQ(status.local_pieces_size + status.local_blocks_size + status.total_mapped, 0u);
+    EXPECT_EQ(status.local_pieces_size, 0u);
+    EXPECT_EQ(status.local_blocks_size, 0u);
+    EXPECT_EQ(status.total_mapped, 0u);
 }
 
 /// An allocator, the bytes that it is to hold, and the fragments that it is to hold mapped.
@@ -49,11 +52,15 @@ struct Pair {
     {
         const size_t told = std::min({length, fragment - at % fragment, bytes.size() - at});
         void* const range = real.GetRangeFromIndex(at, length);
-        ASSERT_TRUE(range != nullptr && length == told && range == real.GetPointerAtIndex(at));
+        ASSERT_NE(range, nullptr);
+        ASSERT_EQ(length, told);
+        ASSERT_EQ(range, real.GetPointerAtIndex(at));
         if (held[current] != at / fragment)
             current = held.size() - 1 - current;
         held[current] = at / fragment;
-        ASSERT_TRUE(is_new || std::memcmp(range, &bytes[at], length) == 0) << at;
+        if (!is_new) {
+            ASSERT_EQ(std::memcmp(range, &bytes[at], length), 0) << at;
+        }
         std::generate_n(&bytes[at], length, [this] { return static_cast<char>(random()); });
         std::memcpy(range, &bytes[at], length);
     }
@@ -96,7 +103,9 @@ struct Pair {
             for (size_t i = 0; const auto& [start, end, is_mapped, info] : infos) {
                 const PagerInfoState& state = *Access::State(info);
                 const bool is_held = std::ranges::count(held, i++) == 1;
-                ASSERT_TRUE(is_held == is_mapped || (is_held && lost)) << start;
+                if (is_mapped || !lost) {
+                    ASSERT_EQ(is_held, is_mapped) << start;
+                }
                 ASSERT_EQ(std::pair(state.map_count, state.ref_count), std::pair(+is_mapped, 1));
                 if (is_mapped && regions.insert(state.mem_info->Owner()).second)
                     status.total_mapped -= state.mem_info->Owner()->Size();
@@ -104,7 +113,9 @@ struct Pair {
             ASSERT_EQ(status.local_pieces_size, bytes.size());
             ASSERT_EQ(status.total_mapped, status.total_cached);
             ASSERT_EQ(Access::HeldAndCurrent(real), std::pair(held, current));
-            ASSERT_TRUE(lost || Access::IsCurrent(real, infos[held[current]]));
+            if (!lost) {
+                ASSERT_TRUE(Access::IsCurrent(real, infos[held[current]]));
+            }
         }
     }
 
@@ -147,15 +158,15 @@ TYPED_TEST_SUITE(Fragments, Kinds);
 
 TYPED_TEST(Fragments, LiveLikeAVector)
 {
-    std::minstd_rand random;
-    const auto below = [&random](size_t bound) { return random() % bound; };
-    for (int life = 0; life < 150; ++life) {
-        TestConfiguration::base_block_size = life % 5 == 0 ? 1 : 65536;
+    ForEachSeed(150, [](unsigned seed) {
+        std::minstd_rand random(seed);
+        const auto below = [&random](size_t bound) { return random() % bound; };
+        TestConfiguration::base_block_size = seed % 5 == 0 ? 1 : 65536;
         const size_t element = 1 + below(9), in_one = 1 + below(8), most = 9 * in_one;
         const auto request = static_cast<unsigned>(element * in_one + below(element));
         Pair<TypeParam> pair(element, 1 + below(most), request);
-        for (int step = 0; step < 60 && !this->HasFailure(); ++step) {
-            SCOPED_TRACE(testing::Message() << "life " << life << ", step " << step);
+        for (int step = 0; step < 60 && !testing::Test::HasFailure(); ++step) {
+            SCOPED_TRACE(step);
             const size_t old = pair.bytes.size(), now = old / element;
             size_t length[] = {0, 1 + below(20), SIZE_MAX}, at = 0;
             for (int i = 0; i < 4; ++i)
@@ -172,11 +183,14 @@ TYPED_TEST(Fragments, LiveLikeAVector)
                 pair.Resized(next * element);
             const bool stays =
                 (at / pair.fragment + 1) * pair.fragment <= std::min(old, pair.bytes.size());
-            EXPECT_TRUE(pair.paged || !stays || pair.real.GetPointerAtIndex(at) == place);
+            if (!pair.paged && stays) {
+                EXPECT_EQ(pair.real.GetPointerAtIndex(at), place);
+            }
             EXPECT_FALSE(pair.real.GetPointerAtIndex(pair.bytes.size() + below(2) * request));
-            EXPECT_FALSE(pair.real.GetRangeFromIndex(SIZE_MAX, length[1]) || length[1] > 20);
+            EXPECT_FALSE(pair.real.GetRangeFromIndex(SIZE_MAX, length[1]));
+            EXPECT_LE(length[1], 20u);
         }
-    }
+    });
 }
 
 TYPED_TEST(Fragments, FailToBeResizedWithAllTheirBytes)
@@ -207,7 +221,8 @@ TYPED_TEST(Fragments, FailToBeResizedWithAllTheirBytes)
                 result = byte == nullptr || *byte == pair.bytes[at] ? result : -2;
             }
         }
-        EXPECT_TRUE(result == 0 || (result == -1 && fired));
+        const bool is_refused = result != 0 && fired;
+        EXPECT_EQ(result, is_refused ? -1 : 0);
         if (result != 0) {
             pair.Failed();
             pair.Use(pair.held[pair.current] * 4000, 1);
@@ -236,8 +251,11 @@ TYPED_TEST(Fragments, CannotBeMadeFromAnyArguments)
         LogCapture log(3);
         TypeParam real(element, elements, request);
         size_t length = 5;
-        EXPECT_FALSE(real.IsValid() || real.GetPointerAtIndex(0) || real.GetPointerAtIndex(1) ||
-                     real.GetRangeFromIndex(0, length) || length != 5);
+        EXPECT_FALSE(real.IsValid());
+        EXPECT_EQ(real.GetPointerAtIndex(0), nullptr);
+        EXPECT_EQ(real.GetPointerAtIndex(1), nullptr);
+        EXPECT_EQ(real.GetRangeFromIndex(0, length), nullptr);
+        EXPECT_EQ(length, 5u);
         EXPECT_EQ(real.Reallocate(1), -1);
         EXPECT_EQ(log.Count(3, "Mem_"), 5);
     }
@@ -280,6 +298,8 @@ TEST(OtherFragments, HaveTheToldSizesAndTheCallersMemory)
     size_t length = 1;
     EXPECT_EQ(dummy.GetRangeFromIndex(5, length), dummy.GetPointerAtIndex(5));
     EXPECT_EQ(dummy.GetPointerAtIndex(5), buffer + 5);
-    EXPECT_TRUE(length == 19 && !dummy.IsValid() && dummy.Reallocate(5) == -1);
+    EXPECT_EQ(length, 19u);
+    EXPECT_FALSE(dummy.IsValid());
+    EXPECT_EQ(dummy.Reallocate(5), -1);
 }
 } // namespace

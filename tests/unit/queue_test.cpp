@@ -3,6 +3,7 @@
 // half-changed, or that std::bad_alloc leaves so; dead ids that keep their memory.
 #include "support/FailingNew.h"
 #include "support/Mem_TestAccess.h"
+#include "support/Seeds.h"
 
 #include <algorithm>
 #include <deque>
@@ -75,33 +76,37 @@ bool MeetsAFailure(MEM_FifoQueue& queue, int id, unsigned n, bool pushes)
 // Ids in turn for a while, which meets each capacity at its first id too many, then at random.
 TEST(Queue, LivesLikeAListAndAllocatesNothingForReservedIds)
 {
-    std::mt19937 random(1);
-    for (const std::new_handler handler : {std::new_handler(Clear), std::new_handler()})
-        for (const unsigned ids : {1u, 3u, 682u, 683u, 1024u, 1536u, 6000u}) {
-            MEM_FifoQueue queue;
-            Model model;
-            g_queue = &queue;
-            std::set_new_handler(handler);
-            for (unsigned step = 0; step < 12000; ++step) {
-                const unsigned long kind = step < 7000 ? 9999 : random() % 5000;
-                const int id = static_cast<int>((step < 7000 ? step : random()) % ids);
-                if (MeetsAFailure(queue, id, 1 + step % 2, kind >= 2000) && handler)
-                    model.Clear();
-                queue.Reserve(id);
-                const auto before = AllocationsOfThisThread();
-                const int result = Act(queue, kind, id);
-                ASSERT_EQ(AllocationsOfThisThread(), before) << step;
-                ASSERT_EQ(result, Act(model, kind, id)) << step;
-                const std::size_t all = model.stretch.size();
-                ASSERT_EQ(Access::WritePosition(queue), (model.read + all) % model.capacity);
-                ASSERT_EQ(Access::Ring(queue).size(), model.capacity) << step;
-                if (step % 16 != 0 && all > 99)
-                    continue;
-                const auto holes = static_cast<std::size_t>(std::ranges::count(model.stretch, -1));
-                ASSERT_TRUE(queue.Validate() && queue.IsEmpty() == (all == holes)) << step;
-                ASSERT_EQ(Access::LiveCount(queue), all - holes) << step;
-            }
+    constexpr unsigned all_ids[] = {1, 3, 682, 683, 1024, 1536, 6000};
+    ForEachSeed(14, [&all_ids](unsigned seed) {
+        std::mt19937 random(seed);
+        const unsigned ids = all_ids[seed % 7];
+        const std::new_handler handler = seed <= 7 ? Clear : nullptr;
+        MEM_FifoQueue queue;
+        Model model;
+        g_queue = &queue;
+        std::set_new_handler(handler);
+        for (unsigned step = 0; step < 12000; ++step) {
+            const unsigned long kind = step < 7000 ? 9999 : random() % 5000;
+            const int id = static_cast<int>((step < 7000 ? step : random()) % ids);
+            if (MeetsAFailure(queue, id, 1 + step % 2, kind >= 2000) && handler)
+                model.Clear();
+            queue.Reserve(id);
+            const auto before = AllocationsOfThisThread();
+            const int result = Act(queue, kind, id);
+            ASSERT_EQ(AllocationsOfThisThread(), before) << step;
+            ASSERT_EQ(result, Act(model, kind, id)) << step;
+            const std::size_t all = model.stretch.size();
+            ASSERT_EQ(Access::WritePosition(queue), (model.read + all) % model.capacity);
+            ASSERT_EQ(Access::Ring(queue).size(), model.capacity) << step;
+            if (step % 16 != 0 && all > 99)
+                continue;
+            const auto holes = static_cast<std::size_t>(std::ranges::count(model.stretch, -1));
+            ASSERT_TRUE(queue.Validate()) << step;
+            ASSERT_EQ(queue.IsEmpty(), all == holes) << step;
+            ASSERT_EQ(Access::LiveCount(queue), all - holes) << step;
         }
+    });
+    std::set_new_handler(nullptr);
 }
 
 TEST(Queue, MillionsOfDeadIdsTakeNoMemory)

@@ -5,6 +5,7 @@
 #include "support/FailingNew.h"
 #include "support/Mem_TestAccess.h"
 #include "support/PagerWorld.h"
+#include "support/Seeds.h"
 
 #include <algorithm>
 #include <array>
@@ -74,7 +75,8 @@ void Compare(const BlockSpaceLogic& real, const Model& model)
     ASSERT_EQ(lines, want.str() + "\n\n");
     u32 size, allocated;
     real.GetStatus(&size, &allocated);
-    ASSERT_TRUE(allocated == model.sum && real.IsUsed() == (allocated != 0));
+    ASSERT_EQ(allocated, model.sum);
+    ASSERT_EQ(real.IsUsed(), allocated != 0);
     ASSERT_EQ(real.LargestFreeChunk(), model.free.empty() ? 0 : model.free.rbegin()->first);
 }
 
@@ -93,37 +95,42 @@ void Allocate(BlockSpaceLogic& real, Model& model, u32 size, u32 to)
     }
     u64 at = 0, want = 0;
     ASSERT_EQ(done, model.Allocate(size, to, &at, &want)) << size << " " << to;
-    ASSERT_EQ(could, done && size > model.lower && size <= model.upper) << size << " " << to;
-    ASSERT_TRUE(!done || (chunk.m_Size == size && chunk.m_Offset == at && actual == want));
+    const bool is_admitted = done && size > model.lower && size <= model.upper;
+    ASSERT_EQ(could, is_admitted) << size << " " << to;
+    const auto got = std::tuple<u64, u64, u64>(chunk.m_Size, chunk.m_Offset, actual);
+    if (done) {
+        ASSERT_EQ(got, std::tuple(u64{size}, at, want));
+    }
 }
 
 TEST(SpaceLogic, LivesLikeTwoSortedVectors)
 {
-    std::mt19937 random(1);
-    const auto below = [&](u64 end) { return static_cast<u32>(random() % end); };
     const u32 alignments[] = {0, 0, 1, 7, 64, 64, 100, 4096, 1u << 31, UINT32_MAX};
-    for (const u32 region : {1u, 5u, 40u, 1000u, 1u << 16, 8u << 20, 3u << 30, UINT32_MAX})
-        for (u32 life = 0; life < 20; ++life) {
-            const u32 sizes[] = {0, 1u << 30, (1u << 30) + 1, UINT32_MAX, region};
-            BlockSpaceLogic real(region);
-            Model model{{{region, 0}}};
-            if (life % 2 == 1)
-                real.SetLimits(model.lower = region / 64, model.upper = region / 8);
-            for (u32 step = 0; step < 300 || !model.allocated.empty(); ++step) {
-                const auto& given = model.allocated;
-                const u32 usual = 1 + below(region / (2u << below(8)) + 1), to = below(10);
-                if (below(100) < (step >= 300 ? 0 : step % 100 < 50 ? 75 : 35))
-                    Allocate(real, model, below(5) ? usual : sizes[below(5)], alignments[to]);
-                else if (!given.empty()) {
-                    const u64 at = std::next(given.begin(), below(given.size()))->first;
-                    ASSERT_TRUE(real.Free(Mem_MemoryChunk(4711, static_cast<u32>(at))));
-                    model.Free(at);
-                }
-                Compare(real, model);
-                ASSERT_FALSE(HasFatalFailure()) << region << " " << life << " " << step;
+    const u32 regions[] = {1, 5, 40, 1000, 1u << 16, 8u << 20, 3u << 30, UINT32_MAX};
+    ForEachSeed(160, [&](unsigned seed) {
+        std::mt19937 random(seed);
+        const auto below = [&](u64 end) { return static_cast<u32>(random() % end); };
+        const u32 region = regions[seed % 8];
+        const u32 sizes[] = {0, 1u << 30, (1u << 30) + 1, UINT32_MAX, region};
+        BlockSpaceLogic real(region);
+        Model model{{{region, 0}}};
+        if (seed / 8 % 2 == 1)
+            real.SetLimits(model.lower = region / 64, model.upper = region / 8);
+        for (u32 step = 0; step < 300 || !model.allocated.empty(); ++step) {
+            const auto& given = model.allocated;
+            const u32 usual = 1 + below(region / (2u << below(8)) + 1), to = below(10);
+            if (below(100) < (step >= 300 ? 0 : step % 100 < 50 ? 75 : 35))
+                Allocate(real, model, below(5) ? usual : sizes[below(5)], alignments[to]);
+            else if (!given.empty()) {
+                const u64 at = std::next(given.begin(), below(given.size()))->first;
+                ASSERT_TRUE(real.Free(Mem_MemoryChunk(4711, static_cast<u32>(at))));
+                model.Free(at);
             }
-            ASSERT_THROW(real.Free(Mem_MemoryChunk(1, 0)), RWBoundsErr);
+            Compare(real, model);
+            ASSERT_FALSE(HasFatalFailure()) << region << " " << step;
         }
+        ASSERT_THROW(real.Free(Mem_MemoryChunk(1, 0)), RWBoundsErr);
+    });
 }
 
 // A heap of nothing but numbers.
@@ -188,19 +195,22 @@ TEST(Heap, ItsBlocksTakeSizesWithinBothLimitsButNotNothing)
 {
     NumberBlock block(1000);
     block.SetChunkSizeRange(0, 20);
-    EXPECT_TRUE(block.CanAllocate(0) == -1 && block.CanAllocate(1) == 0);
+    EXPECT_EQ(block.CanAllocate(0), -1);
+    EXPECT_EQ(block.CanAllocate(1), 0);
     block.SetChunkSizeRange(10, 20);
     for (u32 size = 1; size < 30; ++size)
-        EXPECT_EQ(block.CanAllocate(size), size >= 10 && size <= 20 ? 0 : -1) << size;
+        EXPECT_EQ(block.CanAllocate(size), std::clamp(size, 10u, 20u) == size ? 0 : -1) << size;
 }
 
 TEST(Heap, ChoosesTheBlockThatAWalkOverAllOfThemWould)
 {
     const TestConfiguration::Scope configuration;
     u32& threshold = TestConfiguration::block_size_threshold;
-    std::mt19937 random(1);
-    const auto below = [&](u64 end) { return static_cast<u32>(random() % end); };
-    for (const u32 usual : {2u, 30u, 300u}) { // pieces at a time
+    constexpr u32 pieces_at_a_time[] = {2, 30, 300};
+    ForEachSeed(3, [&](unsigned seed) {
+        std::mt19937 random(seed);
+        const auto below = [&](u64 end) { return static_cast<u32>(random() % end); };
+        const u32 usual = pieces_at_a_time[seed % 3];
         NumberHeap heap;
         std::vector<BaseInfo*> given;
         TestConfiguration::threshold_drift = usual == 30 ? 1 : 0;
@@ -220,6 +230,6 @@ TEST(Heap, ChoosesTheBlockThatAWalkOverAllOfThemWould)
             ASSERT_FALSE(HasFailure()) << usual << " " << step;
         }
         EXPECT_EQ(Mem_TestAccess::Kinds(heap), 0u);
-    }
+    });
 }
 } // namespace

@@ -6,7 +6,7 @@
 
 #include "Mem/Mem_MemFragmentsAllocator.h"
 #include "Mem/Mem_VirtualFragmentsAllocator.h"
-#include "support/Children.h"
+#include "support/Child.h"
 #include "support/FailingPlatform.h"
 #include "support/PagerWorld.h"
 
@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <iostream>
 #include <sstream>
 #include <stdexcept>
 
@@ -58,7 +59,8 @@ TEST(TypedPiece, StaysMappedUntilItsLastGuardGoes)
     auto second = numbers.map_const();
     piece<int> moved = std::move(numbers);
     auto third = std::move(first);
-    EXPECT_TRUE(first.empty() && numbers.empty());
+    EXPECT_TRUE(first.empty());
+    EXPECT_TRUE(numbers.empty());
     third[3] = 7;
     third = mapped<int>();
     EXPECT_EQ(second[3], 7);
@@ -115,29 +117,29 @@ TEST(TypedPiece, TellsWhyItFails)
     }
 }
 
+CHILD_ROLE(ReaderOfAPiece)
+{
+    const std::string bytes(std::istreambuf_iterator<char>(std::cin), {});
+    const auto descriptor = std::as_bytes(std::span(bytes));
+    const foreign<int> copy = foreign<int>(descriptor);
+    CHILD_CHECK(copy.size() == 1000);
+    CHILD_CHECK(copy.map()[999] == 999);
+    std::error_code code;
+    const foreign<std::array<char, 7>> others(descriptor, code); // 4000 bytes aren't whole ones
+    CHILD_CHECK(others.empty());
+    CHILD_CHECK(code == errc::bad_descriptor);
+    return 0;
+}
+
 TEST(TypedPiece, IsReadByAnotherProcess)
 {
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    const pid_t reader = StartChild([&] {
-        char bytes[1024];
-        const ssize_t length = read(ends[0], bytes, sizeof bytes);
-        CHILD_CHECK(length > 0);
-        const auto descriptor = std::as_bytes(std::span(bytes, static_cast<std::size_t>(length)));
-        const foreign<int> copy = foreign<int>(descriptor);
-        CHILD_CHECK(copy.size() == 1000);
-        CHILD_CHECK(copy.map()[999] == 999);
-        std::error_code code;
-        const foreign<std::array<char, 7>> others(descriptor, code); // 4000 bytes aren't whole ones
-        CHILD_CHECK(others.empty() && code == errc::bad_descriptor);
-        return 0;
-    });
     piece<int> numbers(1000);
     std::ranges::generate(numbers.map(), [next = 0]() mutable { return next++; });
     const std::vector<std::byte> descriptor = numbers.descriptor();
-    ASSERT_EQ(write(ends[1], descriptor.data(), descriptor.size()),
-              static_cast<ssize_t>(descriptor.size()));
-    EXPECT_EQ(EndOfChild(reader), 0);
+    Child reader("ReaderOfAPiece");
+    reader.Write({reinterpret_cast<const char*>(descriptor.data()), descriptor.size()});
+    reader.EndInput();
+    EXPECT_EQ(reader.End(), 0);
     LogCapture quiet(3);
     std::error_code own;
     std::error_code short_one;

@@ -5,7 +5,7 @@
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_MemPager.h"
 #include "Platform/Posix/AllocationFailure.h"
-#include "support/Children.h"
+#include "posix/support/Children.h"
 #include "support/FailingNew.h"
 #include "support/PagerWorld.h"
 
@@ -101,8 +101,9 @@ TEST(Reclaim, GivesEveryKindOfAllocationWhatTheCacheHolds)
             FullCache cache(400);
             CHILD_CHECK(cache.MB() == 400);
             void* const memory = give(300 * kMB);
-            CHILD_CHECK(memory != nullptr && std::memset(memory, 1, 299 * kMB));
-            CHILD_CHECK(cache.MB() == 0 && log.Size() == 0);
+            CHILD_CHECK(memory != nullptr);
+            std::memset(memory, 1, 299 * kMB);
+            CHILD_CHECK(cache.MB() == 0, log.Size() == 0);
             std::free(memory);
             return cache.Whole() ? 0 : 2;
         });
@@ -127,7 +128,7 @@ CHILD_TEST(Reclaim, LetsAnOrdinaryProgramGoOnUntilTheCacheIsGoneAndTellsItThen, 
         }
     } catch (const std::bad_alloc&) {
     }
-    CHILD_CHECK(texts.size() * 24000 > 350 * kMB && cache.MB() == 0 && reports == 1);
+    CHILD_CHECK(texts.size() * 24000 > 350 * kMB, cache.MB() == 0, reports == 1);
     return 0;
 }
 
@@ -138,18 +139,18 @@ CHILD_TEST(Reclaim, KeepsTheContractOfAFailureAndTheCacheWhereItCannotHelp, Unde
     volatile std::size_t most = ~std::size_t{0};
     void* untouched = &log;
     errno = 0;
-    CHILD_CHECK(std::malloc(most) == nullptr && errno == ENOMEM);
+    CHILD_CHECK(std::malloc(most) == nullptr, errno == ENOMEM);
     CHILD_CHECK(std::calloc(most / 2, 3) == nullptr);
-    CHILD_CHECK(posix_memalign(&untouched, 24, 100) == EINVAL && untouched == &log);
+    CHILD_CHECK(posix_memalign(&untouched, 24, 100) == EINVAL, untouched == &log);
     // Behind a pointer, since the compiler holds a failed realloc for a free.
     void* (*volatile reallocate)(void*, std::size_t) = std::realloc;
     void* const block = reallocate(std::malloc(100), 200);
-    CHILD_CHECK(reallocate(block, most) == nullptr && cache.MB() == 100);
+    CHILD_CHECK(reallocate(block, most) == nullptr, cache.MB() == 100);
 
     errno = 0;
-    CHILD_CHECK(posix_memalign(&untouched, 64, 900 * kMB) == ENOMEM && untouched == &log);
+    CHILD_CHECK(posix_memalign(&untouched, 64, 900 * kMB) == ENOMEM, untouched == &log);
     CHILD_CHECK(cache.MB() == 0);
-    CHILD_CHECK(reallocate(block, 900 * kMB) == nullptr && errno == ENOMEM);
+    CHILD_CHECK(reallocate(block, 900 * kMB) == nullptr, errno == ENOMEM);
     static_cast<char*>(block)[199] = 1;
     std::free(block);
     CHILD_CHECK(log.Count(2, "clear_cache_handler|\tTried to allocate: 900") == 2);

@@ -1,18 +1,23 @@
 // Hunts, with forked and killed processes: names that outlive their process, or are taken from a
 // living one; promises of memory that end in a signal, of a group's limit too; creation that a
-// timer keeps from getting on; failures that leave something behind.
+// timer keeps from getting on; a reader that can write; a name that leads its opener astray;
+// failures that leave something behind.
 
 #include "Platform/LastError.h"
 #include "Platform/Mappings.h"
-#include "support/Children.h"
+#include "posix/support/Children.h"
 #include "support/Footprint.h"
 #include "support/Leftovers.h"
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
+#include <string>
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 
@@ -47,11 +52,13 @@ bool Fill(void* mapping, std::uint64_t size)
     return view && std::memset(view, 'x', size) && platform.UnmapView(view, size);
 }
 
-bool FailsWith(unsigned long error, std::uint64_t size)
+/// The cause of a refusal that leaves nothing behind; 0 for anything else.
+unsigned long ErrorOf(std::uint64_t size)
 {
     const Footprint before = Footprint::Now();
-    return Make(999, size) == nullptr && Platform::LastError() == error &&
-           Footprint::Now() == before;
+    const bool refused = Make(999, size) == nullptr;
+    const unsigned long error = Platform::LastError();
+    return refused && Footprint::Now() == before ? error : 0;
 }
 
 TEST(RegionsOfProcesses, AreRemovedOnceTheirCreatorIsKilled)
@@ -67,7 +74,7 @@ TEST(RegionsOfProcesses, AreRemovedOnceTheirCreatorIsKilled)
         });
         usleep(2000 + 137 * round);
         EXPECT_EQ(RemoveDead(child), 0) << "it lives";
-        EXPECT_TRUE(kill(child, SIGKILL) == 0 && EndOfChild(child) == -SIGKILL);
+        EXPECT_TRUE(EndByKill(child));
         int seen = 0;
         for (; fs::exists(Path(child, seen)); ++seen)
             ASSERT_EQ(fs::file_size(Path(child, seen)), MiB / 4) << "half made";
@@ -76,20 +83,23 @@ TEST(RegionsOfProcesses, AreRemovedOnceTheirCreatorIsKilled)
             EXPECT_FALSE(fs::exists(Path(child, n))) << n;
     }
     EXPECT_GT(leftovers, 0);
-    EXPECT_TRUE(fs::exists(Path(getpid(), 0)) && platform.CloseMapping(own));
+    EXPECT_TRUE(fs::exists(Path(getpid(), 0)));
+    EXPECT_TRUE(platform.CloseMapping(own));
 }
 
 TEST(RegionsOfProcesses, GoWithTheirMakerAndStayWithItsChildren)
 {
     void* regions[] = {Make(0, 1), Make(1, 1)};
     const pid_t maker = StartChild([&] {
-        CHILD_CHECK(platform.CloseMapping(regions[1]) && Make(5, 1) != nullptr);
+        CHILD_CHECK(platform.CloseMapping(regions[1]), Make(5, 1) != nullptr);
         std::exit(0);
     });
     EXPECT_EQ(EndOfChild(maker), 0);
     EXPECT_FALSE(fs::exists(Path(maker, 5)));
-    for (int n : {0, 1})
-        EXPECT_TRUE(fs::exists(Path(getpid(), n)) && platform.CloseMapping(regions[n])) << n;
+    for (int n : {0, 1}) {
+        EXPECT_TRUE(fs::exists(Path(getpid(), n))) << n;
+        EXPECT_TRUE(platform.CloseMapping(regions[n])) << n;
+    }
 
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
@@ -99,7 +109,8 @@ TEST(RegionsOfProcesses, GoWithTheirMakerAndStayWithItsChildren)
         return 0;
     });
     EXPECT_EQ(EndOfChild(parent), 0);
-    EXPECT_TRUE(RemoveDead(parent) == 0 && fs::exists(Path(parent, 0)));
+    EXPECT_TRUE(RemoveDead(parent) == 0);
+    EXPECT_TRUE(fs::exists(Path(parent, 0)));
     close(ends[1]);
     for (; fs::exists(Path(parent, 0)); RemoveDead(parent))
         usleep(100); // its end isn't ours to wait for
@@ -114,15 +125,15 @@ CHILD_TEST(RegionsOfProcesses, MeetATimerAndLimits, InChild)
     void* region = Make(0, 256 * MiB);
     CHILD_CHECK(region != nullptr);
     Limit(RLIMIT_FSIZE, MiB);
-    CHILD_CHECK(FailsWith(EFBIG, MiB + 1)); // or SIGXFSZ
+    CHILD_CHECK(ErrorOf(MiB + 1) == EFBIG); // or SIGXFSZ
     Limit(RLIMIT_AS, MiB);                  // less than there is already
-    CHILD_CHECK(platform.MapView(region, 0, MiB) == nullptr && Platform::LastError() == ENOMEM);
+    CHILD_CHECK(platform.MapView(region, 0, MiB) == nullptr, Platform::LastError() == ENOMEM);
     const bool made = Make(1, MiB) != nullptr;
     Limit(RLIMIT_AS, RLIM_INFINITY);
-    CHILD_CHECK(!made && Platform::LastError() == ENOMEM);
-    CHILD_CHECK(Footprint::Now().names == 1 && Footprint::Now().maps == 1);
+    CHILD_CHECK(!made, Platform::LastError() == ENOMEM);
+    CHILD_CHECK(Footprint::Now().names == 1, Footprint::Now().maps == 1);
     Limit(RLIMIT_NOFILE, 0);
-    CHILD_CHECK(Make(1, MiB) == nullptr && Platform::LastError() == EMFILE);
+    CHILD_CHECK(Make(1, MiB) == nullptr, Platform::LastError() == EMFILE);
     return platform.CloseMapping(region) ? 0 : 2;
 }
 
@@ -130,12 +141,44 @@ CHILD_TEST(RegionsOfProcesses, MeetAFullABarredAndAMissingFolder, InChildAmongOw
 {
     CHILD_CHECK(Mount("tmpfs", "/dev/shm", "size=16m"));
     void* regions[] = {Make(0, 7 * MiB), Make(1, 7 * MiB)};
-    CHILD_CHECK(FailsWith(ENOSPC, 7 * MiB));
-    for (void* region : regions)
-        CHILD_CHECK(Fill(region, 7 * MiB) && platform.CloseMapping(region));
-    CHILD_CHECK(Mount("tmpfs", "/dev/shm", "", MS_RDONLY) && FailsWith(EROFS, 1));
-    CHILD_CHECK(Mount("tmpfs", "/dev") && Make(0, 1) == nullptr);
+    CHILD_CHECK(ErrorOf(7 * MiB) == ENOSPC);
+    for (void* region : regions) {
+        CHILD_CHECK(Fill(region, 7 * MiB), platform.CloseMapping(region));
+    }
+    CHILD_CHECK(Mount("tmpfs", "/dev/shm", "", MS_RDONLY));
+    CHILD_CHECK(ErrorOf(1) == EROFS);
+    CHILD_CHECK(Mount("tmpfs", "/dev"), Make(0, 1) == nullptr);
     return Platform::LastError() == ENOENT ? 0 : 2;
+}
+
+// Whatever bears the name, an opener neither waits at it nor follows it.
+TEST(RegionsOfProcesses, AreNeitherPipesNorLinks)
+{
+    for (const bool is_pipe : {true, false}) {
+        const std::string path = Path(getpid(), 3);
+        EXPECT_EQ(is_pipe ? mkfifo(path.c_str(), 0644) : symlink("/etc/passwd", path.c_str()), 0);
+        EXPECT_EQ(platform.OpenMapping(Name(getpid(), "3").c_str(), ""), nullptr) << is_pipe;
+        EXPECT_TRUE(fs::remove(path));
+    }
+}
+
+TEST(RegionsOfProcesses, CanBeReadByAllButNotWritten)
+{
+    void* const region = Make(0, 1);
+    for (const bool by_another_user : {false, true})
+        EXPECT_EQ(-SIGSEGV, InChild([&] {
+            if (by_another_user)
+                CHILD_CHECK(GiveUpRights());
+            void* const opened = platform.OpenMapping(Name(getppid(), "0").c_str(), "");
+            auto* const view = static_cast<volatile char*>(platform.MapView(opened, 0, 1));
+            CHILD_CHECK(view != nullptr);
+            CHILD_CHECK(*view == 0);
+            CHILD_CHECK(mprotect(const_cast<char*>(view), 1, PROT_READ | PROT_WRITE) != 0);
+            std::signal(SIGSEGV, SIG_DFL); // no sanitizer's
+            *view = 1;
+            return 0;
+        }));
+    EXPECT_TRUE(platform.CloseMapping(region));
 }
 
 } // namespace

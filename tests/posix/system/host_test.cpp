@@ -6,7 +6,7 @@
 #include "Mem/Mem_MemPager.h"
 #include "Platform/LastError.h"
 #include "Platform/Posix/AllocationFailure.h"
-#include "support/Children.h"
+#include "posix/support/Children.h"
 #include "support/Footprint.h"
 #include "support/PagerWorld.h"
 
@@ -17,6 +17,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstring>
+#include <filesystem>
 #include <iterator>
 #include <random>
 #include <vector>
@@ -34,20 +35,11 @@ namespace
 {
 namespace fs = std::filesystem;
 
-/// Has all pieces from now on in temp files, or in shared memory.
-void Configure(unsigned swap_mb)
-{
-    MEM_MemoryConfiguration_FileHeapParemeters files{"/var/tmp", 64, 10240, 0};
-    MEM_MemoryConfiguration::GetInstance()->SetFileHeapParmeters(files);
-    MEM_MemoryConfiguration::GetInstance()->SetSwapMaxSizeInMb(swap_mb);
-}
-
 struct Piece {
-    explicit Piece(unsigned size = 3 << 20)
-        : made(MEM_MemPager::GetHandle()->Allocate(size, &info, 0) == 0)
+    Piece()
     {
-        if (made)
-            std::memset(info.Ptr(), 'x', size);
+        if (MEM_MemPager::GetHandle()->Allocate(3 << 20, &info, 0) == 0)
+            std::memset(info.Ptr(), 'x', 3 << 20);
     }
     bool GoesAndComesBack()
     {
@@ -59,7 +51,6 @@ struct Piece {
         return std::all_of(bytes, bytes + info.Size(), [](char byte) { return byte == 'x'; });
     }
     MEM_PagerInfo info;
-    const bool made;
 };
 
 /// A file of the host's with a text in it.
@@ -87,7 +78,7 @@ CHILD_TEST(AHost, MayHaveClosedItsStandardStreams, InChild)
     MEM_MemPager::GetHandle()->Allocate(0, &none, 0); // writes a line
     for (const int stream : {0, 1, 2})
         CHILD_CHECK(fcntl(stream, F_GETFD) == -1);
-    return piece.made && piece.GoesAndComesBack() ? 0 : 2;
+    return piece.GoesAndComesBack() ? 0 : 2;
 }
 
 CHILD_TEST(AHost, MayCloseAllDescriptors, InChild)
@@ -97,7 +88,7 @@ CHILD_TEST(AHost, MayCloseAllDescriptors, InChild)
     close_range(3, ~0u, 0);
     HostFile files[4];
     CHILD_CHECK(files[0].descriptor == 3);
-    CHILD_CHECK(piece.made && piece.GoesAndComesBack());
+    CHILD_CHECK(piece.GoesAndComesBack());
     piece.info = {};
     for (const HostFile& file : files)
         CHILD_CHECK(file.IsWhole());
@@ -126,16 +117,16 @@ int LiveWithoutPages()
     {
         const Footprint none = Footprint::Now();
         Piece piece;
-        CHILD_CHECK(piece.made && Footprint::Now().descriptors == none.descriptors + 1);
+        CHILD_CHECK(Footprint::Now().descriptors == none.descriptors + 1);
         CHILD_CHECK(piece.GoesAndComesBack());
         for (const auto& entry : fs::directory_iterator("/dev/shm"))
             fs::remove(entry);
         CHILD_CHECK(piece.GoesAndComesBack());
         close_range(3, ~0u, 0);
         const HostFile file;
-        CHILD_CHECK(!piece.GoesAndComesBack() && Platform::LastError() == EBADF);
+        CHILD_CHECK(!piece.GoesAndComesBack(), Platform::LastError() == EBADF);
         piece.info = {};
-        CHILD_CHECK(file.IsWhole() && close(file.descriptor) == 0);
+        CHILD_CHECK(file.IsWhole(), close(file.descriptor) == 0);
     }
     const Footprint before = Footprint::Now();
     Limit(RLIMIT_NOFILE, 20);
@@ -206,13 +197,13 @@ CHILD_TEST(AHost, MayTakeTheRightToItsNamesAway, InChildAmongOwnMounts)
     for (const mode_t mode : {0555u, 0u}) { // a name that won't go, one that can't be looked at
         const int code = InChild([mode] {
             Piece piece;
-            CHILD_CHECK(piece.made && chmod("/dev/shm", mode) == 0 && seteuid(65534) == 0);
+            CHILD_CHECK(chmod("/dev/shm", mode) == 0, seteuid(65534) == 0);
             piece.info = {};
-            CHILD_CHECK(seteuid(0) == 0 && Footprint::Now().names == 1);
+            CHILD_CHECK(seteuid(0) == 0, Footprint::Now().names == 1);
             std::exit(0);
             return 2;
         });
-        CHILD_CHECK(code == 0 && fs::is_empty("/dev/shm"));
+        CHILD_CHECK(code == 0, fs::is_empty("/dev/shm"));
     }
     return 0;
 }
@@ -255,7 +246,7 @@ int CancelThreads(unsigned seed)
             pthread_join(thread, nullptr);
     }
     Piece piece;
-    return piece.made && piece.GoesAndComesBack() ? 0 : 2;
+    return piece.GoesAndComesBack() ? 0 : 2;
 }
 
 TEST(AHost, MayCancelInTheMidst)
@@ -271,10 +262,9 @@ void* LiveOnASmallStack(void* result)
 {
     Piece piece;
     MEM_PagerInfo none;
-    const bool lives = piece.made && piece.GoesAndComesBack();
+    const bool lives = piece.GoesAndComesBack();
     Configure(0);
-    Piece in_a_file;
-    const bool lives_in_a_file = in_a_file.made && in_a_file.GoesAndComesBack();
+    const bool lives_in_a_file = Piece().GoesAndComesBack();
     const bool refuses = MEM_MemPager::GetHandle()->Allocate(~0u, &none, 0) == -1;
     MEM_MemPager::GetHandle()->PrintSharedMemoryStatus();
     *static_cast<bool*>(result) = lives && lives_in_a_file && refuses;

@@ -5,9 +5,10 @@
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_MemPager.h"
-#include "support/Children.h"
+#include "posix/support/Children.h"
 #include "support/FailingPlatform.h"
 #include "support/PagerWorld.h"
+#include "support/ThisProcess.h"
 
 #include <gtest/gtest.h>
 
@@ -23,26 +24,9 @@ namespace
 namespace fs = std::filesystem;
 constexpr unsigned MiB = 1 << 20;
 
-/// Two folders on a disk, if /var/tmp is on one.
-struct Folders {
-    ~Folders() { fs::remove_all(path); }
-    std::string First() const { return path + std::string("/first"); }
-    std::string Second() const { return path + std::string("/second"); }
-    char path[30] = "/var/tmp/mempager_test_XXXXXX";
-    const bool made = mkdtemp(path) != nullptr && fs::create_directory(First()) &&
-                      fs::create_directory(Second()) && chmod(path, 0777) == 0;
-};
-
 long Count(const std::string& folder)
 {
     return std::distance(fs::directory_iterator(folder), {});
-}
-
-void Configure(unsigned swap_mb, const std::string& temp, unsigned file_mb = 64)
-{
-    MEM_MemoryConfiguration_FileHeapParemeters files{temp.c_str(), file_mb, 10240, 0};
-    MEM_MemoryConfiguration::GetInstance()->SetFileHeapParmeters(files);
-    MEM_MemoryConfiguration::GetInstance()->SetSwapMaxSizeInMb(swap_mb);
 }
 
 struct Pieces : std::list<MEM_PagerInfo> {
@@ -65,32 +49,33 @@ bool Die(int count)
 }
 
 /// Regions, temp files and spare files made in one folder, of which the process then leaves.
-int StayIn(const Folders& folders, unsigned swap_mb, bool by_environment)
+int StayIn(const std::string& first, const std::string& second, unsigned swap_mb,
+           bool by_environment)
 {
-    CHILD_CHECK(chdir(folders.First().c_str()) == 0);
+    CHILD_CHECK(chdir(first.c_str()) == 0);
     if (by_environment)
         setenv("TEMP", ".", 1);
     Configure(swap_mb, by_environment ? "" : "./");
     {
         Pieces pieces;
         CHILD_CHECK(pieces.Add(8 * MiB));
-        CHILD_CHECK(chdir(folders.Second().c_str()) == 0);
+        CHILD_CHECK(chdir(second.c_str()) == 0);
         CHILD_CHECK(pieces.Add(8 * MiB, 9));
-        CHILD_CHECK(Count(folders.First()) > 1);
+        CHILD_CHECK(Count(first) > 1);
     }
-    CHILD_CHECK(Count(folders.First()) == 0);
-    CHILD_CHECK(Count(folders.Second()) == 0);
+    CHILD_CHECK(Count(first) == 0);
+    CHILD_CHECK(Count(second) == 0);
     return 0;
 }
 
 TEST(ARelativeTempFolder, StaysTheOneThatItWas)
 {
-    const Folders folders;
+    const TempFolder first, second;
     for (const bool by_environment : {true, false})
         for (const unsigned swap_mb : {0u, 1500u}) { // temp files, spare files
             const int code = InChildAmongOwnMounts([&] {
                 CHILD_CHECK(Mount("tmpfs", "/dev/shm", "size=10m"));
-                return StayIn(folders, swap_mb, by_environment);
+                return StayIn(first.path, second.path, swap_mb, by_environment);
             });
             SKIP_IF_NOT_PERMITTED(code);
             EXPECT_EQ(code, 0) << by_environment << ", shared memory: " << swap_mb;
@@ -110,7 +95,7 @@ struct Makings final : ForwardingMappings {
 
 TEST(ATempFileThatCannotBe, IsRefusedByItsLimitBeforeItIsMade)
 {
-    const Folders folders;
+    const TempFolder folder;
     const struct {
         unsigned file_mb, region_mb;
         const char* limit;
@@ -120,7 +105,7 @@ TEST(ATempFileThatCannotBe, IsRefusedByItsLimitBeforeItIsMade)
         EXPECT_EQ(InChild([&] {
                       const Makings makings;
                       LogCapture log(3);
-                      Configure(0, folders.First(), now.file_mb);
+                      Configure(0, folder.path, now.file_mb);
                       MEM_MemoryConfiguration::GetInstance()->SetBaseBlockSize(now.region_mb);
                       CHILD_CHECK(!Pieces().Add(1000));
                       CHILD_CHECK(makings.count == 0);

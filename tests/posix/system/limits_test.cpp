@@ -6,14 +6,16 @@
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_MemPager.h"
 #include "Zor/Zor_Buffer.h"
-#include "support/Children.h"
+#include "posix/support/Children.h"
 #include "support/Footprint.h"
 #include "support/PagerWorld.h"
+#include "support/ThisProcess.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <list>
 #include <numeric>
 #include <random>
@@ -26,26 +28,6 @@ namespace
 {
 namespace fs = std::filesystem;
 constexpr unsigned MiB = 1 << 20;
-
-/// A folder on a disk, if /var/tmp is on one.
-struct Temp {
-    ~Temp()
-    {
-        umount2(path, MNT_DETACH);
-        fs::remove_all(path);
-    }
-    char path[30] = "/var/tmp/mempager_test_XXXXXX";
-    const bool made = mkdtemp(path) != nullptr && chmod(path, 0777) == 0;
-};
-
-/// The temp files keep the settings that they find when the process first allocates.
-void Configure(unsigned swap_mb, const std::string& temp = "")
-{
-    MEM_MemoryConfiguration_FileHeapParemeters files{temp.c_str(), 64, 10240, 0};
-    MEM_MemoryConfiguration::GetInstance()->SetFileHeapParmeters(files);
-    MEM_MemoryConfiguration::GetInstance()->SetSwapMaxSizeInMb(swap_mb);
-    MEM_MemoryConfiguration::GetInstance()->SetCacheSize(20);
-}
 
 /// How many names in a folder hold `part`.
 long Count(const std::string& folder, const std::string& part)
@@ -124,8 +106,9 @@ int Life(unsigned swap_mb, const std::string& temp, bool is_seen = true)
         return 0;
     });
     Pieces pieces;
-    CHILD_CHECK(pieces.Add(8 * MiB, 8) && pieces.Live(60) && pieces.Add(8 * MiB, 8));
-    CHILD_CHECK((Count(temp, "TempFile") == 0) == (swap_mb > 1000));
+    CHILD_CHECK(pieces.Add(8 * MiB, 8), pieces.Live(60), pieces.Add(8 * MiB, 8));
+    const bool needs_files = swap_mb <= 1000;
+    CHILD_CHECK((Count(temp, "TempFile") > 0) == needs_files);
     for (Piece& piece : pieces) {
         Zor_oBuffer out;
         MEM_MemPager::GetHandle()->StreamMemInfo(piece.info, out);
@@ -134,14 +117,14 @@ int Life(unsigned swap_mb, const std::string& temp, bool is_seen = true)
         CHILD_CHECK(write(ends[1], &now, sizeof now) > 0);
     }
     close(ends[1]);
-    CHILD_CHECK(EndOfChild(reader) == (is_seen ? 0 : 3) && pieces.Whole());
+    CHILD_CHECK(EndOfChild(reader) == (is_seen ? 0 : 3), pieces.Whole());
     pieces.clear();
     return Names(getpid(), temp) == 0 ? 0 : 2;
 }
 
 CHILD_TEST(PagerAtItsLimits, KeepsBothKindsOfMemorySideBySide, InChild)
 {
-    return Life(30, Temp().path);
+    return Life(30, TempFolder().path);
 }
 
 TEST(PagerAtItsLimits, LiesOnADiskWhereSharedMemoryIsSpoiled)
@@ -157,7 +140,7 @@ TEST(PagerAtItsLimits, LiesOnADiskWhereSharedMemoryIsSpoiled)
                  {"/dev", ""}};
     for (const auto& now : cases)
         for (const unsigned swap_mb : {1500u, 0u}) {
-            const Temp temp;
+            const TempFolder temp;
             const int code = InChildAmongOwnMounts([&] {
                 CHILD_CHECK(Mount("tmpfs", now.where, now.options, now.flags));
                 return Life(swap_mb, temp.path, now.takes_names || swap_mb != 0);
@@ -169,8 +152,8 @@ TEST(PagerAtItsLimits, LiesOnADiskWhereSharedMemoryIsSpoiled)
 
 CHILD_TEST(PagerAtItsLimits, IsRefusedOnceTheDiskIsFullToo, InChildAmongOwnMounts)
 {
-    const Temp temp;
-    const std::string folder = temp.path, make = " && truncate -s 100M disk && mkfs.ext4 -q disk";
+    const TempFolder temp;
+    const std::string &folder = temp.path, make = " && truncate -s 100M disk && mkfs.ext4 -q disk";
     if (std::system(("cd " + folder + make + " && mount -o loop disk " + folder).c_str()) != 0)
         return not_permitted;
     CHILD_CHECK(Mount("tmpfs", "/dev/shm", "size=16m"));
@@ -179,19 +162,19 @@ CHILD_TEST(PagerAtItsLimits, IsRefusedOnceTheDiskIsFullToo, InChildAmongOwnMount
     Pieces pieces;
     while (pieces.Add(3 * MiB)) {
     }
-    CHILD_CHECK(pieces.size() > 20 && log.Count(5, "SwapMapInfo::AllocateSwap|") > 0);
+    CHILD_CHECK(pieces.size() > 20, log.Count(5, "SwapMapInfo::AllocateSwap|") > 0);
     const std::string told = "MEM_MemPager::Allocate|\tA limit stands in the way: ";
     CHILD_CHECK(log.Count(3, told + "/dev/shm of 16 MB, 7 MB left; the temp folder's disk of 8") ==
                 1);
     Configure(0);
-    CHILD_CHECK(!pieces.Add(9 * MiB) && !pieces.Add(9 * MiB) && pieces.Whole());
-    CHILD_CHECK(log.Count(3, told + "the temp folder's disk, 0 MB") == 1 &&
-                log.Count(3, told) == 2);
+    CHILD_CHECK(!pieces.Add(9 * MiB), !pieces.Add(9 * MiB), pieces.Whole());
+    CHILD_CHECK(log.Count(3, told + "the temp folder's disk, 0 MB") == 1, log.Count(3, told) == 2);
     pieces.clear(); // and the room comes back
-    CHILD_CHECK(pieces.Add(3 * MiB, 14) && !pieces.Add(9 * MiB) && pieces.Whole());
+    CHILD_CHECK(pieces.Add(3 * MiB, 14), !pieces.Add(9 * MiB), pieces.Whole());
     CHILD_CHECK(log.Count(3, told + "a temp file of at least 64 MB, for which ") == 1);
     pieces.clear();
-    return Names(getpid(), folder) == 0 ? 0 : 2;
+    CHILD_CHECK(Names(getpid(), folder) == 0, umount2(folder.c_str(), MNT_DETACH) == 0);
+    return 0;
 }
 
 /// A control group below that of this process, if the system permits it.
@@ -217,7 +200,7 @@ TEST(PagerAtItsLimits, LiesOnADiskBeforeItsGroupKillsIt)
 {
     const Group group(100 * MiB);
     SKIP_IF_NOT_PERMITTED(group.made ? 0 : not_permitted);
-    const Temp temp;
+    const TempFolder temp;
     pid_t children[3];
     for (pid_t& child : children)
         child = StartChild([&] {
@@ -232,7 +215,7 @@ TEST(PagerAtItsLimits, LetsManyShareAGroup)
 {
     const Group group(200 * MiB);
     SKIP_IF_NOT_PERMITTED(group.made ? 0 : not_permitted);
-    const Temp temp;
+    const TempFolder temp;
     int start[2];
     ASSERT_EQ(pipe(start), 0);
     pid_t children[24];
@@ -241,7 +224,7 @@ TEST(PagerAtItsLimits, LetsManyShareAGroup)
             char byte = 0;
             Configure(1500, temp.path);
             Pieces pieces;
-            CHILD_CHECK(group.Enter() && close(start[1]) == 0 && read(start[0], &byte, 1) == 0);
+            CHILD_CHECK(group.Enter(), close(start[1]) == 0, read(start[0], &byte, 1) == 0);
             CHILD_CHECK(pieces.Add(8 * MiB, 4));
             return pieces.Whole() ? 0 : 2;
         });
@@ -257,12 +240,13 @@ TEST(PagerAtItsLimits, SeesTheGroupThatItWasMovedTo)
 {
     const Group group(60 * MiB);
     SKIP_IF_NOT_PERMITTED(group.made ? 0 : not_permitted);
-    const Temp temp;
+    const TempFolder temp;
     EXPECT_EQ(0, InChild([&] {
                   Configure(1500, temp.path);
                   Pieces pieces;
-                  CHILD_CHECK(pieces.Add(8 * MiB, 2) && group.Enter() && pieces.Add(8 * MiB, 9));
-                  return Count(temp.path, "NorvaneMemoryBlock") > 2 && pieces.Whole() ? 0 : 2;
+                  CHILD_CHECK(pieces.Add(8 * MiB, 2), group.Enter(), pieces.Add(8 * MiB, 9));
+                  CHILD_CHECK(Count(temp.path, "NorvaneMemoryBlock") > 2);
+                  return pieces.Whole() ? 0 : 2;
               }));
 }
 
@@ -275,7 +259,7 @@ pid_t StartNamesake(Body body)
 
 CHILD_TEST(PagerAtItsLimits, CleansUpAfterTheDeadAlone, InChildAmongOwnMounts)
 {
-    const Temp temp;
+    const TempFolder temp;
     int ends[2], leftovers = 0;
     char byte = 0;
     CHILD_CHECK(Mount("tmpfs", "/dev/shm", "size=64m"));
@@ -283,17 +267,17 @@ CHILD_TEST(PagerAtItsLimits, CleansUpAfterTheDeadAlone, InChildAmongOwnMounts)
     Configure(90, temp.path);
     const pid_t living = StartNamesake([&] { // ends without a clean-up
         Pieces& pieces = *new Pieces;
-        CHILD_CHECK(pieces.Add(8 * MiB, 16) && write(ends[1], &byte, 1) == 1);
+        CHILD_CHECK(pieces.Add(8 * MiB, 16), write(ends[1], &byte, 1) == 1);
         const long names = Names(1, temp.path);
         pollfd word{ends[1], POLLIN, 0}; // the first of a namespace gets no alarm
-        CHILD_CHECK(poll(&word, 1, 60000) == 1 && Names(1, temp.path) == names);
+        CHILD_CHECK(poll(&word, 1, 60000) == 1, Names(1, temp.path) == names);
         return pieces.Whole() ? 0 : 2;
     });
-    CHILD_CHECK(read(ends[0], &byte, 1) == 1 && Count(temp.path, "TempFile") > 0);
+    CHILD_CHECK(read(ends[0], &byte, 1) == 1, Count(temp.path, "TempFile") > 0);
     for (useconds_t round = 0; round < 60; ++round) {
         const pid_t child = StartChild([] { return Pieces().Live(-1) ? 2 : 3; });
         usleep(3000 + round * 5003 % 101000);
-        CHILD_CHECK(kill(child, SIGKILL) == 0 && EndOfChild(child) == -SIGKILL);
+        CHILD_CHECK(EndByKill(child));
         leftovers += Names(child, temp.path) != 0 ? 1 : 0;
     }
     CHILD_CHECK(leftovers > 30);
@@ -301,19 +285,20 @@ CHILD_TEST(PagerAtItsLimits, CleansUpAfterTheDeadAlone, InChildAmongOwnMounts)
                     Pieces pieces;
                     return pieces.Add(8 * MiB, 16) ? 0 : 2;
                 })));
-    CHILD_CHECK(write(ends[0], &byte, 1) == 1 && EndOfChild(living) == 0);
-    CHILD_CHECK(Names(1, temp.path) > 12 && Count(temp.path, "") > 4);
+    CHILD_CHECK(write(ends[0], &byte, 1) == 1, EndOfChild(living) == 0);
+    CHILD_CHECK(Names(1, temp.path) > 12, Count(temp.path, "") > 4);
     CHILD_CHECK(0 == EndOfChild(StartNamesake([] { // each region takes its part of the clean-up
                     for (int round = 0; round < 100; ++round)
                         CHILD_CHECK(Pieces().Add(4));
                     return 0;
                 })));
-    return fs::is_empty("/dev/shm") && fs::is_empty(temp.path) ? 0 : 2;
+    CHILD_CHECK(fs::is_empty("/dev/shm"));
+    return fs::is_empty(temp.path) ? 0 : 2;
 }
 
 CHILD_TEST(PagerAtItsLimits, NeedsFewDescriptorsAndNoNames, InChildAmongOwnMounts)
 {
-    const Temp temp;
+    const TempFolder temp;
     CHILD_CHECK(Mount("tmpfs", "/dev/shm"));
 #ifdef MEMPAGER_CHECK_INVARIANTS
     constexpr int count = 1000; // each call looks at all of them
@@ -324,29 +309,32 @@ CHILD_TEST(PagerAtItsLimits, NeedsFewDescriptorsAndNoNames, InChildAmongOwnMount
     MEM_MemoryConfiguration::GetInstance()->SetBaseBlockSize(0);
     Limit(RLIMIT_NOFILE, 50);
     Pieces pieces;
-    CHILD_CHECK(pieces.Add(65536, count) && Count(temp.path, "TempFile") > 0);
+    CHILD_CHECK(pieces.Add(65536, count), Count(temp.path, "TempFile") > 0);
     for (const auto& entry : fs::directory_iterator("/dev/shm"))
         fs::remove(entry);
     fs::remove_all(temp.path);
     LogCapture log(5);
-    CHILD_CHECK(pieces.Whole() && !pieces.Add(90 * MiB) &&
-                log.Count(3, "MEM_MemPager::Allocate|\tA") == 1);
-    CHILD_CHECK(fs::create_directory(temp.path) && pieces.Add(90 * MiB));
+    CHILD_CHECK(pieces.Whole(), !pieces.Add(90 * MiB));
+    CHILD_CHECK(log.Count(3, "MEM_MemPager::Allocate|\tA") == 1);
+    CHILD_CHECK(fs::create_directory(temp.path), pieces.Add(90 * MiB));
     pieces.clear();
-    return fs::is_empty("/dev/shm") && fs::is_empty(temp.path) ? 0 : 2;
+    CHILD_CHECK(fs::is_empty("/dev/shm"));
+    return fs::is_empty(temp.path) ? 0 : 2;
 }
 
 TEST(PagerAtItsLimits, TakesTheTempFolderItIsTold)
 {
-    const Temp temp;
-    const std::string folder = temp.path, barred = folder + "/barred", missing = folder + "/none";
-    ASSERT_TRUE(fs::create_directory(barred) && chmod(barred.c_str(), 0500) == 0);
+    const TempFolder temp;
+    const std::string &folder = temp.path, barred = folder + "/barred", missing = folder + "/none";
+    ASSERT_TRUE(fs::create_directory(barred));
+    ASSERT_TRUE(chmod(barred.c_str(), 0500) == 0);
     const std::pair<std::string, std::string> told_and_taken[] = {
         {"unset", "/var/tmp"},  {"", "/var/tmp"}, {".", folder}, {folder, folder},
         {folder + "/", folder}, {missing, ""},    {barred, ""}};
     for (const auto& [told, taken] : told_and_taken)
         EXPECT_EQ(0, InChild([&, &told = told, &taken = taken] {
-                      CHILD_CHECK(chdir(temp.path) == 0 && (setuid(65534) == 0 || getuid() != 0));
+                      CHILD_CHECK(chdir(folder.c_str()) == 0);
+                      CHILD_CHECK(GiveUpRights());
                       told == "unset" ? unsetenv("TEMP") : setenv("TEMP", told.data(), 1);
                       Configure(0);
                       LogCapture log(5);

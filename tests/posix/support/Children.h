@@ -1,18 +1,15 @@
 #ifndef SUPPORT_CHILDREN_H
 #define SUPPORT_CHILDREN_H
 
-#include <cstdio>
+#include "support/Child.h"
+
+#include <csignal>
 
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-/// Ends the body of a child with 1, after telling what went wrong.
-#define CHILD_CHECK(condition)                                                                     \
-    if (!(condition))                                                                              \
-    return std::fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #condition), 1
 
 /// Starts a child whose body gives its exit code. It ends without the clean-up of a normal exit
 /// unless the body calls exit() itself. One that hangs, or that a failed test left behind, ends
@@ -34,6 +31,18 @@ inline int EndOfChild(pid_t child)
     int status = 0;
     waitpid(child, &status, 0);
     return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+/// Kills a child. @return whether that ended it.
+inline bool EndByKill(pid_t child)
+{
+    return kill(child, SIGKILL) == 0 && EndOfChild(child) == -SIGKILL;
+}
+
+/// Gives up root's rights. @return whether there are none then.
+inline bool GiveUpRights()
+{
+    return setuid(65534) == 0 || getuid() != 0;
 }
 
 template <class Body>

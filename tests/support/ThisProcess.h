@@ -1,0 +1,46 @@
+#ifndef SUPPORT_THISPROCESS_H
+#define SUPPORT_THISPROCESS_H
+
+#include "Platform/Inspection.h"
+#include "Platform/Process.h"
+
+#include <filesystem>
+#include <string>
+
+inline long OwnId()
+{
+    return Platform::Process::Get().ProcessId();
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool is_sanitized = true;
+#else
+inline constexpr bool is_sanitized = false;
+#endif
+
+/// A new folder where temp files go, for all users, gone with this object.
+class TempFolder
+{
+public:
+    TempFolder()
+    {
+        std::filesystem::create_directory(path);
+        std::filesystem::permissions(path, std::filesystem::perms::all);
+    }
+    ~TempFolder()
+    {
+        std::error_code stays;
+        std::filesystem::remove_all(path, stays);
+    }
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+
+    const std::string path = Platform::Inspection::Get().DefaultTempFolder() +
+                             std::string("/mempager_test_") + std::to_string(OwnId()) + "_" +
+                             std::to_string(s_made++);
+
+private:
+    inline static int s_made = 0;
+};
+
+#endif
