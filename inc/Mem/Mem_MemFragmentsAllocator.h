@@ -42,7 +42,7 @@ struct Mem_MemFragmentInfo {
 /// A fragment that can't be mapped, for want of address space even after the cache was given up,
 /// is null, and so is every other fragment that isn't mapped from then on, until a Reallocate()
 /// has mapped its last ones again; the fragment in use goes on working. No byte is lost by it.
-/// After a Reallocate() that failed and found no room to map the old fragments either, every access
+/// After a Reallocate() that failed and couldn't map the old fragments again either, every access
 /// maps what it can, and gives up the other mapping if that helps: until a Reallocate() succeeds,
 /// only the latest pointer is sure to be good.
 ///
@@ -97,6 +97,7 @@ public:
 private:
     friend struct Mem_TestAccess;
     friend struct Mem_FragmentsResize;
+    friend class Mem_MappedFragments;
 
     static constexpr size_t kNone = static_cast<size_t>(-1);
 
@@ -121,9 +122,6 @@ private:
         std::swap(pager, other.pager);
         std::swap(mapping_lost, other.mapping_lost);
     }
-
-    static size_t mapped_of(size_t fragments_num);
-    static size_t tail_start_of(size_t fragments_num);
 
     int reallocate_fragments(size_t new_fragments_num, size_t new_total_buf_size,
                              unsigned int new_last_fragment_size, bool is_partial) override;
@@ -173,12 +171,6 @@ private:
     static void unmap_if_mapped(Mem_MemFragmentInfo& info);
     void revert_mapped_set();
     int validate_mapped_indexes();
-
-    // Checks, of a list of `count` fragments
-    const char* broken(size_t count, unsigned int last_size) const;
-    const char* broken_fragment(size_t fragment, unsigned int size) const;
-    bool is_current_told() const;
-    void check_invariants(size_t count, unsigned int last_size) const;
 
     Mem_MemFragmentInfo* fragments = nullptr; // fragments_num of them
     MappedIndexes mapped_indexes = {};

@@ -20,13 +20,14 @@ unsigned int region_size(unsigned int size)
 constexpr std::uint64_t kLeastFileInMb = 64;
 
 std::uint64_t refuse_file(const char* form, std::uint64_t first, std::uint64_t second,
-                          bool is_room = false)
+                          bool is_full = false)
 {
-    RegionLimits.MetSetting(form, first, second, is_room);
+    RegionLimits.MetSetting(form, first, second, is_full);
     return 0;
 }
 
-/// What the limits leave may be too much for 32 bits, or too little for a region.
+/// Whether a file of `mb` MB can be carved: its size in bytes has to fit 32 bits, and one region of
+/// `region` bytes has to fit the file.
 bool is_file_size(std::uint64_t mb, std::uint64_t region)
 {
     constexpr std::uint64_t end = 4096;
@@ -90,7 +91,8 @@ int File_ShmmHeap::Allocate(unsigned int size, unsigned int alignment, BaseInfo*
     return ShmmHeap::Allocate(size, alignment, result, 0, 0);
 }
 
-/// The size in MB that a new file for a region of `size` bytes gets; 0 if there is no room.
+/// The size in MB that a new file for a region of `size` bytes gets; 0 if the limits or the disk
+/// refuse it.
 std::uint64_t File_ShmmHeap::new_file_size(unsigned int size) const
 {
     const std::uint64_t needed = WholeMb(size) + 1;
@@ -100,7 +102,7 @@ std::uint64_t File_ShmmHeap::new_file_size(unsigned int size) const
         return refuse_file("temp files of %llu MB (FileHeap_MaxTotalSpaceInMb), %llu MB left",
                            m_max_total_space,
                            m_max_total_space - std::min<std::uint64_t>(current, m_max_total_space));
-    const std::uint64_t room = m_max_total_space - current;
+    const std::uint64_t left = m_max_total_space - current;
     double bytes = 0;
     if (!Zor_FileSystemUtils().GetFreeSpace(m_temp_path.data(), bytes))
         return refuse_file("there is no temp folder", 0, 0);
@@ -111,7 +113,7 @@ std::uint64_t File_ShmmHeap::new_file_size(unsigned int size) const
                            free, m_min_space_to_leave, true);
     const std::uint64_t available =
         free >= wanted + m_min_space_to_leave ? wanted : free - m_min_space_to_leave;
-    const std::uint64_t mb = std::min(available, room);
+    const std::uint64_t mb = std::min(available, left);
     if (mb < kLeastFileInMb)
         return refuse_file("a temp file of at least %llu MB, for which %llu MB are left",
                            kLeastFileInMb, mb, mb == available);

@@ -91,7 +91,7 @@ public:
                  unsigned int always_mapped, unsigned int group_id) override;
 
     /// Makes a new temp file, as large as the settings and the disk allow, and its block.
-    /// @return 0; -1 if the limits or the disk leave no room, or if the file can't be made:
+    /// @return 0; -1 if the limits or the disk refuse it, or if the file can't be made:
     ///         RegionLimits knows what stood in the way.
     int create_result_element(unsigned int size, Block** result, unsigned int always_mapped,
                               unsigned int group_id) override;

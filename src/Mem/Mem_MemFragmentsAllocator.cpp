@@ -1,13 +1,12 @@
 #include "Mem/Mem_MemFragmentsAllocator.h"
 
-#include "Mem/Mem_FirstBreak.h"
 #include "Mem/Mem_FragmentsCounter.h"
+#include "Mem/Mem_MappedFragments.h"
 #include "Mem/Mem_MemFragmentsLog.h"
 #include "Mem/Mem_MemPager.h"
 #include "NRVlog/Zor_Log.h"
 
 #include <algorithm>
-#include <cassert>
 #include <memory>
 #include <new>
 
@@ -15,17 +14,6 @@ const RWCString Mem_MemFragmentsAllocator::REPLACE_PERF_STR = "Mem_Fragments_Rep
 const RWCString Mem_MemFragmentsAllocator::REALLOC_PERF_STR = "Mem_Fragments_Realloc";
 
 namespace Log = Mem_MemFragmentsLog;
-
-// How many of so many fragments are held mapped. A new buffer holds its last ones: from which on?
-size_t Mem_MemFragmentsAllocator::mapped_of(size_t fragments_num)
-{
-    return std::min(fragments_num, MappedIndexes().size());
-}
-
-size_t Mem_MemFragmentsAllocator::tail_start_of(size_t fragments_num)
-{
-    return fragments_num - mapped_of(fragments_num);
-}
 
 // Life ------------------------------------------------------------------------------------------
 
@@ -38,7 +26,7 @@ Mem_MemFragmentsAllocator::Mem_MemFragmentsAllocator(size_t element_bytes, size_
     Log::Initializing();
     pager = MEM_MemPager::GetHandle();
     auto infos = std::make_unique<Mem_MemFragmentInfo[]>(fragments_num);
-    mapped_fragments_num = mapped_of(fragments_num);
+    mapped_fragments_num = Mem_MappedFragments::CountOf(fragments_num);
     if (allocate_fragments(infos.get(), 0, fragments_num, fragment_size, last_fragment_size,
                            mapped_fragments_num) == -1) {
         Log::InitializationFailed(fragments_num, total_buf_size);
@@ -49,7 +37,7 @@ Mem_MemFragmentsAllocator::Mem_MemFragmentsAllocator(size_t element_bytes, size_
     replace_counter = AddFragmentsCounter(REPLACE_PERF_STR);
     realloc_counter = AddFragmentsCounter(REALLOC_PERF_STR);
     valid = true;
-    check_invariants(fragments_num, last_fragment_size);
+    Mem_MappedFragments::Check(*this, fragments_num, last_fragment_size);
     Log::Initialized();
 }
 
@@ -165,7 +153,7 @@ void* Mem_MemFragmentsAllocator::find_in_other_fragments(size_t index)
     if (mapped_index == kNone)
         return nullptr;
     make_current(mapped_index);
-    check_invariants(fragments_num, last_fragment_size);
+    Mem_MappedFragments::Check(*this, fragments_num, last_fragment_size);
     Log::FragmentIsServed(fragment);
     return static_cast<char*>(current_ptr) + (index - current_index_start);
 }
@@ -258,8 +246,9 @@ void Mem_MemFragmentsAllocator::make_none_current()
     current_ptr = nullptr;
 }
 
-// The place that names the fragment already, so that none is named twice, or else one whose
-// mapping was lost, or else the oldest.
+// The mapped index that a fragment is to get after mappings were lost. If one names the fragment
+// already, it is that one, so that none is named twice; else one whose mapping was lost; else the
+// oldest.
 size_t Mem_MemFragmentsAllocator::get_lost_mapped_index(size_t fragment) const
 {
     const size_t own = find_mapped_fragment_index(fragment);
@@ -271,7 +260,7 @@ size_t Mem_MemFragmentsAllocator::get_lost_mapped_index(size_t fragment) const
     return get_oldest_mapped_index();
 }
 
-// The room that the other mapping takes may be all that there is.
+// Ends the other mapping, since the address space that it takes may be all that there is.
 bool Mem_MemFragmentsAllocator::give_up_other(size_t mapped_index)
 {
     if (mapped_fragments_num == 1)
@@ -282,51 +271,4 @@ bool Mem_MemFragmentsAllocator::give_up_other(size_t mapped_index)
     other.isMapped = false;
     make_none_current();
     return true;
-}
-
-// Checks ----------------------------------------------------------------------------------------
-
-// A mapping that has failed leaves a fragment that is named, but not mapped.
-const char* Mem_MemFragmentsAllocator::broken(size_t count, unsigned int last_size) const
-{
-    Mem_FirstBreak check;
-    check.Expect(mapped_fragments_num == mapped_of(count), "mapped_fragments_num");
-    for (size_t i = 0; i < mapped_fragments_num; ++i) {
-        check.Expect(mapped_indexes[i] < count, "a fragment in the mapped set that isn't there");
-        check.Expect(find_mapped_fragment_index(mapped_indexes[i]) == i,
-                     "a fragment twice in the mapped set");
-    }
-    if (check.What() != nullptr)
-        return check.What(); // what follows takes the set at its word
-    for (size_t i = 0; i < count; ++i)
-        check.Expect(broken_fragment(i, i + 1 == count ? last_size : fragment_size));
-    check.Expect(current_ptr == nullptr || is_current_told(), "the current fragment");
-    return check.What();
-}
-
-const char* Mem_MemFragmentsAllocator::broken_fragment(size_t fragment, unsigned int size) const
-{
-    Mem_FirstBreak check;
-    const Mem_MemFragmentInfo& info = fragments[fragment];
-    check.Expect(info.IndexStart == fragment * fragment_size, "where a fragment begins");
-    check.Expect(info.IndexEnd == info.IndexStart + size - 1, "where a fragment ends");
-    check.Expect(info.isMapped == (info.pagerInfo.Ptr() != nullptr), "isMapped against the handle");
-    check.Expect(!info.isMapped || find_mapped_fragment_index(fragment) != kNone,
-                 "a fragment mapped outside the set");
-    return check.What();
-}
-
-bool Mem_MemFragmentsAllocator::is_current_told() const
-{
-    const Mem_MemFragmentInfo& info = fragments[mapped_indexes[current_mapped_index]];
-    return info.isMapped && current_index_start == info.IndexStart &&
-           current_index_end == info.IndexEnd && current_ptr == info.pagerInfo.Ptr();
-}
-
-void Mem_MemFragmentsAllocator::check_invariants([[maybe_unused]] size_t count,
-                                                 [[maybe_unused]] unsigned int last_size) const
-{
-#if defined(MEMPAGER_CHECK_INVARIANTS)
-    assert(broken(count, last_size) == nullptr);
-#endif
 }

@@ -1,5 +1,6 @@
 #include "Mem/Mem_FragmentsCounter.h"
 #include "Mem/Mem_FragmentsResize.h"
+#include "Mem/Mem_MappedFragments.h"
 #include "Mem/Mem_MemFragmentsAllocator.h"
 #include "Mem/Mem_MemFragmentsLog.h"
 #include "Mem/Mem_MemPager.h"
@@ -26,21 +27,21 @@ int Mem_MemFragmentsAllocator::reallocate_fragments(size_t new_fragments_num,
     Mem_MemFragmentInfo* const infos = make_infos(new_fragments_num);
     if (resize.Build(*this, infos) == 0) {
         take_over(infos, new_fragments_num);
-        check_invariants(new_fragments_num, new_last_fragment_size);
+        Mem_MappedFragments::Check(*this, new_fragments_num, new_last_fragment_size);
         return 0;
     }
     Log::ReallocationFailed(total_buf_size, new_total_buf_size);
     mend_mapped_set(old_indexes, resize);
     revert_mapped_set();
     delete[] infos;
-    check_invariants(fragments_num, last_fragment_size);
+    Mem_MappedFragments::Check(*this, fragments_num, last_fragment_size);
     return -1;
 }
 
 // The old last fragment stays mapped where it is to be copied.
 void Mem_MemFragmentsAllocator::unmap_what_leaves(const Mem_FragmentsResize& resize)
 {
-    const size_t tail_start = tail_start_of(resize.new_num);
+    const size_t tail_start = Mem_MappedFragments::TailStartOf(resize.new_num);
     const size_t keep_start =
         resize.is_partial ? std::min(tail_start, resize.old_num - 1) : tail_start;
     for (size_t i = 0; i < mapped_fragments_num; ++i) {
@@ -77,7 +78,7 @@ int Mem_MemFragmentsAllocator::carry_over(Mem_MemFragmentInfo* infos,
 int Mem_MemFragmentsAllocator::carry_over_unchanged(Mem_MemFragmentInfo* infos,
                                                     const Mem_FragmentsResize& resize)
 {
-    const size_t tail_start = tail_start_of(resize.new_num);
+    const size_t tail_start = Mem_MappedFragments::TailStartOf(resize.new_num);
     size_t mapped_index = 0;
     for (size_t i = 0; i < resize.Unchanged(); ++i) {
         if (i >= tail_start) {
@@ -97,9 +98,9 @@ int Mem_MemFragmentsAllocator::copy_partial(Mem_MemFragmentInfo* infos,
                                             const Mem_FragmentsResize& resize)
 {
     const size_t partial = resize.Unchanged();
-    if (allocate_and_copy_fragment(fragments[partial], resize.OldPartialSize(), infos[partial],
-                                   resize.NewPartialSize(),
-                                   partial >= tail_start_of(resize.new_num)) == -1) {
+    if (allocate_and_copy_fragment(
+            fragments[partial], resize.OldPartialSize(), infos[partial], resize.NewPartialSize(),
+            partial >= Mem_MappedFragments::TailStartOf(resize.new_num)) == -1) {
         Log::PartialFragmentFailed(resize);
         return -1;
     }
@@ -157,7 +158,7 @@ int Mem_MemFragmentsAllocator::add_fragments(Mem_MemFragmentInfo* infos,
                                              const Mem_FragmentsResize& resize)
 {
     return allocate_fragments(infos, resize.Next(), resize.new_num - resize.Next(), fragment_size,
-                              resize.new_last_size, mapped_of(resize.new_num));
+                              resize.new_last_size, Mem_MappedFragments::CountOf(resize.new_num));
 }
 
 void Mem_MemFragmentsAllocator::drop_fragments(const Mem_FragmentsResize& resize)
@@ -192,9 +193,9 @@ void Mem_MemFragmentsAllocator::take_over(Mem_MemFragmentInfo* infos, size_t new
 // As a new buffer stands: its last fragments mapped, the earlier of them current.
 void Mem_MemFragmentsAllocator::hold_tail(size_t count)
 {
-    mapped_fragments_num = mapped_of(count);
+    mapped_fragments_num = Mem_MappedFragments::CountOf(count);
     for (size_t i = 0; i < mapped_fragments_num; ++i)
-        mapped_indexes[i] = tail_start_of(count) + i;
+        mapped_indexes[i] = Mem_MappedFragments::TailStartOf(count) + i;
     make_current(0);
     mapping_lost = false;
 }

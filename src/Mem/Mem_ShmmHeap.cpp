@@ -353,7 +353,8 @@ namespace
 /// Null until the first region.
 Windows_File_ShmmHeap* the_file_heap = nullptr;
 
-/// Links last, once their files are gone.
+/// What removes leftovers. The folder of mappings comes last: a link there is removed only once the
+/// temp file that it leads to is gone.
 Mem_CleanUp& clean_up()
 {
     static auto* const spare_regions = new Mem_LeftRegions(TempFolder());
@@ -362,7 +363,8 @@ Mem_CleanUp& clean_up()
     return *all;
 }
 
-/// Makes the heaps, and sees what dead processes have left behind.
+/// The file heap, made at the first call, which also begins to remove what dead processes have left
+/// behind.
 ShmmHeap* first_file_heap()
 {
     the_file_heap = Windows_File_ShmmHeap::GetInstance();
@@ -377,7 +379,7 @@ int Memory_ShmmHeap::create_result_element(unsigned int size, Block** result,
     ShmmHeap* const source = GetSourceHeap();
     BaseInfo* region = nullptr;
     int failure = source->Allocate(size, 0, &region, always_mapped, group_id);
-    if (failure != 0 && RegionLimits.IsRoom() && clean_up().MakeRoom())
+    if (failure != 0 && RegionLimits.IsFull() && clean_up().MakeSpace())
         failure = source->Allocate(size, 0, &region, always_mapped, group_id);
     if (failure != 0)
         return failure;

@@ -153,7 +153,7 @@ public:
     virtual void PrintStatus(std::ostream& os);
     virtual RWCString Name();
 
-    /// Makes a block with room for `size` bytes, outside the list. -1 if that can't be had.
+    /// Makes a block of at least `size` bytes, outside the list. -1 if that can't be had.
     virtual int create_result_element(unsigned int size, Block** result, unsigned int always_mapped,
                                       unsigned int group_id) = 0;
     virtual int create_result_element(unsigned int size, Block** result) = 0;

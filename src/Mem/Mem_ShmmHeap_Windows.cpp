@@ -175,7 +175,7 @@ unsigned int GetAllocationGranularity()
 
 int Windows_FileInfo::AllocateFile()
 {
-    m_maker = Platform::Process::Get().ProcessId();
+    m_creator = Platform::Process::Get().ProcessId();
     Platform::Mappings::FileFault fault = Platform::Mappings::FileFault::None;
     Mem_NewName name;
     do {
@@ -216,7 +216,7 @@ int Windows_FileInfo::DestroyFile()
     if (!platform.CloseMapping(m_mapping_handle))
         log_destroy_failure("In FileInfo::DestroyFile(), CloseHandle");
     m_mapping_handle = nullptr;
-    if (Platform::Process::Get().ProcessId() != m_maker || platform.RemoveFile(FileName().data()))
+    if (Platform::Process::Get().ProcessId() != m_creator || platform.RemoveFile(FileName().data()))
         return 0;
     log_destroy_failure("In FileInfo::DestroyFile(), DeleteFile");
     ZOR_LOG("Windows_FileInfo::DestroyFile", 7, "Filename: %s\n", FileName().data());

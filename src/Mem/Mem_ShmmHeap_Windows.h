@@ -97,7 +97,7 @@ private:
 
     void* m_mapping_handle = nullptr;
     RWCString m_mapping_name;
-    long m_maker = 0; // a forked child has the object, but not the file
+    long m_creator = 0; // a forked child has the object, but not the file
 };
 
 class Windows_FileMapInfo : public FileMapInfo
@@ -135,7 +135,7 @@ public:
     Block* create_block(FileInfo* file) override;
 
     /// Looks through the temp folder for files whose names have the full form of a temp file's,
-    /// and deletes those whose maker, by the process id in the name and the platform's word, is
+    /// and deletes those whose creator, by the process id in the name and the platform's word, is
     /// gone.
     /// What there isn't the time for now is left to later steps of TempFiles().
     int crash_recovery() override;
@@ -170,7 +170,7 @@ private:
 /// A region that another process made, seen read-only. Owned by the owners repository.
 ///
 /// States: closed (no handle, no view), open (a handle), mapped (both). Unmap() leaves the handle,
-/// so that mapping anew opens nothing and works after the maker has closed the region.
+/// so that mapping anew opens nothing and works after the creator has closed the region.
 class StreamedMapInfo : public BaseMapInfo
 {
 public:

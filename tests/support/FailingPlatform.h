@@ -4,9 +4,28 @@
 #include "Platform/Inspection.h"
 #include "Platform/LastError.h"
 #include "Platform/Mappings.h"
+#include "Platform/Process.h"
 
+#include <cerrno>
+#include <new>
 #include <utility>
 #include <vector>
+
+/// The platform's calls that can fail, by what they do.
+struct PlatformCalls {
+    enum Kind : unsigned {
+        Create = 1,
+        View = 2,
+        Unview = 4,
+        Close = 8,
+        Trim = 16,
+        Remove = 32,  ///< files, names and links
+        List = 64,    ///< folders, which then can't be read, and maps
+        Ask = 128,    ///< for facts on files and folders
+        Write = 256,  ///< files of words, and their lengths
+        OnForks = 512 ///< what is to run then
+    };
+};
 
 /// Stands in front of one of the platform's interfaces for as long as it lives, and passes
 /// everything on. Tests derive from it and override what they falsify.
@@ -21,6 +40,9 @@ public:
 protected:
     ~InFront() { Interface::Replace(&m_real); }
 
+    /// Asked before each call that can fail. @return whether it is to.
+    virtual bool fails(PlatformCalls::Kind) { return false; }
+
     Interface& m_real;
 };
 
@@ -29,137 +51,145 @@ protected:
     {                                                                                              \
         return m_real.name arguments;                                                              \
     }
+#define FORWARD_OR(failure, kind, result, name, parameters, arguments)                             \
+    result name parameters override                                                                \
+    {                                                                                              \
+        return fails(PlatformCalls::kind) ? failure : m_real.name arguments;                       \
+    }
 
 class ForwardingMappings : public InFront<Platform::Mappings>
 {
 public:
-    FORWARD(void*, CreateSharedMapping, (const char* n, std::uint64_t s, const char* f), (n, s, f))
-    FORWARD(void*, CreateMappingOverFile,
-            (const char* p, const char* n, std::uint64_t s, FileFault* f), (p, n, s, f))
-    FORWARD(void*, OpenMapping, (const char* n, const char* f), (n, f))
-    FORWARD(bool, CloseMapping, (void* m), (m))
-    FORWARD(void*, MapView, (void* m, std::uint64_t o, std::uint64_t s), (m, o, s))
+    FORWARD_OR(nullptr, Create, void*, CreateSharedMapping,
+               (const char* n, std::uint64_t s, const char* f), (n, s, f))
+    FORWARD_OR((*f = FileFault::Mapping, nullptr), Create, void*, CreateMappingOverFile,
+               (const char* p, const char* n, std::uint64_t s, FileFault* f), (p, n, s, f))
+    FORWARD_OR(nullptr, Create, void*, OpenMapping, (const char* n, const char* f), (n, f))
+    FORWARD_OR((m_real.CloseMapping(m), false), Close, bool, CloseMapping, (void* m), (m))
+    FORWARD_OR(nullptr, View, void*, MapView, (void* m, std::uint64_t o, std::uint64_t s),
+               (m, o, s))
     FORWARD(bool, UnmapView, (void* v, std::uint64_t s), (v, s))
     FORWARD(std::uint32_t, AllocationGranularity, (), ())
-    FORWARD(bool, TrimWorkingSet, (Views & v), (v))
+    FORWARD_OR(false, Trim, bool, TrimWorkingSet, (Views & v), (v))
     FORWARD(Cause, LastCause, (), ())
     FORWARD(std::uint32_t, LastLimits, (char* t, std::size_t s), (t, s))
-    FORWARD(bool, RemoveFile, (const char* p), (p))
-    FORWARD(void, ListNames, (const char* f, const char* p, Place& a, Names& n), (f, p, a, n))
+    FORWARD_OR(false, Remove, bool, RemoveFile, (const char* p), (p))
+    FORWARD_OR(void(a.ended = true), List, void, ListNames,
+               (const char* f, const char* p, Place& a, Names& n), (f, p, a, n))
     FORWARD(Creator, CreatorOf, (const char* p, long i), (p, i))
-    FORWARD(bool, RemoveDeadFile, (const char* p), (p))
-    FORWARD(bool, RemoveDeadMapping, (const char* f, const char* n), (f, n))
+    FORWARD_OR(false, Remove, bool, RemoveDeadFile, (const char* p), (p))
+    FORWARD_OR(false, Remove, bool, RemoveDeadMapping, (const char* f, const char* n), (f, n))
 };
 
 class ForwardingInspection : public InFront<Platform::Inspection>
 {
 public:
     FORWARD(char, PathSeparator, (), ())
-    FORWARD(bool, AbsolutePath, (const char* p, char* t, std::size_t s), (p, t, s))
+    FORWARD_OR(false, Ask, bool, AbsolutePath, (const char* p, char* t, std::size_t s), (p, t, s))
     FORWARD(const char*, DefaultTempFolder, (), ())
     FORWARD(const char*, MappingFolder, (), ())
-    FORWARD(bool, FreeSpace, (const char* f, double* b), (f, b))
-    FORWARD(void, ListFiles, (const char* f, const char* p, Platform::Mappings::Names& n),
-            (f, p, n))
-    FORWARD(bool, Inspect, (const char* p, FileFacts& f), (p, f))
+    FORWARD_OR(false, Ask, bool, FreeSpace, (const char* f, double* b), (f, b))
+    FORWARD_OR(void(), List, void, ListFiles,
+               (const char* f, const char* p, Platform::Mappings::Names& n), (f, p, n))
+    FORWARD_OR(false, Ask, bool, Inspect, (const char* p, FileFacts& f), (p, f))
     FORWARD(void, ProgramOf, (const char* p, long i, char* t, std::size_t s), (p, i, t, s))
-    FORWARD(bool, RemoveLostLink, (const char* p), (p))
-    FORWARD(std::vector<Fact>, Look, (const char* f), (f))
+    FORWARD_OR(false, Remove, bool, RemoveLostLink, (const char* p), (p))
+    FORWARD_OR(throw std::bad_alloc(), Ask, std::vector<Fact>, Look, (const char* f), (f))
 };
-#undef FORWARD
 
-/// Stands in front of the platform for as long as it lives and lets chosen calls fail.
-///
-/// A failing Create or View does nothing and gives null. A failing Close is really done and
-/// answers false. A failing Unview leaves the view, which then ends with this object: views
-/// that must outlive it can't be tested so. Threads: one at a time.
-class FailingPlatform final : public ForwardingMappings
+class ForwardingProcess : public InFront<Platform::Process>
 {
 public:
-    enum Kind : unsigned { Create = 1, View = 2, Unview = 4, Close = 8 };
+    FORWARD(long, ProcessId, (), ())
+    FORWARD(long, ThreadId, (), ())
+    FORWARD(std::uint64_t, RandomNumber, (), ())
+    FORWARD(void, CallUncancelled, (void (*c)(void*), void* a), (c, a))
+    FORWARD_OR(false, OnForks, bool, OnFork, (void (*b)(), void (*p)(), void (*c)()), (b, p, c))
+    FORWARD(bool, OthersHaveEnded, (), ())
+    FORWARD(std::uint64_t, MemoryLimit, (), ())
+    FORWARD(Memory, MemoryNow, (), ())
+    FORWARD_OR(false, List, bool, ListMaps, (Maps & m), (m))
+    FORWARD(void, OnAllocationFailure, (AllocationHandler h), (h))
+    FORWARD(void, SystemName, (char* t, std::size_t s), (t, s))
+    FORWARD(void, ProcessName, (char* t, std::size_t s), (t, s))
+    FORWARD(void, TimeAndDate, (char* t, std::size_t s), (t, s))
+    FORWARD(void, ErrorText, (unsigned long e, char* t, std::size_t s), (e, t, s))
+    FORWARD_OR(-1, Write, long long, FileLength, (const char* p), (p))
+    FORWARD_OR(false, Write, bool, TruncateFile, (const char* p), (p))
+    FORWARD_OR(false, Write, bool, AppendToFile, (const char* p, const char* t, std::size_t s),
+               (p, t, s))
+    FORWARD(void, StackTrace, (), ())
+    FORWARD(void, WriteStandardError, (const char* t, std::size_t s), (t, s))
+};
+#undef FORWARD
+#undef FORWARD_OR
+
+/// Stands in front of the platform for as long as it lives and lets chosen calls fail, of all that
+/// can.
+///
+/// A failing call does nothing and gives what says so, but a failing Close is really done. A
+/// failing Unview leaves the view, which then ends with this object: views that must outlive it
+/// can't be tested so. Threads: one at a time.
+class FailingPlatform final : public PlatformCalls,
+                              ForwardingMappings,
+                              ForwardingInspection,
+                              ForwardingProcess
+{
+public:
+    /// What LastError() tells of a failing Create, and of all others.
+    static constexpr unsigned long full_error = ENOSPC, other_error = ENOMEM;
 
     /// The `n`-th call (from 1) of the `kinds`, counted together, fails, and the `count` - 1
     /// calls after it.
     FailingPlatform(unsigned kinds, int n, int count = 1)
         : m_kinds(kinds), m_first(n), m_count(count)
     {
-        s_injected = false;
         m_left.reserve(1024); // releasing calls are not to allocate, here either
     }
     ~FailingPlatform()
     {
         for (const auto& [view, size] : m_left)
-            m_real.UnmapView(view, size);
+            ForwardingMappings::m_real.UnmapView(view, size);
     }
 
     /// Whether a call has failed by this object.
     bool Fired() const { return m_fired; }
 
-    void* CreateSharedMapping(const char* name, std::uint64_t size, const char* spare) override
-    {
-        return fails(Create, 28) ? nullptr : passed(m_real.CreateSharedMapping(name, size, spare));
-    }
-    void* CreateMappingOverFile(const char* path, const char* name, std::uint64_t size,
-                                FileFault* fault) override
-    {
-        *fault = FileFault::Mapping;
-        return fails(Create, 28) ? nullptr
-                                 : passed(m_real.CreateMappingOverFile(path, name, size, fault));
-    }
-    void* OpenMapping(const char* name, const char* spare) override
-    {
-        return fails(Create, 28) ? nullptr : passed(m_real.OpenMapping(name, spare));
-    }
-    void* MapView(void* mapping, std::uint64_t offset, std::uint64_t size) override
-    {
-        return fails(View, 12) ? nullptr : passed(m_real.MapView(mapping, offset, size));
-    }
+private:
     bool UnmapView(void* view, std::uint64_t size) override
     {
-        if (!fails(Unview, 12))
-            return passed(m_real.UnmapView(view, size));
+        if (!fails(Unview))
+            return ForwardingMappings::UnmapView(view, size);
         m_left.emplace_back(view, size);
         return false;
     }
-    bool CloseMapping(void* mapping) override
+    Cause LastCause() override
     {
-        const bool failing = fails(Close, 12);
-        return passed(m_real.CloseMapping(mapping)) && !failing;
+        return failed_last() ? Cause::Other : ForwardingMappings::LastCause();
     }
-    Cause LastCause() override { return s_injected ? Cause::Other : m_real.LastCause(); }
     std::uint32_t LastLimits(char* text, std::size_t size) override
     {
-        return s_injected ? *text = '\0' : m_real.LastLimits(text, size);
+        return failed_last() ? *text = '\0' : ForwardingMappings::LastLimits(text, size);
     }
-
-private:
-    /// Counts the call. @return whether it is to fail; LastError() tells `error` then.
-    bool fails(Kind kind, unsigned long error)
+    bool fails(Kind kind) override
     {
         const int distance = (m_kinds & kind) != 0 ? ++m_seen - m_first : -1;
         if (distance < 0 || distance >= m_count)
             return false;
         m_fired = true;
-        s_injected = true;
-        Platform::SetLastError(error);
+        m_error = kind == Create ? full_error : other_error;
+        Platform::SetLastError(m_error);
         return true;
     }
-
-    /// A real failure has the real cause.
-    template <class Result>
-    static Result passed(Result result)
-    {
-        s_injected = result ? s_injected : false;
-        return result;
-    }
-
-    static inline thread_local bool s_injected = false; ///< the last failure
+    /// Whether the last failure was none of the real platform's.
+    bool failed_last() const { return m_fired && Platform::LastError() == m_error; }
 
     const unsigned m_kinds;
     const int m_first;
     const int m_count;
     int m_seen = 0;
     bool m_fired = false;
+    unsigned long m_error = 0;
     std::vector<std::pair<void*, std::uint64_t>> m_left; ///< views whose end failed
 };
 

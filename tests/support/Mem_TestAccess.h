@@ -4,6 +4,7 @@
 #include "Mem/Mem_BlockSpaceLogic.h"
 #include "Mem/Mem_BlockTable.h"
 #include "Mem/Mem_FifoQueue.h"
+#include "Mem/Mem_MappedFragments.h"
 #include "Mem/Mem_MemFragmentsAllocator.h"
 #include "Mem/Mem_MemPager.h"
 #include "Mem/Mem_PagerRooms.h"
@@ -154,7 +155,8 @@ struct Mem_TestAccess {
     }
     static const char* Broken(const Mem_MemFragmentsAllocator& allocator)
     {
-        return allocator.broken(allocator.fragments_num, allocator.last_fragment_size);
+        return Mem_MappedFragments::Broken(allocator, allocator.fragments_num,
+                                           allocator.last_fragment_size);
     }
     static bool HasLostMapping(const Mem_MemFragmentsAllocator& allocator)
     {

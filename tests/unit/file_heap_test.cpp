@@ -2,6 +2,7 @@
 // overlap or lose bytes, a file that outlives its last region, and a cleaner that takes what isn't
 // a leftover.
 
+#include "Mem/Mem_Inspection.h"
 #include "Mem/Mem_ShmmHeap_Windows.h"
 #include "support/FailingPlatform.h"
 #include "support/Footprint.h"
@@ -13,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <set>
 #include <string>
 
@@ -107,6 +109,63 @@ TEST_F(FileHeap, CleansOnlyWhatTheDeadHaveLeft)
     Windows_File_ShmmHeap().crash_recovery();
     EXPECT_EQ(Files(), stay);
     living.Free(region);
+}
+
+TEST_F(FileHeap, LeavesNothingWhereverItFails)
+{
+    using Failing = FailingPlatform;
+    Set(64, 10240);
+    const auto fails_at = [this](unsigned kind, int n) {
+        LogCapture quiet(0);
+        Windows_File_ShmmHeap heap;
+        const Failing failing(kind, n);
+        BaseInfo* region = nullptr;
+        const int refused = heap.Allocate(kRegion, 0, &region);
+        EXPECT_EQ(refused, failing.Fired() ? -1 : 0);
+        if (refused == 0) {
+            auto* const view = static_cast<BaseMapInfo*>(region);
+            const int unmapped = view->Map();
+            EXPECT_EQ(unmapped, failing.Fired() ? -1 : 0);
+            EXPECT_EQ(view->Unmap(), unmapped);
+            heap.Free(region);
+        }
+        const bool stays = kind == Failing::Remove && failing.Fired();
+        EXPECT_EQ(Files().size(), stays ? 1u : 0u);
+        return failing.Fired();
+    };
+    for (const unsigned kind : {Failing::Create, Failing::View, Failing::Unview, Failing::Close,
+                                Failing::Remove, Failing::Ask}) {
+        SCOPED_TRACE(kind);
+        int n = 1;
+        for (; fails_at(kind, n); ++n)
+            Windows_File_ShmmHeap().crash_recovery();
+        EXPECT_GT(n, 1);
+    }
+}
+
+TEST_F(FileHeap, IsCleanedLaterOfWhatCannotGoNow)
+{
+    using Failing = FailingPlatform;
+    Set(64, 10240);
+    const std::string dead = m_folder + "/TempFileNorvaneMemoryBlock_99999999_1_0";
+    const auto recover = [] { Windows_File_ShmmHeap().crash_recovery(); };
+    const auto clean = [this] { Mem_Inspection::Clean(false, m_folder.c_str()); };
+    const std::tuple<unsigned, int, std::function<void()>> cases[] = {{Failing::List, 1, recover},
+                                                                      {Failing::Remove, 1, recover},
+                                                                      {Failing::List, 1, clean},
+                                                                      {Failing::Remove, 1, clean},
+                                                                      {Failing::Ask, 99, clean}};
+    for (const auto& [kind, count, way] : cases) {
+        SCOPED_TRACE(kind);
+        std::ofstream(dead) << "x";
+        if (const Failing failing(kind, 1, count); true) {
+            way();
+            EXPECT_TRUE(failing.Fired());
+            EXPECT_TRUE(fs::exists(dead));
+        }
+        way();
+        EXPECT_FALSE(fs::exists(dead));
+    }
 }
 
 TEST(UniqueNames, TellTheirProcessWhateverTheFolder)

@@ -91,9 +91,10 @@ TEST_F(Pagers, RefuseWhatCannotBe)
         FailingPlatform refuses(FailingPlatform::Create, 1, 2);
         EXPECT_EQ(pager->Allocate(size, &info, -1), -1);
     }
+    const std::string error = std::to_string(FailingPlatform::full_error);
     EXPECT_EQ(log.Count(5, "SwapMapInfo::AllocateSwap|Allocate: Couldn't allocate shared memory "
-                           "from swap (Details: CreateFileMapping failed, size 4096.0MB. Errno "
-                           "[28]).\n"),
+                           "from swap (Details: CreateFileMapping failed, size 4096.0MB. Errno [" +
+                               error + "]).\n"),
               2);
     EXPECT_EQ(log.Count(2, "MEM_MemPager::PrintSharedMemoryStatus|"), 9);
 }

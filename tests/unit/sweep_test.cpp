@@ -9,6 +9,7 @@
 #include "support/Footprint.h"
 #include "support/Mem_TestAccess.h"
 #include "support/PagerWorld.h"
+#include "support/ThisProcess.h"
 
 #include <gtest/gtest.h>
 
@@ -35,6 +36,7 @@ struct Stage {
     int Road(unsigned long long cache_limit)
     {
         TestConfiguration::cache_limit = cache_limit;
+        TestConfiguration::trim_limit = 1;
         int refused = 0;
         MEM_PagerInfo infos[3];
         const unsigned sizes[] = {1000, 1000, 100000};
@@ -93,9 +95,9 @@ void Sweep(auto once)
 TEST(Sweep, EachPlatformCallOfTheRoadMayFail)
 {
     using Failing = FailingPlatform;
-    const std::pair<unsigned, int> cases[] = {{Failing::Create, 1}, {Failing::Unview, 1},
-                                              {Failing::View, 1},   {Failing::Create, 2},
-                                              {Failing::View, 2},   {Failing::Close, 1}};
+    const std::pair<unsigned, int> cases[] = {
+        {Failing::Create, 1}, {Failing::Unview, 1}, {Failing::View, 1}, {Failing::Create, 2},
+        {Failing::View, 2},   {Failing::Close, 1},  {Failing::Trim, 1}};
     for (const auto& [kind, in_a_row] : cases)
         Sweep([kind = kind, in_a_row = in_a_row](int n) {
             LogCapture log(5);
@@ -106,10 +108,33 @@ TEST(Sweep, EachPlatformCallOfTheRoadMayFail)
             // One refused call is made good by giving up the cache; a prefetch isn't worth that.
             const int ahead = log.Count(5, "MEM_MemPager::Cache|");
             const bool no_help = failing.Fired() && in_a_row == 2 && ahead == 0;
-            const bool is_told = failing.Fired() && kind != FailingPlatform::Close;
+            const bool is_warned = no_help || (failing.Fired() && kind == Failing::Trim);
+            const bool is_told = failing.Fired() && kind != Failing::Close;
             EXPECT_EQ(refused > ahead, no_help);
-            EXPECT_EQ(log.Count(3, "MEM_MemPager::") > 0, no_help);
+            EXPECT_EQ(log.Count(3, "MEM_MemPager::") > 0, is_warned);
             EXPECT_EQ(log.Size() > 0, is_told);
+            return failing.Fired();
+        });
+}
+
+TEST(Sweep, EachCallOfAReportMayFailAndTheLogIsWhole)
+{
+    using Failing = FailingPlatform;
+    for (const unsigned kind : {Failing::List, Failing::Write})
+        Sweep([kind](int n) {
+            const std::string function = "MEM_MemPager::PrintVirtualMemoryStatus|";
+            const TempFolder folder;
+            Zor_LogFile::SetLogConfigDir(folder.path.c_str());
+            const LogCapture log(2);
+            Stage stage;
+            const Failing failing(kind, n);
+            for (int report = 0; report < 2; ++report) {
+                MEM_MemPager::PrintVirtualMemoryStatus();
+                stage.pager->PrintSharedMemoryStatus();
+            }
+            const int unknown = log.Count(2, function + "debug_print_memory_status: Couldn't get");
+            EXPECT_LE(unknown, kind == Failing::List ? 1 : 0);
+            EXPECT_EQ(log.Count(2, "MEM_MemPager::Print"), 4 * 3 - 2 * unknown);
             return failing.Fired();
         });
 }

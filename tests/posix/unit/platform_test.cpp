@@ -51,7 +51,8 @@ TEST_F(Regions, AreReservedZeroAndReadableByAll)
     EXPECT_GE(static_cast<std::uint64_t>(status.st_blocks) * 512, size);
     char* view = View(region, 0, size);
     EXPECT_EQ(std::count(view, view + size, 0), static_cast<std::ptrdiff_t>(size));
-    EXPECT_TRUE(platform.UnmapView(view, size) && platform.CloseMapping(region));
+    EXPECT_TRUE(platform.UnmapView(view, size));
+    EXPECT_TRUE(platform.CloseMapping(region));
 }
 
 TEST_F(Regions, KeepTheirBytesFromViewToView)
@@ -66,7 +67,8 @@ TEST_F(Regions, KeepTheirBytesFromViewToView)
     fs::remove(path); // as a login manager does at logout
     std::ofstream(path) << "namesake";
     char* anew = View(region, 0, 4 * page);
-    EXPECT_TRUE(platform.UnmapView(tail, 2 * page) && platform.CloseMapping(region));
+    EXPECT_TRUE(platform.UnmapView(tail, 2 * page));
+    EXPECT_TRUE(platform.CloseMapping(region));
     EXPECT_STREQ(anew + 2 * page + 7, "seen by both");
     EXPECT_TRUE(platform.UnmapView(anew, 4 * page));
     EXPECT_TRUE(fs::remove(path)) << "closing took a namesake's name away";
@@ -82,14 +84,17 @@ TEST_F(Regions, AreRefusedWithTheirCauseAndNothingLeft)
         EXPECT_EQ(platform.CreateSharedMapping(refused.c_str(), page, ""), nullptr) << refused;
         EXPECT_EQ(Platform::LastError(), cause) << refused;
     }
-    EXPECT_TRUE(fs::file_size(path) == 4 && fs::remove(path) && fs::remove(path + "link"));
+    EXPECT_EQ(fs::file_size(path), 4u);
+    EXPECT_TRUE(fs::remove(path));
+    EXPECT_TRUE(fs::remove(path + "link"));
 
     void* region = Make(2 * page);
     const std::uint64_t bad[][2] = {
         {0, 0}, {0, 3 * page}, {2 * page, 1}, {page / 2, page}, {0 - page, 2 * page}};
     for (const auto& [offset, size] : bad)
         EXPECT_EQ(View(region, offset, size), nullptr) << offset << ", " << size;
-    EXPECT_TRUE(Platform::LastError() == EINVAL && platform.CloseMapping(region));
+    EXPECT_EQ(Platform::LastError(), static_cast<unsigned long>(EINVAL));
+    EXPECT_TRUE(platform.CloseMapping(region));
 }
 
 TEST(Limits, AreTheLeastOfAllGroupsAbove)
