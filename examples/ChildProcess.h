@@ -40,7 +40,10 @@ public:
         m_line = popen(command.c_str(), "w");
 #endif
     }
-    ~ReaderProcess() { End(); }
+    ~ReaderProcess()
+    {
+        End();
+    }
     ReaderProcess(const ReaderProcess&) = delete;
     ReaderProcess& operator=(const ReaderProcess&) = delete;
 

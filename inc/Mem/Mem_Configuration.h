@@ -63,8 +63,8 @@ public:
     virtual RWCString FileHeap_TempFileName();
 
     /// Folder of the temp files: the environment variable TEMP; if that isn't set or empty,
-    /// /var/tmp, or C:\ on Windows. A relative one is made absolute when it is set, or the object made, so that it stays
-    /// the same when the process changes its current folder.
+    /// /var/tmp, or C:\ on Windows. A relative one is made absolute when it is set, or the object
+    /// made, so that it stays the same when the process changes its current folder.
     virtual RWCString FileHeap_TempPath();
 
     /// Size of one temp file in MB; 1024 unless set.

@@ -13,8 +13,8 @@ void SetAllocationHandler(Platform::Process::AllocationHandler handler);
 /// @return whether another try is worth it.
 bool HelpMalloc(std::size_t size) noexcept;
 
-/// The same after `operator new` has failed. That asks malloc, so where malloc comes by HelpMalloc()
-/// this is the second time that the same failure comes by.
+/// The same after `operator new` has failed. That asks malloc, so where malloc comes by
+/// HelpMalloc() this is the second time that the same failure comes by.
 bool HelpNew() noexcept;
 
 #endif

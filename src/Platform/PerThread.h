@@ -16,8 +16,8 @@ class PerThread;
 #include <cstddef>
 
 // The compiler's own thread_local asks malloc at each thread's first use. The loader's needs
-// nobody: what lies between its first and last section, in the order of their letters, is copied for
-// each thread when that, or the library, comes.
+// nobody: what lies between its first and last section, in the order of their letters, is copied
+// for each thread when that, or the library, comes.
 #define PLATFORM_PER_THREAD [[gnu::section(".tls$MEMPAGER"), gnu::used]] static constinit
 
 extern "C" unsigned int _tls_index;

@@ -34,8 +34,8 @@ public:
     /// @return false if there was no memory for it.
     virtual bool OnFork(void (*prepare)(), void (*parent)(), void (*child)()) = 0;
 
-    /// Whether this thread is the only one left of a process that ends, because the system has ended
-    /// the others wherever they were: what they held, they hold for ever.
+    /// Whether this thread is the only one left of a process that ends, because the system has
+    /// ended the others wherever they were: what they held, they hold for ever.
     virtual bool OthersHaveEnded() = 0;
 
     // Memory --------------------------------------------------------------------------------

@@ -31,10 +31,11 @@ TEST_F(Sections, AreRefusedWithTheirCauseAndNothingLeft)
     void* const region = platform.CreateSharedMapping(name.c_str(), 2 * grain, "");
     ASSERT_NE(region, nullptr);
     const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, (name + "event").c_str());
-    const std::pair<std::string, unsigned long> causes[] = {
-        {name, ERROR_ALREADY_EXISTS}, {name + "event", ERROR_ALREADY_EXISTS},
-        {"", ERROR_INVALID_NAME},     {"Global\\" + name, ERROR_INVALID_NAME},
-        {"../" + name, ERROR_INVALID_NAME}};
+    const std::pair<std::string, unsigned long> causes[] = {{name, ERROR_ALREADY_EXISTS},
+                                                            {name + "event", ERROR_ALREADY_EXISTS},
+                                                            {"", ERROR_INVALID_NAME},
+                                                            {"Global\\" + name, ERROR_INVALID_NAME},
+                                                            {"../" + name, ERROR_INVALID_NAME}};
     for (const auto& [refused, cause] : causes) {
         EXPECT_EQ(platform.CreateSharedMapping(refused.c_str(), grain, ""), nullptr) << refused;
         EXPECT_EQ(Platform::LastError(), cause) << refused;
