@@ -24,13 +24,13 @@ int Read(int from)
     in >> info;
     MEM_PagerInfo piece = MEM_MemPager::GetHandle()->Register(info);
     if (piece.Map() != 0)
-        return 1; // refused, or its maker is gone; the log says why
+        return 1; // refused, or its creator is gone; the log says why
 
     std::printf("Reader %d sees: %s\n", getpid(), static_cast<const char*>(piece.Ptr()));
     std::puts("It can't write there: the memory is opened for reading only.");
     std::fflush(stdout);
     piece.Unmap();
-    return 0; // its handle goes with it; the piece stays the maker's
+    return 0; // its handle goes with it; the piece stays the creator's
 }
 
 bool Make(MEM_PagerInfo& piece, int to)

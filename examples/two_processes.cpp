@@ -17,7 +17,7 @@ int Read(int from)
     std::array<std::byte, 1024> bytes;
     const ssize_t length = read(from, bytes.data(), bytes.size()); // short: it arrives whole
     if (length <= 0)
-        return 1; // the maker has failed
+        return 1; // the creator has failed
     const auto descriptor = std::span(bytes).first(static_cast<std::size_t>(length));
     const mempager::foreign<double> numbers(descriptor);
     const auto values = numbers.map();

@@ -52,7 +52,7 @@ public:
         std::string path;             ///< of the file, with its folder
         std::string link;             ///< the path in shared memory that leads to it; empty if none
         std::uint64_t bytes = 0;      ///< of memory or disk that it takes
-        long process = 0;             ///< its maker's id, by the name; 0 if there is none
+        long process = 0;             ///< its creator's id, by the name; 0 if there is none
         std::string program;     ///< the name of that process's program; empty unless it is alive
         std::string owner;       ///< the user, by name, or by number if there is no name
         bool is_own = false;     ///< whether that is this process's user

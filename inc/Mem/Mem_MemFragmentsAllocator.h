@@ -42,7 +42,7 @@ struct Mem_MemFragmentInfo {
 /// A fragment that can't be mapped, for want of address space even after the cache was given up,
 /// is null, and so is every other fragment that isn't mapped from then on, until a Reallocate()
 /// has mapped its last ones again; the fragment in use goes on working. No byte is lost by it.
-/// After a Reallocate() that failed and found no room to map the old fragments either, every access
+/// After a Reallocate() that failed and couldn't map the old fragments again either, every access
 /// maps what it can, and gives up the other mapping if that helps: until a Reallocate() succeeds,
 /// only the latest pointer is sure to be good.
 ///
@@ -97,6 +97,7 @@ public:
 private:
     friend struct Mem_TestAccess;
     friend struct Mem_FragmentsResize;
+    friend class Mem_MappedFragments;
 
     static constexpr size_t kNone = static_cast<size_t>(-1);
 

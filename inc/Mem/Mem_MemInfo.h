@@ -215,7 +215,7 @@ public:
     RWCString GetInfoName() const { return m_info_name; }
     /// The name of the mapping that the region lies in.
     RWCString GetMappingName() const { return m_mapping_name; }
-    /// The maker's system handle of the mapping; of no use in another process.
+    /// The creator's system handle of the mapping; of no use in another process.
     void* GetOwnerHandle() const { return m_owner_handle; }
     /// Where the region begins in the mapping, in bytes.
     unsigned int GetOwnerOffset() const { return m_owner_offset; }

@@ -108,7 +108,7 @@ public:
     /// `info` is what the stream operator has read; it stays the caller's and can be registered
     /// again. Nothing is opened or mapped here: that a descriptor's region is gone shows at the
     /// first Map(), as a failure with a line in the log. The bytes stay for as long as the handle
-    /// has been mapped once and lives, but what the maker does with the piece meanwhile is
+    /// has been mapped once and lives, but what the creator does with the piece meanwhile is
     /// between the two processes. See docs/sharing.md.
     ///
     /// @return a handle that holds no mapping. It is empty, and a line at level 3 says why, for a

@@ -52,7 +52,8 @@ public:
     RWCString(RWCString&& other) noexcept : m_buffer(std::exchange(other.m_buffer, nullptr)) {}
     ~RWCString() { let_go(); }
 
-    /// As assign().
+    /// As assign(), which bears being given this string itself.
+    // NOLINTNEXTLINE(bugprone-unhandled-self-assignment)
     RWCString& operator=(const RWCString& other) noexcept { return assign(other); }
     /// Takes the buffer; `other` is empty afterwards, unless it is this string.
     RWCString& operator=(RWCString&& other) noexcept

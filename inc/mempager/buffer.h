@@ -157,7 +157,7 @@ public:
     void reserve(std::size_t size)
     {
         const auto lock = alone("buffer::reserve");
-        m_store->make_room(size, false, false);
+        m_store->raise_capacity(size, false, false);
         m_store->unmap();
     }
     /// The same without an exception: `code` tells a failure, and is cleared otherwise.
@@ -317,8 +317,8 @@ private:
     void put_all(Range& range)
     {
         if constexpr (std::ranges::sized_range<Range>)
-            m_store->make_room(m_store->size() + std::size_t(std::ranges::size(range)), true,
-                               false);
+            m_store->raise_capacity(m_store->size() + std::size_t(std::ranges::size(range)), true,
+                                    false);
         if constexpr (std::ranges::contiguous_range<Range> && std::ranges::sized_range<Range> &&
                       std::same_as<std::ranges::range_value_t<Range>, T>)
             m_store->put_all({std::ranges::data(range), std::size_t(std::ranges::size(range))});

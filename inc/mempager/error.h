@@ -27,56 +27,62 @@ enum class errc {
     bad_file,       ///< the file isn't a whole number of elements
 };
 
+/// @cond
+namespace detail
+{
+class category_of_errc final : public std::error_category
+{
+public:
+    const char* name() const noexcept override { return "mempager"; }
+    std::string message(int code) const override { return text(static_cast<errc>(code)); }
+    std::error_condition default_error_condition(int code) const noexcept override
+    {
+        return condition(static_cast<errc>(code));
+    }
+
+private:
+    static const char* text(errc code) noexcept
+    {
+        switch (code) {
+        case errc::no_memory:
+            return "no memory left for it";
+        case errc::no_room:
+            return "no room to map it";
+        case errc::too_large:
+            return "too large";
+        case errc::in_use:
+            return "in use by a cursor, or being resized";
+        case errc::bad_descriptor:
+            return "not a descriptor of such elements from another process";
+        case errc::bad_file:
+            return "not a file of such elements";
+        }
+        return "unknown error";
+    }
+    static std::errc condition(errc code) noexcept
+    {
+        switch (code) {
+        case errc::no_memory:
+        case errc::no_room:
+            return std::errc::not_enough_memory;
+        case errc::too_large:
+            return std::errc::value_too_large;
+        case errc::in_use:
+            return std::errc::device_or_resource_busy;
+        default:
+            return std::errc::invalid_argument;
+        }
+    }
+};
+} // namespace detail
+/// @endcond
+
 /// The category of the codes above, named "mempager". They compare equal to the conditions of
 /// std::errc that mean the same: not_enough_memory, value_too_large, device_or_resource_busy and
 /// invalid_argument. Threads: any.
 inline const std::error_category& category() noexcept
 {
-    class texts final : public std::error_category
-    {
-    public:
-        const char* name() const noexcept override { return "mempager"; }
-        std::string message(int code) const override { return text(static_cast<errc>(code)); }
-        std::error_condition default_error_condition(int code) const noexcept override
-        {
-            return condition(static_cast<errc>(code));
-        }
-
-    private:
-        static const char* text(errc code) noexcept
-        {
-            switch (code) {
-            case errc::no_memory:
-                return "no memory left for it";
-            case errc::no_room:
-                return "no room to map it";
-            case errc::too_large:
-                return "too large";
-            case errc::in_use:
-                return "in use by a cursor, or being resized";
-            case errc::bad_descriptor:
-                return "not a descriptor of such elements from another process";
-            case errc::bad_file:
-                return "not a file of such elements";
-            }
-            return "unknown error";
-        }
-        static std::errc condition(errc code) noexcept
-        {
-            switch (code) {
-            case errc::no_memory:
-            case errc::no_room:
-                return std::errc::not_enough_memory;
-            case errc::too_large:
-                return std::errc::value_too_large;
-            case errc::in_use:
-                return std::errc::device_or_resource_busy;
-            default:
-                return std::errc::invalid_argument;
-            }
-        }
-    };
-    static const texts the_category;
+    static const detail::category_of_errc the_category;
     return the_category;
 }
 

@@ -91,7 +91,7 @@ public:
         }
     }
 
-    /// The same if the fragment is mapped and has room.
+    /// The same if the last fragment is mapped and has capacity.
     bool put_at_hand(const T& value) noexcept
     {
         const std::size_t place = m_size - m_tail_first;
@@ -102,15 +102,15 @@ public:
         return true;
     }
 
-    /// Appends copies of `values`, for which there is room.
+    /// Appends copies of `values`, for which there is capacity.
     void put_all(std::span<const T> values)
     {
         while (!values.empty()) {
             if (m_size - m_tail_first >= m_tail.size())
                 turn_to_end();
-            const std::span<T> room = m_tail.subspan(m_size - m_tail_first);
-            const std::size_t count = std::min(room.size(), values.size());
-            std::copy_n(values.data(), count, room.data());
+            const std::span<T> unused = m_tail.subspan(m_size - m_tail_first);
+            const std::size_t count = std::min(unused.size(), values.size());
+            std::copy_n(values.data(), count, unused.data());
             m_size += count;
             values = values.subspan(count);
         }
@@ -121,13 +121,13 @@ public:
     {
         if (with_values)
             clear_from(m_size, std::min(size, capacity()));
-        make_room(size, false, with_values);
+        raise_capacity(size, false, with_values);
         m_size = size;
     }
 
-    /// Makes room for `size` elements, for more than that if `generous`: appending one by one then
+    /// Raises the capacity to `size` elements, to more if `generous`: appending one by one then
     /// copies each element once or twice. Copies one fragment at most.
-    void make_room(std::size_t size, bool generous, bool with_values)
+    void raise_capacity(std::size_t size, bool generous, bool with_values)
     {
         if (size <= capacity())
             return;
@@ -238,7 +238,7 @@ private:
 
     void turn_to_end()
     {
-        make_room(m_size + 1, true, false);
+        raise_capacity(m_size + 1, true, false);
         const std::size_t number = m_size / per_fragment;
         if (m_tail.empty() || m_tail_first != number * per_fragment) {
             m_tail = m_pieces[number].map();

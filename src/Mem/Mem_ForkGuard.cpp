@@ -7,7 +7,8 @@
 
 namespace
 {
-/// In order, waiting is safe; against the order, a lock is only tried.
+/// Takes a lock, or only tries it if this thread holds one that comes later in the order of locks:
+/// to wait for it then could last for ever. @return whether it was taken.
 bool take(WindowUnixMutex& mutex, bool against_order)
 {
     if (against_order)

@@ -103,7 +103,8 @@ Entry entry_for(const std::string& path, Kind kind, const Facts& facts)
     return entry;
 }
 
-/// A link and its file have one name, unless regions are carved from the file.
+/// What a link in the folder of mappings leads to: a region that lies in the temp folder has the
+/// link's name, a temp file that regions are carved from has one of its own.
 Kind kind_behind(const std::string& link, const std::string& target)
 {
     return last_part(link) == last_part(target) ? Kind::SpareRegion : Kind::TempFile;
@@ -153,7 +154,7 @@ private:
         return may;
     }
 
-    /// Whatever it is called.
+    /// Whether a path leads to the folder of mappings, be it under another name.
     bool is_mapping_folder(const std::string& folder) const
     {
         Facts facts[2];
@@ -182,8 +183,9 @@ private:
         m_entries.insert_or_assign(path, std::move(entry));
     }
 
-    /// Only the user who owns the file can have meant the link, and only one's own links are worth
-    /// following to where nobody has looked.
+    /// Adds a link to the entry of the file that it leads to, if both belong to the same user:
+    /// other links could have been planted. A link to a file that wasn't found before is followed
+    /// only if it is this user's own. All others stand for themselves.
     void add_link(const std::string& link, const Facts& facts)
     {
         const std::string target = tidied(facts.target);
@@ -263,11 +265,11 @@ Mem_Inspection::Removal remove(const Entry& leftover)
     };
     if (leftover.kind == Kind::LostLink)
         return remove_link(leftover.path);
-    const auto removal = outcome_for(
+    auto removal = outcome_for(
         leftover, Platform::Mappings::Get().RemoveDeadFile(leftover.path.c_str()), leftover.path);
     if (removal.outcome == Mem_Inspection::Outcome::Kept || leftover.link.empty())
         return removal;
-    const auto of_link = remove_link(leftover.link);
+    auto of_link = remove_link(leftover.link);
     return of_link.outcome == Mem_Inspection::Outcome::Kept ? of_link : removal;
 }
 

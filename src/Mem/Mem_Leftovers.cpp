@@ -7,10 +7,10 @@
 
 namespace
 {
-// For each of the walks.
+// How long each of the walks may take, before a later region and when memory or a disk is full.
 constexpr Mem_Leftovers::Duration later{2};
-constexpr Mem_Leftovers::Duration for_room{70};
-constexpr std::chrono::seconds between_two_searches_for_room{1};
+constexpr Mem_Leftovers::Duration when_full{70};
+constexpr std::chrono::seconds between_two_searches{1};
 } // namespace
 
 void Mem_Leftovers::GoOn(Duration most)
@@ -36,7 +36,9 @@ void Mem_Leftovers::GoRound(Duration most)
     GoOn(std::chrono::duration_cast<Duration>(end - Clock::now()));
 }
 
-/// A folder may count places by the names that are there, so what was removed moves the rest.
+/// Lists some names and goes on behind them, unless one of them was removed: a system may count the
+/// names from the folder's begin, and then a removal moves all later ones. The same names are
+/// listed once more in that case.
 void Mem_Leftovers::step()
 {
     Platform::Mappings::Place next = m_place;
@@ -46,7 +48,8 @@ void Mem_Leftovers::step()
         m_place = next;
 }
 
-/// A removal takes its time: the names that the step then leaves out come again.
+/// Each removal takes time. Once that is over, the step's other names are passed by; since the step
+/// has removed something, they are listed again.
 void Mem_Leftovers::Take(const char* name)
 {
     const bool is_late = m_removed_in_step != 0 && Clock::now() >= m_until;
@@ -81,16 +84,16 @@ void Mem_CleanUp::GoOn()
         (*next)->GoOn(later);
 }
 
-bool Mem_CleanUp::MakeRoom()
+bool Mem_CleanUp::MakeSpace()
 {
     const auto now = std::chrono::steady_clock::now();
     if (now < m_not_before)
         return false;
-    m_not_before = now + between_two_searches_for_room;
+    m_not_before = now + between_two_searches;
     std::size_t before = 0, after = 0;
     for (Mem_Leftovers* const walk : m_walks) {
         before += walk->Removed();
-        walk->GoRound(for_room);
+        walk->GoRound(when_full);
         after += walk->Removed();
     }
     return after != before;

@@ -76,7 +76,7 @@ private:
 };
 
 /// What the process does about leftovers, in all folders: some of it before its first region, the
-/// rest bit by bit before later ones, and once more when room is wanted.
+/// rest bit by bit before later ones, and once more when memory or a disk is full.
 class Mem_CleanUp
 {
 public:
@@ -92,9 +92,9 @@ public:
     /// A small part, if there is something to do still.
     void GoOn();
 
-    /// Looks for leftovers whose room can be used, at most once a second.
+    /// Removes leftovers, so that what they take can be used, at most once a second.
     /// @return whether there were any.
-    bool MakeRoom();
+    bool MakeSpace();
 
 private:
     Mem_Leftovers* const m_walks[3];

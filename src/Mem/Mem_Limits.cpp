@@ -11,14 +11,15 @@ constinit Mem_Limits ViewLimits;
 void Mem_Limits::Met()
 {
     m_met = Platform::Mappings::Get().LastLimits(m_text, sizeof m_text);
-    m_is_room = Platform::Mappings::Get().LastCause() == Platform::Mappings::Cause::Full;
+    m_is_full = Platform::Mappings::Get().LastCause() == Platform::Mappings::Cause::Full;
 }
 
 void Mem_Limits::MetSetting(const char* form, unsigned long long first, unsigned long long second,
-                            bool is_room)
+                            bool is_full)
 {
-    m_is_room = is_room;
-    constexpr std::uint64_t not_the_platforms = std::uint64_t{1} << 63; // whose have 32 bits
+    m_is_full = is_full;
+    // The platform's limits are numbers of 32 bits, so this bit keeps ours apart from them.
+    constexpr std::uint64_t not_the_platforms = std::uint64_t{1} << 63;
     m_met = reinterpret_cast<std::uintptr_t>(form) | not_the_platforms;
     std::snprintf(m_text, sizeof m_text, form, first, second);
 }
@@ -27,7 +28,7 @@ void Mem_Limits::Ended()
 {
     m_met = 0;
     m_told = 0;
-    m_is_room = false;
+    m_is_full = false;
 }
 
 void Mem_Limits::Tell(const char* function)

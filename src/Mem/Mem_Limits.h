@@ -17,12 +17,12 @@ public:
 
     /// The same for a limit that the settings or this library have set. `form`, printf's for the
     /// two numbers, is a literal and stands for the limit.
-    /// `is_room`: others' room could be used instead.
+    /// `is_full`: memory or a disk is full, so that it would help if others left some of it.
     void MetSetting(const char* form, unsigned long long first, unsigned long long second,
-                    bool is_room = false);
+                    bool is_full = false);
 
-    /// Whether what was met last is that memory or a disk has no room.
-    bool IsRoom() const { return m_is_room; }
+    /// Whether what was met last is that memory or a disk is full.
+    bool IsFull() const { return m_is_full; }
 
     /// An operation of this kind succeeded.
     void Ended();
@@ -34,7 +34,7 @@ public:
 private:
     std::uint64_t m_met = 0; ///< stands for the limits; 0 for none
     std::uint64_t m_told = 0;
-    bool m_is_room = false;
+    bool m_is_full = false;
     char m_text[256] = "";
 };
 

@@ -157,8 +157,8 @@ void write_name(Zor_oBuffer& out, const RWCString& name)
     out.write(name.data(), static_cast<std::streamsize>(name.length()));
 }
 
-/// Reads a name into `name`, which has room for the longest and a zero. @return its length; -1 if
-/// there is none to be had, and the stream has failed then.
+/// Reads a name into `name`, an array for kLongestName bytes and a zero. @return the name's length;
+/// -1 if the stream doesn't hold one, and it has failed then.
 int read_name(Zor_iBuffer& in, char* name)
 {
     int length = 0;

@@ -71,8 +71,7 @@ MEM_MemInfo* MEM_MemPager::ask_heap(unsigned int size, unsigned int alignment,
                                     unsigned int always_mapped, unsigned int group_id)
 {
     BaseInfo* piece = nullptr;
-    m_heap->SetClient(this);
-    if (m_heap->Allocate(size, alignment, &piece, always_mapped, group_id) != 0)
+    if (m_heap->AllocateFor(this, size, alignment, &piece, always_mapped, group_id) != 0)
         return nullptr;
     // The pager's heap hands out nothing else.
     return static_cast<MEM_MemInfo*>(piece);
@@ -167,7 +166,8 @@ int MEM_MemPager::register_new_block(MEM_MemInfo& info)
 {
     const RWCString name = info.Owner()->Name();
     if (m_rooms->blocks.IdOf(name) >= 0) {
-        // Names can be foreseen, and so forged; a piece on the foreign view couldn't be written to.
+        // Another process can foresee a name, and describe a region of its own by it. A new piece
+        // must not rest on that region's view, which can't be written to.
         ZOR_LOG("MEM_MemPager::Register", 3,
                 "Register: Refused a new region: a descriptor from outside bears its name\n");
         return -1;
@@ -196,7 +196,9 @@ MEM_PagerInfo MEM_MemPager::Register(MEM_MemInfo& info)
         internal_register(info, &handle);
         check_invariants();
     }
-    return handle; // copying or destroying it takes a stripe, which comes before the mutex
+    // Copying or destroying the handle takes its stripe, so the mutex, which comes after stripes,
+    // was given back before.
+    return handle;
 }
 
 bool MEM_MemPager::made_here(MEM_MemInfo& info) const
@@ -261,8 +263,8 @@ void MEM_MemPager::StreamMemInfo(MEM_PagerInfo& info, Zor_oBuffer& out)
     out << *info.GetMemInfoPtr();
 }
 
-// The heap destroys the owner with the last piece, so the block leaves the tables before: whatever
-// comes in between, they are whole.
+// A block leaves the tables before its last piece goes back to the heap, since the heap destroys
+// the owner then, and the tables must never name an owner that is gone.
 int MEM_MemPager::Free(MEM_PagerInfo& info)
 {
     WindowUnixGuard lock(&mutex);
@@ -319,7 +321,8 @@ int MEM_MemPager::MapWithoutLocks(MEM_PagerInfo& info)
     return 0;
 }
 
-/// What a map of the block counts as: nothing where others hold it mapped.
+/// The counter for a map of the block. A block that is mapped already costs nothing, and isn't
+/// counted.
 Mem_Counter MEM_MemPager::counter_of_map(const RegisteredBlock& block)
 {
     if (block.stat == RegisteredBlock::kMapped)
@@ -329,7 +332,8 @@ Mem_Counter MEM_MemPager::counter_of_map(const RegisteredBlock& block)
                                      : Mem_PagerCounters::MAP_FROM_SHARED_COUNTER_NAME);
 }
 
-/// Sees to it that the block has a view, for which the cache may be given up.
+/// Makes a view of the block if it has none. If that fails, and `try_clear`, the cache is given up
+/// and the view is tried once more.
 int MEM_MemPager::private_map(RegisteredBlock& block, bool try_clear)
 {
     Mem_Views& views = m_rooms->views;
@@ -397,7 +401,7 @@ void MEM_MemPager::keep_or_drop(int id, RegisteredBlock& block)
         m_rooms->counters.Get(Mem_PagerCounters::UNMAP_TO_SHARED_COUNTER_NAME);
     to_cache.Mark();
     if (views.TotalMapped() > CacheLimit() && !views.EvictAtLeast(block.owner->Size(), to_shared)) {
-        views.Drop(block); // nothing older could make room
+        views.Drop(block); // the older views are not large enough
         to_shared.Close();
     } else {
         views.EnterCache(id, block);

@@ -27,6 +27,7 @@ MEM_PagerInfo::MEM_PagerInfo(const MEM_PagerInfo& other, bool)
     copy(other, true);
 }
 
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): equal states are left alone
 MEM_PagerInfo& MEM_PagerInfo::operator=(const MEM_PagerInfo& other)
 {
     if (m_state != other.m_state) {
@@ -73,7 +74,8 @@ void MEM_PagerInfo::assign(std::unique_ptr<PagerInfoState> state, int blk_id, ME
     m_pager = pager;
 }
 
-// No locked instruction: if two threads take the same stripe by it, no harm is done.
+// Read and written in two steps, which is faster than one atomic step. Two threads that meet here
+// get the same stripe, and may: stripes are shared anyway.
 int MEM_PagerInfo::next_stripe()
 {
     const unsigned int stripe = m_MutexCounter.load(std::memory_order_relaxed);
@@ -160,7 +162,8 @@ void MEM_PagerInfo::release()
 
 void MEM_PagerInfo::free_piece()
 {
-    // Handles end here, also those that a client has made of an id that doesn't exist.
+    // A destructor comes by here, so nothing may be thrown, not even for a handle that a client has
+    // made of the id of no block.
     try {
         if (m_pager != nullptr)
             m_pager->Free(*this);

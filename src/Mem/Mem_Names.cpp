@@ -34,7 +34,8 @@ bool take(std::string_view& rest, std::string_view text)
     return begins_so;
 }
 
-/// The first number is a process's: above 0.
+/// Whether the name is s_BlockPrefix and three numbers, the first of which, a process's id, is
+/// above 0.
 bool is_unique_name(std::string_view name)
 {
     return take(name, BaseMapInfo::s_BlockPrefix) && !name.starts_with("_-") &&
@@ -51,16 +52,19 @@ RWCString unique_name(long long number)
     return RWCString(text);
 }
 
-/// Above all that are given in turn, and of no more digits than those can have.
+/// A random number, so that nobody can have planted something under the name that it makes. It is
+/// above every number that is given in turn, these being ints, and has at most 11 digits, as many
+/// characters as those can have with their sign.
 long long unforeseeable_number()
 {
     constexpr std::uint64_t least = std::uint64_t{1} << 31, end = 100'000'000'000;
-    return static_cast<long long>(least + Platform::Process::Get().RandomNumber() % (end - least));
+    const std::uint64_t number = least + Platform::Process::Get().RandomNumber() % (end - least);
+    return static_cast<long long>(number);
 }
 
 std::string_view view_of(const RWCString& text)
 {
-    return {text.data(), text.length()}; // a zero in the middle is no form
+    return {text.data(), text.length()}; // with a zero byte in the middle, if there is one
 }
 
 /// Takes the next run without "_" off the front, as a tokenizer does.
@@ -113,6 +117,7 @@ bool BaseMapInfo::IsTempFileName(const char* name, const RWCString& first_part)
     return take(rest, view_of(first_part)) && is_unique_name(rest);
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): a copy shares the bytes
 int BaseMapInfo::GetProcessIdFromUniqueName(RWCString name)
 {
     return GetProcessIdFromUniqueName(name.data());

@@ -17,9 +17,9 @@ Mem_PagerInfoVecLockGuard::~Mem_PagerInfoVecLockGuard()
     MEM_MemPager::mutex_vec.ReleaseMutex();
 }
 
-// A stripe that several handles share, or that a guard around this one holds, is taken once. They
-// are taken by rising number: `mutex_vec` lets one thread at a time take several, and this order
-// would be safe without it.
+// Each stripe is taken once, though several handles may share it and a guard around this one may
+// hold it. Stripes are taken in the order of their numbers, so that two threads that take several
+// can't wait for each other; `mutex_vec`, which is held here, would prevent that by itself.
 void Mem_PagerInfoVecLockGuard::take_stripes()
 {
     for (int i = 0; i < m_count; ++i)

@@ -85,7 +85,8 @@ MEM_MemPager* MEM_MemPager::publish(MEM_MemPager& pager, ProcessSlot& slot)
     return &pager;
 }
 
-// A function's own, since it names locks that are private to their classes; ready from the start.
+// The guard is a member function's static object, because the locks that it takes are private to
+// their classes. It is initialised at compile time, so it works before any constructor has run.
 Mem_ForkGuard& MEM_MemPager::fork_guard()
 {
     static constinit Mem_ForkGuard guard(mutex_vec, MEM_PagerInfo::mutex, mutex);
@@ -99,8 +100,9 @@ bool MEM_MemPager::guard_forks()
     return guarded;
 }
 
-// From the start: a fork may come while another thread uses a pager for the very first time. So,
-// too, the locks that hosts take around a fork are taken before these, as in their other calls.
+// Forks are guarded from the time that the library is loaded, since a fork may come while another
+// thread makes the first pager. That also sets the order of locks: what a host registers later for
+// forks is run earlier, so the host's own locks are taken before the library's, as in all calls.
 const bool MEM_MemPager::s_forks_are_guarded = guard_forks();
 
 // The guard holds the locks here, which the analysis can't see.
@@ -115,8 +117,9 @@ FIBREX_NO_THREAD_SAFETY_ANALYSIS void MEM_MemPager::after_fork_in_child()
     fork_guard().AfterInParent();
 }
 
-// A thread that is inside may wait for the one that ends the process, or be gone already, as on
-// some systems: then the pager only closes.
+// The thread that holds the lock may itself wait for the thread that ends the process, or the
+// system may have ended it already. So after a while the pager closes without the lock, and keeps
+// its cache.
 void MEM_MemPager::end()
 {
     if (!mutex.CatchMutexFor(kLongestWaitAtTheEnd)) {
@@ -167,7 +170,8 @@ int MEM_MemPager::clear_cache_handler(std::size_t size, bool reported, std::uint
 {
     if (!reported)
         Mem_PagerLog::AllocationFailed(size);
-    // The thread that failed may hold a lock of the host's that whoever holds `mutex` waits for.
+    // This thread may hold a lock of the host's for which the holder of `mutex` waits, so it must
+    // not wait for `mutex` for ever.
     if (!mutex.CatchMutexFor(kLongestWaitInHandler)) {
         if (was_helped(mark))
             return 1;

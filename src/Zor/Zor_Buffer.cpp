@@ -1,5 +1,6 @@
 #include "Zor/Zor_Buffer.h"
 
+#include <bit>
 #include <cstdint>
 
 namespace
@@ -88,7 +89,7 @@ Zor_iBuffer& Zor_iBuffer::operator>>(unsigned int& value)
 Zor_iBuffer& Zor_iBuffer::Read64bitHandle(void*& handle)
 {
     handle = nullptr;
-    handle =
-        reinterpret_cast<void*>(static_cast<std::uintptr_t>(read_number<std::uint64_t>(*this)));
+    const std::uintptr_t bits = read_number<std::uint64_t>(*this);
+    handle = std::bit_cast<void*>(bits);
     return *this;
 }
