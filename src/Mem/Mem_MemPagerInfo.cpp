@@ -2,6 +2,7 @@
 
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_MemPager.h"
+#include "Mem/Mem_Refusal.h"
 #include "NRVlog/Zor_Log.h"
 
 #include <memory>
@@ -193,10 +194,19 @@ void MEM_PagerInfo::SetBlkId(int blk_id)
         m_state->blk_id.store(blk_id, std::memory_order_relaxed);
 }
 
+namespace
+{
+int refuse_empty_handle(Mem_Reason::Operation operation)
+{
+    Refuse(operation, Mem_Reason::Limit::Request, "the handle is empty");
+    return -1;
+}
+} // namespace
+
 int MEM_PagerInfo::count_map(int (MEM_MemPager::*map_block)(MEM_PagerInfo&))
 {
     if (m_state == nullptr)
-        return -1;
+        return refuse_empty_handle(Mem_Reason::Operation::Map);
     if (m_state->map_count == 0) {
         const int result = (m_pager->*map_block)(*this);
         if (result != 0)
@@ -210,7 +220,7 @@ int MEM_PagerInfo::count_map(int (MEM_MemPager::*map_block)(MEM_PagerInfo&))
 int MEM_PagerInfo::Map()
 {
     if (m_state == nullptr)
-        return -1;
+        return refuse_empty_handle(Mem_Reason::Operation::Map);
     WindowUnixGuard lock(&stripe());
     return count_map(&MEM_MemPager::Map);
 }
@@ -224,10 +234,12 @@ bool MEM_PagerInfo::may_unmap(const char* function) const
 {
     if (m_state == nullptr) {
         ZOR_LOG(function, 3, "Unmap: Tried to unmap an invalid PagerInfo!\n");
+        refuse_empty_handle(Mem_Reason::Operation::Other);
         return false;
     }
     if (map_count() <= 0) {
         ZOR_LOG(function, 6, "Unmap: Tried to unmap an already unmapped PagerInfo!\n");
+        Refuse(Mem_Reason::Operation::Other, Mem_Reason::Limit::Request, "it holds no mapping");
         return false;
     }
     return true;
@@ -262,7 +274,7 @@ int MEM_PagerInfo::UnmapWithoutLocks()
 int MEM_PagerInfo::Cache()
 {
     if (m_state == nullptr)
-        return -1;
+        return refuse_empty_handle(Mem_Reason::Operation::Cache);
     WindowUnixGuard lock(&stripe());
     return m_state != nullptr ? m_pager->Cache(*this) : -1;
 }

@@ -28,7 +28,7 @@ struct Trouble {
 };
 [[gnu::tls_model("initial-exec")]] constinit thread_local Trouble trouble;
 
-bool ask_handler(std::size_t size, bool reported) noexcept
+bool ask_handler(std::size_t size, bool throws, bool reported) noexcept
 {
     const AllocationHandler handler = allocation_handler.load(std::memory_order_acquire);
     if (handler == nullptr || trouble.inside)
@@ -37,7 +37,7 @@ bool ask_handler(std::size_t size, bool reported) noexcept
     trouble.inside = true;
     bool again = false;
     try {
-        again = handler({size, reported, trouble.mark}) != 0;
+        again = handler({size, throws, reported, trouble.mark}) != 0;
     } catch (...) {
         again = false; // it gave up, as std::bad_alloc tells
     }
@@ -50,7 +50,7 @@ bool ask_handler(std::size_t size, bool reported) noexcept
 void on_new_failure()
 {
     const bool reported = std::exchange(trouble.reported, false);
-    if (!ask_handler(std::exchange(trouble.size, 0), reported))
+    if (!ask_handler(std::exchange(trouble.size, 0), true, reported))
         throw std::bad_alloc();
 }
 
@@ -75,7 +75,7 @@ void PosixProcess::OnAllocationFailure(AllocationHandler handler)
 bool ReclaimForMalloc(std::size_t size) noexcept
 {
     const KeepErrno keep;
-    if (ask_handler(size, false))
+    if (ask_handler(size, false, false))
         return true;
     trouble.reported = !trouble.inside && allocation_handler.load(std::memory_order_relaxed);
     trouble.size = size;

@@ -137,10 +137,18 @@ void MeetNoNewFile(const char* path)
         meet_full(full, 0);
 }
 
-std::uint32_t PosixMappings::LastLimits(char* text, std::size_t size)
+Platform::Mappings::LimitsMet PosixMappings::LastLimits(char* text, std::size_t size)
 {
-    const char* separator = "";
+    LimitsMet result;
+    result.set = met.set;
     *text = '\0';
+    for (int i = LimitCount - 1; i >= 0; --i)
+        if ((met.set & 1u << i) != 0) {
+            result.first = LimitTable[i].subject;
+            result.most = met.numbers[i].most;
+            result.left = met.numbers[i].left;
+        }
+    const char* separator = "";
     for (int i = 0; i < LimitCount; ++i) {
         if ((met.set & 1u << i) == 0)
             continue;
@@ -152,5 +160,5 @@ std::uint32_t PosixMappings::LastLimits(char* text, std::size_t size)
               in_units(met.numbers[i].left));
         separator = "; ";
     }
-    return met.set;
+    return result;
 }
