@@ -27,9 +27,30 @@
 #define FIBREX_RELEASE(...) FIBREX_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define FIBREX_NO_THREAD_SAFETY_ANALYSIS FIBREX_ATTRIBUTE(no_thread_safety_analysis)
 
+#if defined(_WIN32)
+/// What WindowUnixMutex sleeps on where std::mutex can't be constant-initialised: one word, and
+/// nothing to construct or to destroy. Threads: any. Never throws, allocates nothing.
+class MEMPAGER_EXPORT FibrexSystemLock
+{
+public:
+    /// Takes the lock, waiting for it.
+    void lock() noexcept;
+    /// Takes the lock if it is free. @return whether it was.
+    bool try_lock() noexcept;
+    /// Gives the lock back; for the thread that has it.
+    void unlock() noexcept;
+
+private:
+    void* m_word = nullptr; // the system's, an SRWLOCK
+};
+#else
+/// What WindowUnixMutex sleeps on.
+using FibrexSystemLock = std::mutex;
+#endif
+
 /// A mutex that the thread which holds it may take again; it is free after as many releases.
 ///
-/// Made of an owner word beside a std::mutex: taking it again costs one comparison, and a mutex
+/// Made of an owner word beside the system's lock: taking it again costs one comparison, and a mutex
 /// that is held across a fork can be released in the child by the thread that forked.
 /// Constant-initialised, so one in static storage works before any constructor has run.
 /// Threads: any. Never throws; a release by a thread that doesn't hold it is ignored.
@@ -96,7 +117,11 @@ public:
 private:
     // The bits of a thread's id: unlike the id itself they can be constant-initialised. No thread
     // has the id of all zeros.
+#if defined(_WIN32)
+    using Owner = std::uint64_t;
+#else
     using Owner = std::conditional_t<sizeof(std::thread::id) == 8, std::uint64_t, std::uint32_t>;
+#endif
     /// What the library guards is mostly done sooner than a thread goes to sleep and is woken, so
     /// a waiting thread looks again for a tenth of a millisecond or so. It looks seldom: each
     /// change of hands moves the mutex, and all that it guards, from one processor's cache to the
@@ -121,14 +146,18 @@ private:
 
     static Owner this_thread() noexcept
     {
-#if defined(__x86_64__) && defined(__GNUC__)
+#if defined(_WIN32) && defined(__GNUC__)
+        Owner thread; // where the system keeps what it knows of the thread
+        __asm__("movq %%gs:0x30, %0" : "=r"(thread));
+        return thread;
+#elif defined(__x86_64__) && defined(__GNUC__)
         return reinterpret_cast<Owner>(__builtin_thread_pointer()); // the same, without a call
 #else
         return std::bit_cast<Owner>(std::this_thread::get_id());
 #endif
     }
 
-    std::mutex m_mutex;
+    FibrexSystemLock m_mutex;
     std::atomic<Owner> m_owner{0};
     int m_depth = 0; // touched by the owner only
 };

@@ -3,6 +3,10 @@
 
 #include "mempager_export.h"
 
+#if defined(_WIN32)
+#undef GetFreeSpace // windows.h has it as a macro, for a call of 16-bit days
+#endif
+
 /// Questions about file systems. Threads: any. Never throws.
 class MEMPAGER_EXPORT Zor_FileSystemUtils
 {

@@ -2,6 +2,7 @@
 
 #include "Mem/Mem_Limits.h"
 #include "Mem/Mem_Refusal.h"
+#include "Platform/PerThread.h"
 #include "Platform/Subject.h"
 
 #include <cstdio>
@@ -14,8 +15,7 @@ namespace
 using Limit = Mem_Reason::Limit;
 using Operation = Mem_Reason::Operation;
 
-/// The model keeps the first touch in a thread from allocating.
-[[gnu::tls_model("initial-exec")]] constinit thread_local Mem_Reason last_reason;
+PLATFORM_PER_THREAD PerThread<Mem_Reason> last_reason{{}};
 
 const char* text_of(Operation operation)
 {
@@ -100,13 +100,13 @@ static_assert(static_cast<int>(Limit::Setting) == Platform::LimitCount,
 /// A new reason in the place of the last one.
 Mem_Reason& begin(Operation operation, Limit limit, std::uint64_t wanted) noexcept
 {
-    const std::uint64_t number = last_reason.number + 1;
-    last_reason = {};
-    last_reason.operation = operation;
-    last_reason.limit = limit;
-    last_reason.wanted = wanted;
-    last_reason.number = number;
-    return last_reason;
+    const std::uint64_t number = last_reason->number + 1;
+    *last_reason = {};
+    last_reason->operation = operation;
+    last_reason->limit = limit;
+    last_reason->wanted = wanted;
+    last_reason->number = number;
+    return *last_reason;
 }
 
 } // namespace
@@ -123,13 +123,13 @@ void Refuse(Operation operation, const Mem_Limits& limits, std::uint64_t wanted)
 
 void RefuseWhole(Operation operation, std::uint64_t wanted) noexcept
 {
-    last_reason.operation = operation;
-    last_reason.wanted = wanted;
+    last_reason->operation = operation;
+    last_reason->wanted = wanted;
 }
 
 Mem_Reason Mem_Reason::Last() noexcept
 {
-    return last_reason;
+    return *last_reason;
 }
 
 void Mem_Reason::SetText(const char* words) noexcept

@@ -3,6 +3,7 @@
 #include "Fibrex/WindowUnixMutex.h"
 #include "Platform/Inspection.h"
 #include "Platform/KeepErrno.h"
+#include "Platform/PerThread.h"
 #include "Platform/PlainDecimals.h"
 #include "Platform/Process.h"
 
@@ -87,11 +88,7 @@ constinit Levels levels;
 
 // Sinks -----------------------------------------------------------------------------------------
 
-// A thread's first use of a variable with this mark needs no memory, also in a library that was
-// loaded late: a line is most wanted when there is none.
-#define NRVLOG_THREAD [[gnu::tls_model("initial-exec")]] constinit thread_local
-
-NRVLOG_THREAD bool inside_sink = false;
+PLATFORM_PER_THREAD PerThread<bool> inside_sink{false};
 
 /// The host's sink. A sink that was replaced waits until no thread is inside any.
 class Sinks
@@ -109,7 +106,7 @@ public:
     /// @return false if there is no sink for the record.
     bool Take(const Zor_LogRecord& record) noexcept
     {
-        if (inside_sink || m_current.load(std::memory_order_relaxed) == nullptr)
+        if (*inside_sink || m_current.load(std::memory_order_relaxed) == nullptr)
             return false;
         const Visit visit(m_visitors);
         Node* const node = m_current.load();
@@ -129,13 +126,13 @@ private:
     struct Visit {
         explicit Visit(std::atomic<int>& visitors) noexcept : m_visitors(visitors)
         {
-            inside_sink = true;
+            *inside_sink = true;
             m_visitors.fetch_add(1);
         }
         ~Visit()
         {
             m_visitors.fetch_sub(1);
-            inside_sink = false;
+            *inside_sink = false;
         }
         Visit(const Visit&) = delete;
         Visit& operator=(const Visit&) = delete;
@@ -197,7 +194,7 @@ struct Params {
     int module = 0;
 };
 
-NRVLOG_THREAD Params granted{};
+PLATFORM_PER_THREAD PerThread<Params> granted{{}};
 
 /// Room for a message, with room before it for the default sink's head and behind it for a
 /// newline; on the stack as long as the message is short.
@@ -306,14 +303,14 @@ int Zor_LogFile::StoreParams(const char* source, const char* function, int line,
 {
     if (level > levels.Of(module * 10000))
         return 0;
-    granted = {source, function, line, level, module};
+    *granted = {source, function, line, level, module};
     return 1;
 }
 
 void Zor_LogFile::Log(const char* format, ...) noexcept
 {
     const KeepErrno keep;
-    const Params params = granted; // a copy: to get memory for a long line may log
+    const Params params = *granted; // a copy: to get memory for a long line may log
     Line line;
     va_list arguments;
     va_start(arguments, format);

@@ -34,6 +34,10 @@ public:
     /// @return false if there was no memory for it.
     virtual bool OnFork(void (*prepare)(), void (*parent)(), void (*child)()) = 0;
 
+    /// Whether this thread is the only one left of a process that ends, because the system has
+    /// ended the others wherever they were: what they held, they hold for ever.
+    virtual bool OthersHaveEnded() = 0;
+
     // Memory --------------------------------------------------------------------------------
 
     /// Bytes of memory that this process could ever have: the machine's, or less where a limit

@@ -13,18 +13,33 @@ using Size = std::size_t;
 using Align = std::align_val_t;
 using Nothrow = std::nothrow_t;
 
+#if defined(_WIN32) // whose free takes nothing that is aligned
+void* aligned(Size size, Align to)
+{
+    return _aligned_malloc(size, static_cast<Size>(to));
+}
+void free_aligned(void* memory)
+{
+    _aligned_free(memory);
+}
+#else
 void* aligned(Size size, Align to)
 {
     const Size unit = static_cast<Size>(to);
     return std::aligned_alloc(unit, (size + unit - 1) / unit * unit);
 }
+void free_aligned(void* memory)
+{
+    std::free(memory);
+}
+#endif
 
 void* allocate(Size size, Align to = Align{1})
 {
     for (;;) {
         void* memory = nullptr;
         if (!FailingNew::FailsNow())
-            memory = to <= Align{alignof(std::max_align_t)} ? std::malloc(size) : aligned(size, to);
+            memory = to == Align{1} ? std::malloc(size) : aligned(size, to);
         if (memory != nullptr)
             return memory;
         const std::new_handler handler = std::get_new_handler();
@@ -80,8 +95,8 @@ void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete[](void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, Size) noexcept { std::free(memory); }
 void operator delete[](void* memory, Size) noexcept { std::free(memory); }
-void operator delete(void* memory, Align) noexcept { std::free(memory); }
-void operator delete[](void* memory, Align) noexcept { std::free(memory); }
-void operator delete(void* memory, Size, Align) noexcept { std::free(memory); }
-void operator delete[](void* memory, Size, Align) noexcept { std::free(memory); }
+void operator delete(void* memory, Align) noexcept { free_aligned(memory); }
+void operator delete[](void* memory, Align) noexcept { free_aligned(memory); }
+void operator delete(void* memory, Size, Align) noexcept { free_aligned(memory); }
+void operator delete[](void* memory, Size, Align) noexcept { free_aligned(memory); }
 // clang-format on

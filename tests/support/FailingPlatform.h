@@ -105,6 +105,7 @@ public:
     FORWARD(std::uint64_t, RandomNumber, (), ())
     FORWARD(void, CallUncancelled, (void (*c)(void*), void* a), (c, a))
     FORWARD_OR(false, OnForks, bool, OnFork, (void (*b)(), void (*p)(), void (*c)()), (b, p, c))
+    FORWARD(bool, OthersHaveEnded, (), ())
     FORWARD(std::uint64_t, MemoryLimit, (), ())
     FORWARD(Memory, MemoryNow, (), ())
     FORWARD_OR(false, List, bool, ListMaps, (Maps & m), (m))

@@ -18,6 +18,13 @@ inline constexpr bool is_sanitized = true;
 inline constexpr bool is_sanitized = false;
 #endif
 
+/// Whether a file can't be removed as long as somebody has a view of it.
+#if defined(_WIN32)
+inline constexpr bool mapped_files_stay = true;
+#else
+inline constexpr bool mapped_files_stay = false;
+#endif
+
 /// A new folder where temp files go, for all users, gone with this object.
 class TempFolder
 {

@@ -138,7 +138,7 @@ TEST(Base, LinesComeWholeWhateverTheSinkDoes)
     });
     errno = EDOM;
     ZOR_LOG("Outer", 3, "%1.fMB %Iu 100%%Iu %d\n", 2.0, ~0ull, Logging("first\n"));
-    ZOR_LOG("Long", 3, "%s%%%Iu", text.c_str(), 7ul);
+    ZOR_LOG("Long", 3, "%s%%%Iu", text.c_str(), std::size_t{7});
     ZOR_LOG("Quiet", 4, "%d", Logging("never"));
     EXPECT_EQ(errno, EDOM);
     EXPECT_EQ(lines, "Inner|first\nOuter|2MB 18446744073709551615 100%Iu 5\nLong|" + text + "%7");

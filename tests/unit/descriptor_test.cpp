@@ -22,6 +22,10 @@ namespace
 const std::string own = "NorvaneMemoryBlock_" + std::to_string(OwnId()) + "_1_";
 const std::string good = own + "1";
 
+/// Where regions can begin in a mapping, and what the mapping here has.
+const unsigned grain = Platform::Mappings::Get().AllocationGranularity();
+const unsigned all = 16 * grain;
+
 /// The bytes of a descriptor, true or forged.
 std::string Descriptor(unsigned offset, unsigned size, unsigned owner_offset, unsigned owner_size,
                        const std::string& mapping = good, const std::string& name = own + "2")
@@ -33,7 +37,7 @@ std::string Descriptor(unsigned offset, unsigned size, unsigned owner_offset, un
         (out << static_cast<int>(text.size())) << text;
     return out.Bytes();
 }
-const std::string valid = Descriptor(96, 100, 4096, 8192);
+const std::string valid = Descriptor(96, 100, grain, 2 * grain);
 
 MEM_PagerInfo Adopt(MEM_MemPager& pager, const std::string& bytes)
 {
@@ -51,7 +55,7 @@ struct Descriptors : testing::Test {
     LogCapture log{3};
     Memory_ShmmHeap heap;
     std::unique_ptr<MEM_MemPager> pager = Mem_TestAccess::MakePager(&heap);
-    void* region = Platform::Mappings::Get().CreateSharedMapping(good.c_str(), 65536, "/var/tmp");
+    void* region = Platform::Mappings::Get().CreateSharedMapping(good.c_str(), all, "/var/tmp");
     ~Descriptors() override
     {
         EXPECT_TRUE(Platform::Mappings::Get().CloseMapping(region));
@@ -90,15 +94,15 @@ TEST_F(Descriptors, AreReadWholeOrNotAtAll)
 
 TEST_F(Descriptors, MustLieInTheRegionAndTheRegionInItsMapping)
 {
-    const unsigned values[] = {0, 1, 4096, 65536, 1u << 31, ~0u};
+    const unsigned values[] = {0, 1, grain, all, 1u << 31, ~0u};
     for (const unsigned offset : values)
         for (const unsigned size : values)
             for (const unsigned start : values)
                 for (const unsigned length : values) {
                     const std::uint64_t end = std::uint64_t{start} + length;
                     const bool sound = size != 0 && std::uint64_t{offset} + size <= length &&
-                                       end <= ~0u && start % 4096 == 0;
-                    const Fate fate = !sound ? Refused : end <= 65536 ? Mapped : Unmapped;
+                                       end <= ~0u && start % grain == 0;
+                    const Fate fate = !sound ? Refused : end <= all ? Mapped : Unmapped;
                     EXPECT_EQ(FateOf(Descriptor(offset, size, start, length)), fate);
                 }
 }
@@ -116,7 +120,7 @@ TEST_F(Descriptors, MustBearNamesOfRegions)
 TEST_F(Descriptors, ShareOneBlockOfWhichTheFirstFixesTheRegion)
 {
     MEM_PagerInfo first = Adopt(*pager, valid);
-    EXPECT_FALSE(Adopt(*pager, Descriptor(8000, 193, 0, 65536)).IsValid());
+    EXPECT_FALSE(Adopt(*pager, Descriptor(8000, 193, 0, all)).IsValid());
     Zor_oBuffer onward;
     pager->StreamMemInfo(first, onward);
     EXPECT_EQ(onward.Bytes(), valid);
@@ -124,10 +128,10 @@ TEST_F(Descriptors, ShareOneBlockOfWhichTheFirstFixesTheRegion)
 
     // Another region takes the name: who holds the old one, keeps it.
     EXPECT_TRUE(Platform::Mappings::Get().CloseMapping(region));
-    region = Platform::Mappings::Get().CreateSharedMapping(good.c_str(), 65536, "/var/tmp");
-    void* const bytes = Platform::Mappings::Get().MapView(region, 0, 65536);
-    std::memset(bytes, 'n', 65536);
-    EXPECT_TRUE(Platform::Mappings::Get().UnmapView(bytes, 65536));
+    region = Platform::Mappings::Get().CreateSharedMapping(good.c_str(), all, "/var/tmp");
+    void* const bytes = Platform::Mappings::Get().MapView(region, 0, all);
+    std::memset(bytes, 'n', all);
+    EXPECT_TRUE(Platform::Mappings::Get().UnmapView(bytes, all));
     for (const char expected : {'\0', 'n'}) {
         MEM_PagerInfo third = Adopt(*pager, valid);
         ASSERT_EQ(third.Map(), 0);

@@ -137,6 +137,8 @@ TEST_F(FileHeap, LeavesNothingWhereverItFails)
                                 Failing::Remove, Failing::Ask}) {
         SCOPED_TRACE(kind);
         int n = 1;
+        if (kind == Failing::Unview && mapped_files_stay)
+            continue;
         for (; fails_at(kind, n); ++n)
             Windows_File_ShmmHeap().crash_recovery();
         EXPECT_GT(n, 1);

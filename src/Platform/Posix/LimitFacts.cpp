@@ -1,12 +1,12 @@
 #include "Platform/Posix/LimitFacts.h"
 
 #include "Platform/AddressSpaceUse.h"
+#include "Platform/LimitTable.h"
 #include "Platform/Posix/AddressSpace.h"
 #include "Platform/Posix/AllocationFailure.h"
 #include "Platform/Posix/Anchor.h"
 #include "Platform/Posix/Folder.h"
 #include "Platform/Posix/Inspection.h"
-#include "Platform/Posix/LimitTable.h"
 #include "Platform/Posix/Lines.h"
 #include "Platform/Posix/LoginManager.h"
 #include "Platform/Posix/MemoryLimits.h"
@@ -120,18 +120,7 @@ LookedAt::LookedAt(const char* temp_folder) : shared(SharedFolder), temp(temp_fo
 std::vector<Fact> PosixInspection::Look(const char* temp_folder)
 {
     const NoCancellation calm;
-    const LookedAt folders(temp_folder);
-    std::vector<Fact> facts;
-    for (const LimitRow& row : LimitTable)
-        if (row.look != nullptr) {
-            Fact& fact = facts.emplace_back();
-            fact.subject = row.subject;
-            fact.name = row.name;
-            row.look(folders, fact);
-            if (fact.value.empty())
-                facts.pop_back();
-        }
-    return facts;
+    return LookAtAll(LookedAt(temp_folder));
 }
 
 void LookAtSharedMemory(const LookedAt& folders, Fact& fact)

@@ -1,4 +1,6 @@
-#include "Platform/Posix/LimitTable.h"
+#include "Platform/LimitTable.h"
+
+#include "Platform/Posix/LimitFacts.h"
 
 namespace
 {
@@ -37,12 +39,4 @@ constexpr LimitRow LimitTable[] = {
     {Subject::Malloc, nullptr, one, "malloc", LookAtMalloc},
 };
 
-static_assert(
-    [] {
-        int number = 0;
-        for (const LimitRow& row : LimitTable)
-            if (static_cast<int>(row.subject) != number++)
-                return false;
-        return true;
-    }(),
-    "a row stands where its subject's number says");
+static_assert(IsInOrder(LimitTable), "a row stands where its subject's number says");

@@ -2,14 +2,11 @@
 
 #include "Platform/KeepErrno.h"
 #include "Platform/Posix/AddressSpace.h"
-#include "Platform/Posix/LimitTable.h"
 #include "Platform/Posix/Mappings.h"
 #include "Platform/Posix/MemoryLimits.h"
 #include "Platform/Posix/Paths.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstring>
 
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -18,20 +15,7 @@
 namespace
 {
 
-using Platform::LimitCount;
 using Platform::Subject;
-
-struct Numbers {
-    std::uint64_t most;
-    std::uint64_t left;
-};
-
-/// The model keeps the first touch in a thread from allocating.
-struct Met {
-    std::uint32_t set; ///< a bit for each limit
-    Numbers numbers[LimitCount];
-};
-[[gnu::tls_model("initial-exec")]] constinit thread_local Met met = {};
 
 /// A file system with its free space.
 struct FileSystem {
@@ -53,32 +37,12 @@ void meet_full(const FileSystem& full, std::uint64_t given_back)
               full.Bytes(full.space.f_blocks), full.Bytes(full.space.f_bavail) + given_back);
 }
 
-/// Appends to a text of `size` bytes with its zero. A form need not show all the numbers.
-void print(char* text, std::size_t size, const char* form, unsigned long long most = 0,
-           unsigned long long left = 0)
-{
-    const std::size_t length = std::strlen(text);
-    std::snprintf(text + length, size - length, form, most, left);
-}
-
 bool has_no_more_files(const FileSystem& full)
 {
     return full.space.f_files != 0 && full.space.f_favail == 0;
 }
 
 } // namespace
-
-void ForgetLimits()
-{
-    met.set = 0;
-}
-
-void MeetLimit(Subject limit, std::uint64_t most, std::uint64_t left)
-{
-    const int index = static_cast<int>(limit);
-    met.set |= 1u << index;
-    met.numbers[index] = {most, left};
-}
 
 void MeetLimitOf(int error)
 {
@@ -139,26 +103,5 @@ void MeetNoNewFile(const char* path)
 
 Platform::Mappings::LimitsMet PosixMappings::LastLimits(char* text, std::size_t size)
 {
-    LimitsMet result;
-    result.set = met.set;
-    *text = '\0';
-    for (int i = LimitCount - 1; i >= 0; --i)
-        if ((met.set & 1u << i) != 0) {
-            result.first = LimitTable[i].subject;
-            result.most = met.numbers[i].most;
-            result.left = met.numbers[i].left;
-        }
-    const char* separator = "";
-    for (int i = 0; i < LimitCount; ++i) {
-        if ((met.set & 1u << i) == 0)
-            continue;
-        const auto in_units = [unit = LimitTable[i].unit](std::uint64_t number) {
-            return static_cast<unsigned long long>(number >> unit);
-        };
-        print(text, size, separator);
-        print(text, size, LimitTable[i].met, in_units(met.numbers[i].most),
-              in_units(met.numbers[i].left));
-        separator = "; ";
-    }
-    return result;
+    return WriteMetLimits(text, size);
 }

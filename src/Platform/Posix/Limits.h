@@ -1,19 +1,11 @@
 #ifndef PLATFORM_POSIX_LIMITS_H
 #define PLATFORM_POSIX_LIMITS_H
 
-#include "Platform/Subject.h"
+#include "Platform/MetLimits.h"
 
 #include <cstdint>
 
-// Each thread keeps the limits that its present operation has met, there where they are met: later
-// the numbers would be others. There can be two, as where shared memory is full and the disk too.
-// Nothing here allocates, and errno stays as it is.
-
-/// Begins an operation.
-void ForgetLimits();
-
-/// Remembers a limit: how much it is, and how much of that was left before this operation.
-void MeetLimit(Platform::Subject limit, std::uint64_t most, std::uint64_t left);
+// Which limit it was that an operation has met. Nothing here allocates, and errno stays as it is.
 
 /// Remembers the limit that an error stands for by itself, if it does.
 void MeetLimitOf(int error);

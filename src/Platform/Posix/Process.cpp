@@ -34,3 +34,9 @@ void PosixProcess::CallUncancelled(void (*call)(void* argument), void* argument)
     const NoCancellation calm;
     call(argument);
 }
+
+/// They run until the very end.
+bool PosixProcess::OthersHaveEnded()
+{
+    return false;
+}

@@ -13,6 +13,7 @@ public:
     std::uint64_t RandomNumber() override;
     void CallUncancelled(void (*call)(void* argument), void* argument) override;
     bool OnFork(void (*prepare)(), void (*parent)(), void (*child)()) override;
+    bool OthersHaveEnded() override;
 
     std::uint64_t MemoryLimit() override;
     Memory MemoryNow() override;

@@ -6,6 +6,7 @@
 #include "Platform/Posix/Reserve.h"
 #include "Platform/Posix/TimeZone.h"
 #include "Platform/Posix/WriteSignals.h"
+#include "Platform/TimeText.h"
 
 #include <chrono>
 #include <cstdio>
@@ -98,18 +99,15 @@ void PosixProcess::TimeAndDate(char* text, std::size_t size)
 {
     const NoCancellation calm;
     using namespace std::chrono;
-    constexpr char days_of_week[][4] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-    constexpr char months[][4] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                  "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     const sys_seconds now(seconds(std::time(nullptr) + SecondsEast()));
     const sys_days today = floor<days>(now);
     const year_month_day date(today);
     const hh_mm_ss time(now - today);
-    std::snprintf(text, size, "%s %s %2u %02d:%02d:%02d %d\n",
-                  days_of_week[weekday(today).c_encoding()], months[unsigned{date.month()} - 1],
-                  unsigned{date.day()}, static_cast<int>(time.hours().count()),
-                  static_cast<int>(time.minutes().count()),
-                  static_cast<int>(time.seconds().count()), int{date.year()});
+    const auto number = [](auto part) { return static_cast<int>(part); };
+    WriteTime({int{date.year()}, number(unsigned{date.month()}), number(unsigned{date.day()}),
+               number(weekday(today).c_encoding()), number(time.hours().count()),
+               number(time.minutes().count()), number(time.seconds().count())},
+              text, size);
 }
 
 void PosixProcess::StackTrace()

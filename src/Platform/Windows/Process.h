@@ -1,0 +1,34 @@
+#ifndef PLATFORM_WINDOWS_PROCESS_H
+#define PLATFORM_WINDOWS_PROCESS_H
+
+#include "Platform/Process.h"
+
+/// 64-bit Windows. Each operation is defined with its kin: memory in MemoryLimits.cpp, maps in
+/// AddressSpace.cpp, failed allocations in AllocationFailure.cpp, words in Words.cpp.
+class WindowsProcess final : public Platform::Process
+{
+public:
+    long ProcessId() override;
+    long ThreadId() override;
+    std::uint64_t RandomNumber() override;
+    void CallUncancelled(void (*call)(void* argument), void* argument) override;
+    bool OnFork(void (*prepare)(), void (*parent)(), void (*child)()) override;
+    bool OthersHaveEnded() override;
+
+    std::uint64_t MemoryLimit() override;
+    Memory MemoryNow() override;
+    bool ListMaps(Maps& maps) override;
+    void OnAllocationFailure(AllocationHandler handler) override;
+
+    void SystemName(char* text, std::size_t size) override;
+    void ProcessName(char* text, std::size_t size) override;
+    void TimeAndDate(char* text, std::size_t size) override;
+    void ErrorText(unsigned long error, char* text, std::size_t size) override;
+    long long FileLength(const char* path) override;
+    bool TruncateFile(const char* path) override;
+    bool AppendToFile(const char* path, const char* text, std::size_t size) override;
+    void StackTrace() override;
+    void WriteStandardError(const char* text, std::size_t size) override;
+};
+
+#endif
