@@ -196,7 +196,6 @@ private:
     static Mem_ForkGuard& fork_guard();
     static bool guard_forks();
     static void after_fork_in_child();
-    bool has_ended(Mem_Reason::Operation operation) const;
     RegisteredBlock& block_of(int id) FIBREX_REQUIRES(mutex);
 
     // Registration

@@ -45,20 +45,12 @@ void MEM_MemPager::close_down()
     });
 }
 
-/// Whether the process is ending, which refuses the operation.
-bool MEM_MemPager::has_ended(Mem_Reason::Operation operation) const
-{
-    if (m_ended)
-        Refuse(operation, Limit::Ended, "");
-    return m_ended;
-}
-
 /// @throws RWBoundsErr for a piece that is gone.
 RegisteredBlock& MEM_MemPager::block_of(int id)
 {
     if (RegisteredBlock* const block = m_rooms->blocks.Table().Find(id))
         return *block;
-    Refuse(Operation::Other, Limit::FreedPiece, "");
+    RefuseFreedPiece();
     return m_rooms->blocks.At(id);
 }
 
@@ -79,8 +71,8 @@ int MEM_MemPager::Allocate(unsigned int size, MEM_PagerInfo* info, int alignment
         return -1;
     }
     WindowUnixGuard lock(&mutex);
-    if (has_ended(Operation::Allocate))
-        return -1;
+    if (m_ended)
+        return RefuseAtTheEnd(Operation::Allocate);
     const Mem_Counter counter = m_rooms->counters.Get(Mem_PagerCounters::ALLOCATE_COUNTER_NAME);
     counter.Mark();
     MEM_MemInfo* const piece =
@@ -206,8 +198,8 @@ int MEM_MemPager::MapWithoutLocks(MEM_PagerInfo& info)
 {
     if (info.Ptr() != nullptr)
         return 0;
-    if (has_ended(Operation::Map))
-        return -1;
+    if (m_ended)
+        return RefuseAtTheEnd(Operation::Map);
     const int id = info.Block();
     RegisteredBlock& block = block_of(id);
     const Mem_Counter counter = counter_of_map(block);
@@ -284,8 +276,8 @@ int MEM_MemPager::Unmap(MEM_PagerInfo& info)
 
 int MEM_MemPager::UnmapWithoutLocks(MEM_PagerInfo& info)
 {
-    if (has_ended(Operation::Other))
-        return -1;
+    if (m_ended)
+        return RefuseAtTheEnd(Operation::Other);
     const int id = info.Block();
     RegisteredBlock& block = block_of(id);
     info.GetMemInfoPtr()->UpdatePtrByBase(nullptr);
@@ -318,8 +310,8 @@ void MEM_MemPager::keep_or_drop(int id, RegisteredBlock& block)
 int MEM_MemPager::Cache(MEM_PagerInfo& info)
 {
     WindowUnixGuard lock(&mutex);
-    if (has_ended(Operation::Cache))
-        return -1;
+    if (m_ended)
+        return RefuseAtTheEnd(Operation::Cache);
     const unsigned long long limit = CacheLimit();
     const unsigned long long mapped = m_rooms->views.TotalMapped();
     if (mapped > limit) {

@@ -194,19 +194,11 @@ void MEM_PagerInfo::SetBlkId(int blk_id)
         m_state->blk_id.store(blk_id, std::memory_order_relaxed);
 }
 
-namespace
-{
-int refuse_empty_handle(Mem_Reason::Operation operation)
-{
-    Refuse(operation, Mem_Reason::Limit::Request, "the handle is empty");
-    return -1;
-}
-} // namespace
-
-int MEM_PagerInfo::count_map(int (MEM_MemPager::*map_block)(MEM_PagerInfo&))
+// Always inline: this is most of a map that finds its view.
+[[gnu::always_inline]] inline int MEM_PagerInfo::count_map(int (MEM_MemPager::*map_block)(MEM_PagerInfo&))
 {
     if (m_state == nullptr)
-        return refuse_empty_handle(Mem_Reason::Operation::Map);
+        return RefuseEmptyHandle(Mem_Reason::Operation::Map);
     if (m_state->map_count == 0) {
         const int result = (m_pager->*map_block)(*this);
         if (result != 0)
@@ -220,7 +212,7 @@ int MEM_PagerInfo::count_map(int (MEM_MemPager::*map_block)(MEM_PagerInfo&))
 int MEM_PagerInfo::Map()
 {
     if (m_state == nullptr)
-        return refuse_empty_handle(Mem_Reason::Operation::Map);
+        return RefuseEmptyHandle(Mem_Reason::Operation::Map);
     WindowUnixGuard lock(&stripe());
     return count_map(&MEM_MemPager::Map);
 }
@@ -234,7 +226,7 @@ bool MEM_PagerInfo::may_unmap(const char* function) const
 {
     if (m_state == nullptr) {
         ZOR_LOG(function, 3, "Unmap: Tried to unmap an invalid PagerInfo!\n");
-        refuse_empty_handle(Mem_Reason::Operation::Other);
+        RefuseEmptyHandle(Mem_Reason::Operation::Other);
         return false;
     }
     if (map_count() <= 0) {
@@ -274,7 +266,7 @@ int MEM_PagerInfo::UnmapWithoutLocks()
 int MEM_PagerInfo::Cache()
 {
     if (m_state == nullptr)
-        return refuse_empty_handle(Mem_Reason::Operation::Cache);
+        return RefuseEmptyHandle(Mem_Reason::Operation::Cache);
     WindowUnixGuard lock(&stripe());
     return m_state != nullptr ? m_pager->Cache(*this) : -1;
 }

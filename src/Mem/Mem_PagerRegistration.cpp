@@ -85,8 +85,10 @@ MEM_PagerInfo MEM_MemPager::Register(MEM_MemInfo& info)
     MEM_PagerInfo handle;
     {
         WindowUnixGuard lock(&mutex);
-        if (has_ended(Operation::Register))
+        if (m_ended) {
+            RefuseAtTheEnd(Operation::Register);
             return handle;
+        }
         internal_register(info, &handle);
         check_invariants();
     }

@@ -127,6 +127,23 @@ void RefuseWhole(Operation operation, std::uint64_t wanted) noexcept
     last_reason->wanted = wanted;
 }
 
+int RefuseEmptyHandle(Operation operation) noexcept
+{
+    Refuse(operation, Limit::Request, "the handle is empty");
+    return -1;
+}
+
+int RefuseAtTheEnd(Operation operation) noexcept
+{
+    Refuse(operation, Limit::Ended, "");
+    return -1;
+}
+
+void RefuseFreedPiece() noexcept
+{
+    Refuse(Operation::Other, Limit::FreedPiece, "");
+}
+
 Mem_Reason Mem_Reason::Last() noexcept
 {
     return *last_reason;
