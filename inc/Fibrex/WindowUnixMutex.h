@@ -50,8 +50,8 @@ using FibrexSystemLock = std::mutex;
 
 /// A mutex that the thread which holds it may take again; it is free after as many releases.
 ///
-/// Made of an owner word beside the system's lock: taking it again costs one comparison, and a mutex
-/// that is held across a fork can be released in the child by the thread that forked.
+/// Made of an owner word beside the system's lock: taking it again costs one comparison, and a
+/// mutex that is held across a fork can be released in the child by the thread that forked.
 /// Constant-initialised, so one in static storage works before any constructor has run.
 /// Threads: any. Never throws; a release by a thread that doesn't hold it is ignored.
 class FIBREX_CAPABILITY("mutex") alignas(64) WindowUnixMutex

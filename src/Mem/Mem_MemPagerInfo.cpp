@@ -195,7 +195,8 @@ void MEM_PagerInfo::SetBlkId(int blk_id)
 }
 
 // Always inline: this is most of a map that finds its view.
-[[gnu::always_inline]] inline int MEM_PagerInfo::count_map(int (MEM_MemPager::*map_block)(MEM_PagerInfo&))
+[[gnu::always_inline]] inline int
+MEM_PagerInfo::count_map(int (MEM_MemPager::*map_block)(MEM_PagerInfo&))
 {
     if (m_state == nullptr)
         return RefuseEmptyHandle(Mem_Reason::Operation::Map);

@@ -123,9 +123,9 @@ FIBREX_NO_THREAD_SAFETY_ANALYSIS void MEM_MemPager::after_fork_in_child()
     fork_guard().AfterInParent();
 }
 
-// The thread that holds the lock may itself wait for the thread that ends the process: after a while
-// the pager closes without the lock, and keeps its cache. So it does where the system has ended the
-// other threads already: then any lock may be held for ever, the host's malloc's too.
+// The thread that holds the lock may itself wait for the thread that ends the process: after a
+// while the pager closes without the lock, and keeps its cache. So it does where the system has
+// ended the other threads already: then any lock may be held for ever, the host's malloc's too.
 void MEM_MemPager::end()
 {
     if (Platform::Process::Get().OthersHaveEnded() || !mutex.CatchMutexFor(kLongestWaitAtTheEnd)) {

@@ -10,10 +10,10 @@ namespace
 
 using Map = Platform::Process::Map;
 
-constexpr DWORD writable = PAGE_READWRITE | PAGE_WRITECOPY | PAGE_EXECUTE_READWRITE |
-                           PAGE_EXECUTE_WRITECOPY;
-constexpr DWORD executable = PAGE_EXECUTE | PAGE_EXECUTE_READ | PAGE_EXECUTE_READWRITE |
-                             PAGE_EXECUTE_WRITECOPY;
+constexpr DWORD writable =
+    PAGE_READWRITE | PAGE_WRITECOPY | PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
+constexpr DWORD executable =
+    PAGE_EXECUTE | PAGE_EXECUTE_READ | PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
 
 Map::Kind kind_of(const MEMORY_BASIC_INFORMATION& map, std::uintptr_t own_stack)
 {

@@ -40,9 +40,9 @@ template <class Function>
 Function find(const char* dll, const char* name)
 {
     const HMODULE module = GetModuleHandleA(dll);
-    return module == nullptr ? nullptr
-                             : reinterpret_cast<Function>(
-                                   reinterpret_cast<void*>(GetProcAddress(module, name)));
+    return module == nullptr
+               ? nullptr
+               : reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
 }
 
 /// Whatever runtimes the process has: the host's need not be this library's.
@@ -82,9 +82,9 @@ bool MallocComesByHere() noexcept
 {
 #if defined(MEMPAGER_HOOK_MALLOC)
     for (const Runtime& runtime : runtimes)
-        if (const auto mode = find<int (*)()>(
-                runtime.dll,
-                runtime.set_mode[0] == '?' ? "?_query_new_mode@@YAHXZ" : "_query_new_mode");
+        if (const auto mode =
+                find<int (*)()>(runtime.dll, runtime.set_mode[0] == '?' ? "?_query_new_mode@@YAHXZ"
+                                                                        : "_query_new_mode");
             mode != nullptr)
             return true;
 #endif

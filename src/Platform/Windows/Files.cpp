@@ -14,9 +14,9 @@ Holder HolderOf(const char* path)
         return Holder::Unknown;
     if ((kind & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) != 0)
         return Fail(ERROR_INVALID_PARAMETER), Holder::Unknown;
-    const ScopedHandle file(CreateFileA(
-        path, DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-        OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    const ScopedHandle file(
+        CreateFileA(path, DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                    OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
     if (file)
         return Holder::Gone;
     return GetLastError() == ERROR_SHARING_VIOLATION ? Holder::Lives : Holder::Unknown;

@@ -29,11 +29,9 @@ std::uint64_t seconds_since(const FILETIME& time)
 /// No right to read is needed for what is asked of a thing here.
 ScopedHandle open_to_ask(const char* path, DWORD access)
 {
-    return ScopedHandle(CreateFileA(path, access,
-                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                    OPEN_EXISTING,
-                                    FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT,
-                                    nullptr));
+    return ScopedHandle(CreateFileA(
+        path, access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+        OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
 }
 
 Facts::Kind kind_of(DWORD attributes)
@@ -96,8 +94,8 @@ char WindowsInspection::PathSeparator()
 bool WindowsInspection::AbsolutePath(const char* path, char* text, std::size_t size)
 {
     FilePath absolute;
-    const bool fits = absolute.SetAbsolute(path) && (std::strlen(absolute.Text()) < size ||
-                                                     Fail(ERROR_FILENAME_EXCED_RANGE));
+    const bool fits = absolute.SetAbsolute(path) &&
+                      (std::strlen(absolute.Text()) < size || Fail(ERROR_FILENAME_EXCED_RANGE));
     return Reported(fits) && std::strcpy(text, absolute.Text()) != nullptr;
 }
 
@@ -139,8 +137,8 @@ void WindowsInspection::ProgramOf(const char* path, long process, char* text, st
     DWORD length = sizeof program;
     UserId owner;
     UserId user;
-    const ScopedHandle opened(OpenProcess(PROCESS_QUERY_INFORMATION, FALSE,
-                                          static_cast<DWORD>(process)));
+    const ScopedHandle opened(
+        OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, static_cast<DWORD>(process)));
     const ScopedHandle file = open_to_ask(path, READ_CONTROL);
     text[0] = '\0';
     if (!opened || !file || !FindUser(opened.Get(), user) || !FindOwner(file.Get(), owner) ||

@@ -56,7 +56,6 @@ void MeetNoAddresses(std::uint64_t size)
         Platform::Process& process = Platform::SystemProcess();
         Platform::AddressSpaceUse use;
         if (use.Read(process) && use.LargestFree() < size)
-            MeetLimit(Subject::AddressSpace, process.MemoryNow().address_space,
-                      use.LargestFree());
+            MeetLimit(Subject::AddressSpace, process.MemoryNow().address_space, use.LargestFree());
     }
 }

@@ -20,7 +20,8 @@ PlainDecimals::PlainDecimals() noexcept : m_before(nullptr)
 {
     if (std::strcmp(std::localeconv()->decimal_point, ".") == 0)
         return;
-    const bool was_own = _configthreadlocale(_ENABLE_PER_THREAD_LOCALE) == _ENABLE_PER_THREAD_LOCALE;
+    const bool was_own =
+        _configthreadlocale(_ENABLE_PER_THREAD_LOCALE) == _ENABLE_PER_THREAD_LOCALE;
     m_before = was_own ? _strdup(std::setlocale(LC_NUMERIC, nullptr)) : by_process;
     std::setlocale(LC_NUMERIC, "C");
 }

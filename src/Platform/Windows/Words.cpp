@@ -27,7 +27,8 @@ public:
     explicit operator bool() const
     {
         BY_HANDLE_FILE_INFORMATION facts;
-        return m_file && (GetFileType(m_file.Get()) == FILE_TYPE_DISK || Fail(ERROR_INVALID_NAME)) &&
+        return m_file &&
+               (GetFileType(m_file.Get()) == FILE_TYPE_DISK || Fail(ERROR_INVALID_NAME)) &&
                GetFileInformationByHandle(m_file.Get(), &facts) &&
                ((facts.dwFileAttributes & special) == 0 || Fail(ERROR_INVALID_NAME));
     }
@@ -40,8 +41,8 @@ private:
     static HANDLE open_unless_special(const char* path, DWORD access, DWORD disposition)
     {
         constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-        const bool is_device = std::strncmp(path, "\\\\.\\", 4) == 0 ||
-                               std::strncmp(path, "\\\\?\\", 4) == 0;
+        const bool is_device =
+            std::strncmp(path, "\\\\.\\", 4) == 0 || std::strncmp(path, "\\\\?\\", 4) == 0;
         if (is_device)
             return SetLastError(ERROR_INVALID_NAME), INVALID_HANDLE_VALUE;
         return CreateFileA(path, access, share, nullptr, disposition,
@@ -102,8 +103,8 @@ void WindowsProcess::SystemName(char* text, std::size_t size)
         if (const auto get = reinterpret_cast<GetVersionCall>(
                 reinterpret_cast<void*>(GetProcAddress(ntdll, "RtlGetVersion"))))
             get(&version);
-    std::snprintf(text, size, "Windows %lu.%lu.%lu", version.dwMajorVersion,
-                  version.dwMinorVersion, version.dwBuildNumber);
+    std::snprintf(text, size, "Windows %lu.%lu.%lu", version.dwMajorVersion, version.dwMinorVersion,
+                  version.dwBuildNumber);
 }
 
 void WindowsProcess::ProcessName(char* text, std::size_t size)
@@ -117,9 +118,9 @@ void WindowsProcess::TimeAndDate(char* text, std::size_t size)
 {
     SYSTEMTIME now;
     GetLocalTime(&now);
-    WriteTime({now.wYear, now.wMonth, now.wDay, now.wDayOfWeek, now.wHour, now.wMinute,
-               now.wSecond},
-              text, size);
+    WriteTime(
+        {now.wYear, now.wMonth, now.wDay, now.wDayOfWeek, now.wHour, now.wMinute, now.wSecond},
+        text, size);
 }
 
 /// Without the line end that the system's texts have.
@@ -159,7 +160,8 @@ void WindowsProcess::StackTrace()
     const KeepErrno keep;
     const KeepError keep_error;
     void* calls[62];
-    const WORD count = CaptureStackBackTrace(0, static_cast<DWORD>(std::size(calls)), calls, nullptr);
+    const WORD count =
+        CaptureStackBackTrace(0, static_cast<DWORD>(std::size(calls)), calls, nullptr);
     for (WORD at = 0; at < count; ++at) {
         char text[MAX_PATH + 64];
         print_call(calls[at], text, sizeof text);
