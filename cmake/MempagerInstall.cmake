@@ -5,8 +5,16 @@ include(CMakePackageConfigHelpers)
 
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/mempager)
 
-install(TARGETS mempager EXPORT mempagerTargets LIBRARY
-    COMPONENT runtime NAMELINK_COMPONENT development)
+install(TARGETS mempager EXPORT mempagerTargets
+    LIBRARY COMPONENT runtime NAMELINK_COMPONENT development
+    RUNTIME COMPONENT runtime
+    ARCHIVE COMPONENT development)
+if(WIN32)
+    install(FILES ${MEMPAGER_RUNTIME_DLLS} DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+    set(CPACK_GENERATOR ZIP)
+    set(CPACK_PACKAGE_FILE_NAME mempager-${PROJECT_VERSION}-windows-x86_64)
+    include(CPack)
+endif()
 install(DIRECTORY inc/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mempager COMPONENT development
     FILES_MATCHING PATTERN *.h)
 

@@ -13,8 +13,12 @@
 #include <system_error>
 #include <utility>
 
+#if defined(_WIN32)
+#include <io.h>
+#else
 #include <sys/resource.h>
 #include <unistd.h>
+#endif
 
 // What the examples share, and what has nothing to do with the pager.
 
@@ -50,20 +54,27 @@ private:
     std::string m_stage;
     std::size_t m_steps;
     std::size_t m_done = 0;
+#if defined(_WIN32)
+    bool m_on_terminal = _isatty(2) != 0;
+#else
     bool m_on_terminal = isatty(STDERR_FILENO) == 1;
+#endif
     int m_percent = -1;
 };
 
-/// Limits this process and its children to `bytes` of address space.
+/// Limits this process and its children to `bytes` of address space. Windows has no such limit:
+/// there nothing is done.
 /// @throws std::system_error
-inline void LimitAddressSpace(std::uint64_t bytes)
+inline void LimitAddressSpace([[maybe_unused]] std::uint64_t bytes)
 {
+#if !defined(_WIN32)
     rlimit limit;
     if (getrlimit(RLIMIT_AS, &limit) != 0)
         throw std::system_error(errno, std::generic_category(), "getrlimit");
     limit.rlim_cur = std::min<rlim_t>(bytes, limit.rlim_max);
     if (setrlimit(RLIMIT_AS, &limit) != 0)
         throw std::system_error(errno, std::generic_category(), "setrlimit");
+#endif
 }
 
 /// The number that a program's only argument tells, or `otherwise` without one; 0 if it is none,

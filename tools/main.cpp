@@ -41,7 +41,7 @@ struct Request {
         app.footer(footer);
         for (CLI::App* const command : {ls, clean, doctor}) {
             command->add_flag("--json", json, "Print JSON");
-            command->add_option("--temp", temp, "The temp folder, in place of $TEMP or /var/tmp")
+            command->add_option("--temp", temp, "The temp folder, in place of TEMP or the system's")
                 ->type_name("FOLDER")
                 ->each([this](const std::string&) { has_temp = true; });
         }

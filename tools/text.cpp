@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 
 namespace
 {
@@ -217,13 +218,15 @@ const char* WordFor(Verdict verdict)
     return verdict == Verdict::Warning ? "warning" : "bad";
 }
 
+/// A backslash stands for itself where it parts folders: no name has one there.
 std::string Shown(const std::string& name)
 {
+    constexpr bool parts_folders = std::filesystem::path::preferred_separator == '\\';
     std::string text;
     for (const char byte : name) {
         char escape[8];
         std::snprintf(escape, sizeof escape, "\\x%02x", static_cast<unsigned char>(byte));
-        if (byte == '\\')
+        if (byte == '\\' && !parts_folders)
             text += "\\\\";
         else
             text += byte >= ' ' && byte <= '~' ? std::string(1, byte) : escape;

@@ -54,7 +54,7 @@ std::vector<std::string> volume_paths(const std::string& folder)
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator(folder, error))
         if (entry.path().string().ends_with(".nii.gz"))
-            paths.push_back(entry.path());
+            paths.push_back(entry.path().string());
     std::sort(paths.begin(), paths.end());
     if (paths.empty())
         throw std::runtime_error("no .nii.gz files in " + folder +

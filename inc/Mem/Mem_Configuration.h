@@ -62,9 +62,9 @@ public:
     /// First part of a temp file's name: "TempFile". An override must hold no "_".
     virtual RWCString FileHeap_TempFileName();
 
-    /// Folder of the temp files: the environment variable TEMP, or /var/tmp if that isn't set or
-    /// empty. A relative one is made absolute when it is set, or the object made, so that it stays
-    /// the same when the process changes its current folder.
+    /// Folder of the temp files: the environment variable TEMP; if that isn't set or empty,
+    /// /var/tmp, or C:\ on Windows. A relative one is made absolute when it is set, or the object
+    /// made, so that it stays the same when the process changes its current folder.
     virtual RWCString FileHeap_TempPath();
 
     /// Size of one temp file in MB; 1024 unless set.

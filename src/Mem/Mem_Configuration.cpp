@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <new>
+#include <optional>
 #include <utility>
 
 namespace
@@ -30,11 +31,16 @@ RWCString default_temp_path()
     return AbsoluteFolder(std::getenv("TEMP")); // an empty one is none
 }
 
-/// The environment's word on the cache size, as it was when it was first asked for.
-const char* cache_size_of_environment()
+/// The environment's word on the cache size in MB, as it was when it was first asked for. Not its
+/// text, which changes with the environment on some systems.
+std::optional<std::int32_t> cache_size_of_environment()
 {
-    static const char* const text = std::getenv("VORTELIX_CACHE_SIZE");
-    return text;
+    static const std::optional<std::int32_t> mb = [] {
+        const char* const text = std::getenv("VORTELIX_CACHE_SIZE");
+        return text != nullptr ? std::optional(static_cast<std::int32_t>(std::atoll(text)))
+                               : std::nullopt;
+    }();
+    return mb;
 }
 
 void set_unless_unchanged(unsigned int& setting, unsigned int value)
@@ -172,9 +178,8 @@ unsigned long long MEM_MemoryConfiguration::HeapCacheInBytes()
 
 void MEM_MemoryConfiguration::SetCacheSize(unsigned int mb)
 {
-    const char* const text = cache_size_of_environment();
-    const std::int64_t wanted =
-        text != nullptr ? static_cast<std::int32_t>(std::atol(text)) : std::int64_t{mb};
+    const std::optional<std::int32_t> environment = cache_size_of_environment();
+    const std::int64_t wanted = environment ? *environment : std::int64_t{mb};
     m_cache_size = BytesOfMb(static_cast<std::uint64_t>(wanted));
     ZOR_LOG("MEM_MemoryConfiguration::SetCacheSize", 6, "SetCacheSize: CacheSize=<%Iu>\n",
             m_cache_size);

@@ -26,8 +26,11 @@ constexpr std::chrono::seconds kLongestWaitAtTheEnd(1);
 /// Which pagers a failed allocation clears: 2 the general one, 1 the second one, 3 both.
 int pagers_to_clear()
 {
-    static const char* const text = std::getenv("VORTELIX_NEW_HANDLER");
-    return text != nullptr ? std::atoi(text) : 3;
+    static const int mask = [] {
+        const char* const text = std::getenv("VORTELIX_NEW_HANDLER");
+        return text != nullptr ? std::atoi(text) : 3;
+    }();
+    return mask;
 }
 } // namespace
 

@@ -25,6 +25,13 @@ inline constexpr bool mapped_files_stay = true;
 inline constexpr bool mapped_files_stay = false;
 #endif
 
+/// Whether a mapping is seen by its name in a folder, and stays there after its maker was killed; a
+/// page of it is then kept by whoever has it open.
+inline bool HasMappingFolder()
+{
+    return *Platform::Inspection::Get().MappingFolder() != '\0';
+}
+
 /// A new folder where temp files go, for all users, gone with this object.
 class TempFolder
 {

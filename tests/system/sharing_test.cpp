@@ -10,6 +10,7 @@
 #include "support/Leftovers.h"
 #include "support/Mem_TestAccess.h"
 #include "support/PagerWorld.h"
+#include "support/ThisProcess.h"
 
 #include <gtest/gtest.h>
 
@@ -107,13 +108,14 @@ struct Maker {
 
 TEST(SharedPieces, AreReadToTheLastByteThroughAllThatAViewCanMeet)
 {
+    const long anchors = HasMappingFolder() ? 2 : 0; // beside a view of each region
     Maker maker;
     Pieces pieces(maker.descriptors);
     pieces.ExpectAllBytes();
-    EXPECT_EQ(Footprint::Now().maps, maker.before.maps + 4); // an anchor and a view each
+    EXPECT_EQ(Footprint::Now().maps, maker.before.maps + anchors + 2);
     pieces.ExpectAllBytes();
     EXPECT_GT(pieces.pager->ClearCache(), 108005u);
-    EXPECT_EQ(Footprint::Now().maps, maker.before.maps + 2);
+    EXPECT_EQ(Footprint::Now().maps, maker.before.maps + anchors);
     EXPECT_TRUE(pieces.HoldAnew());
     EXPECT_EQ(pieces.all[0].Map(), 0);
 } // one region mapped, the other cached: so they are freed
@@ -130,7 +132,7 @@ TEST(SharedPieces, OutliveTheirMakerIfTheyWereMapped)
                 EXPECT_TRUE(pieces.HoldAnew());
             }
             is_killed ? maker.Kill() : maker.End();
-            const bool there = mapped_first || is_killed;
+            const bool there = mapped_first || (is_killed && HasMappingFolder());
             EXPECT_EQ(pieces.HoldAnew(), there);
             EXPECT_EQ(log.Size() == 0, there);
             const std::string process = std::to_string(maker.process.Id());

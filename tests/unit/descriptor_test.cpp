@@ -58,7 +58,8 @@ struct Descriptors : testing::Test {
     void* region = Platform::Mappings::Get().CreateSharedMapping(good.c_str(), all, "/var/tmp");
     ~Descriptors() override
     {
-        EXPECT_TRUE(Platform::Mappings::Get().CloseMapping(region));
+        EXPECT_NE(region, nullptr);
+        EXPECT_TRUE(region == nullptr || Platform::Mappings::Get().CloseMapping(region));
         EXPECT_EQ(Footprint::Now(), before);
     }
     /// The whole life of a piece, read at both ends. Nothing is left of it.
@@ -120,7 +121,7 @@ TEST_F(Descriptors, MustBearNamesOfRegions)
 TEST_F(Descriptors, ShareOneBlockOfWhichTheFirstFixesTheRegion)
 {
     MEM_PagerInfo first = Adopt(*pager, valid);
-    EXPECT_FALSE(Adopt(*pager, Descriptor(8000, 193, 0, all)).IsValid());
+    EXPECT_FALSE(Adopt(*pager, Descriptor(2 * grain - 192, 193, 0, all)).IsValid());
     Zor_oBuffer onward;
     pager->StreamMemInfo(first, onward);
     EXPECT_EQ(onward.Bytes(), valid);
@@ -128,7 +129,16 @@ TEST_F(Descriptors, ShareOneBlockOfWhichTheFirstFixesTheRegion)
 
     // Another region takes the name: who holds the old one, keeps it.
     EXPECT_TRUE(Platform::Mappings::Get().CloseMapping(region));
-    region = Platform::Mappings::Get().CreateSharedMapping(good.c_str(), all, "/var/tmp");
+    const auto make = [] {
+        return Platform::Mappings::Get().CreateSharedMapping(good.c_str(), all, "/var/tmp");
+    };
+    region = make();
+    if (!HasMappingFolder()) { // there a name lives as long as anybody has what bears it
+        EXPECT_EQ(region, nullptr);
+        EXPECT_EQ(pager->Free(first), 0);
+        region = make();
+        return;
+    }
     void* const bytes = Platform::Mappings::Get().MapView(region, 0, all);
     std::memset(bytes, 'n', all);
     EXPECT_TRUE(Platform::Mappings::Get().UnmapView(bytes, all));
@@ -204,7 +214,7 @@ TEST_F(Descriptors, LeaveNothingWhenMemoryFailsOnTheWay)
             Adopt(*pager, valid);
         } catch (const std::bad_alloc&) {
         } // an owner that is left would have other bounds than the next
-        EXPECT_EQ(FateOf(Descriptor(0, 65536, 0, 65537)), Unmapped) << n;
+        EXPECT_EQ(FateOf(Descriptor(0, all, 0, all + 1)), Unmapped) << n;
     }
 }
 } // namespace
