@@ -226,7 +226,8 @@ class Array:
             raise IndexError("an Array is written by numbers and slices; blocks() and map_blocks "
                              "are for what takes arrays of indices")
         if not isinstance(value, Array) or value is self:
-            value = np.asarray(value)
+            is_record = self._dtype.names is not None and isinstance(value, tuple)
+            value = np.asarray(value, self._dtype if is_record else None)
         if isinstance(basic.rows, range):
             self._put(basic.rows, basic.rest, value)
         else:

@@ -11,6 +11,7 @@ Memory that the receiver can't open, it asks of the keeper as bytes.
 from __future__ import annotations
 
 import contextlib
+import itertools
 import os
 import pickle
 import secrets
@@ -33,6 +34,7 @@ class Entry(NamedTuple):
     address: bytes  # of the keeper
     user: int  # the maker's
     token: bytes
+    made: Tuple[bytes, int]  # what a process that was forked from the maker knows it by
     descriptor: bytes
     size: int
 
@@ -46,8 +48,27 @@ class _Choice(threading.local):
 
 _choice = _Choice()
 
-# By token, what this process or one that it was forked from has made.
-_made: weakref.WeakValueDictionary[bytes, Memory] = weakref.WeakValueDictionary()
+# What this process, or one that it was forked from, has made: by a number that no process shares
+# with another, and one that counts.
+_made: weakref.WeakValueDictionary[Tuple[bytes, int], Memory] = weakref.WeakValueDictionary()
+_process = secrets.token_bytes(8)
+_count = itertools.count()
+
+
+def new_memory(size: int, zeros: bool) -> Memory:
+    """Memory of this process, which its children will know. MemoryError, OverflowError."""
+    memory = Memory(size, zeros)
+    made = memory.__dict__["made"] = (_process, next(_count))
+    _made[made] = memory
+    return memory
+
+
+def _become_another() -> None:
+    global _process
+    _process = secrets.token_bytes(8)
+
+
+os.register_at_fork(after_in_child=_become_another)
 
 
 @contextlib.contextmanager
@@ -89,9 +110,8 @@ def _own_entry(memory: Memory) -> Entry:
     known = memory.__dict__.get("ticket")
     if known is None or known.address != keeper.address:  # that of the process we were forked from
         known = Entry(keeper.address, os.getuid(), secrets.token_bytes(_TOKEN_BYTES),
-                      memory.descriptor(), memory.size)
+                      memory.__dict__["made"], memory.descriptor(), memory.size)
         memory.__dict__["ticket"] = known
-        _made[known.token] = memory
     keeper.lease(known.token, memory)
     return known
 
@@ -152,8 +172,7 @@ def receive(sent: Ticket) -> List[Memory]:
 
 
 def _find_here(entries: List[Entry]) -> List[Memory]:
-    memories = [_made.get(entry.token) for entry in entries]
-    _keeper.own().end_leases([entry.token for entry in entries])
+    memories = _keeper.own().take([entry.token for entry in entries])
     if any(memory is None for memory in memories):
         raise FreedError("the piece was freed")
     return memories  # type: ignore[return-value]
@@ -187,7 +206,7 @@ def _open_or_copy(connection: _keeper.Connection, entry: Entry) -> Memory:
 
 
 def _open(entry: Entry) -> Memory:
-    inherited = _made.get(entry.token)
+    inherited = _made.get(entry.made)
     if inherited is not None:
         return inherited.alias()
     memory = Memory.open(entry.descriptor, entry.size)
@@ -196,7 +215,7 @@ def _open(entry: Entry) -> Memory:
 
 
 def _copy(connection: _keeper.Connection, entry: Entry) -> Memory:
-    memory = Memory(entry.size, False)
+    memory = new_memory(entry.size, False)
     connection.fetch(entry.token, memoryview(memory.map()))  # type: ignore[arg-type]
     return memory
 

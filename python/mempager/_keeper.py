@@ -97,12 +97,14 @@ class Keeper:
             until.append(time.monotonic() + config.handover_seconds)
         self._wake.send(b".")
 
-    def end_leases(self, tokens: List[bytes]) -> None:
-        """One receiver has come, for each token."""
+    def take(self, tokens: List[bytes]) -> List[Optional[Memory]]:
+        """The memories for a receiver in this process; None for those that are gone."""
+        found = [self._known.get(token) for token in tokens]
         with self._changed:
             for token in tokens:
                 self._end_lease(token)
             self._changed.notify_all()
+        return found
 
     def linger(self, seconds: float) -> None:
         """Waits for receivers that are to come."""

@@ -185,7 +185,7 @@ def _from_bytes(source: Any, shape: Tuple[int, ...], dtype: np.dtype) -> Piece:
 
 def _make(shape: ShapeLike, dtype: Any, zero: bool) -> Piece:
     sizes, kind = as_shape(shape), as_dtype(dtype)
-    return Piece(Memory(math.prod(sizes) * kind.itemsize, zero), sizes, kind)
+    return Piece(_handover.new_memory(math.prod(sizes) * kind.itemsize, zero), sizes, kind)
 
 
 def empty(shape: ShapeLike, dtype: Any = float) -> Piece:
