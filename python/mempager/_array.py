@@ -3,6 +3,7 @@ from __future__ import annotations
 
 import math
 import operator
+import uuid
 from typing import Any, Callable, Iterator, List, Optional, Tuple
 
 import numpy as np
@@ -260,6 +261,21 @@ class Array:
         if method != "__call__" or "out" in options or ufunc.nout != 1:
             return NotImplemented
         return map_blocks(ufunc, *inputs, **options)
+
+    # Dask ----------------------------------------------------------------------------------------
+
+    def to_dask(self, **options: Any) -> Any:
+        """A dask.array.Array whose chunks are these, so that none is copied to be read; `options`
+        go to dask.array.from_array. ImportError without Dask.
+
+        The other way, `dask.array.store(x, array, lock=False)` writes into an Array, in whichever
+        process. It needs no lock, and other processes couldn't share one."""
+        import dask.array
+
+        return dask.array.from_array(self, **{"chunks": self.chunks, **options})
+
+    def __dask_tokenize__(self) -> str:
+        return uuid.uuid4().hex  # what was computed of it once may not hold any more
 
     # Other processes -----------------------------------------------------------------------------
 

@@ -15,6 +15,7 @@ import itertools
 import os
 import pickle
 import secrets
+import sys
 import threading
 import weakref
 from typing import Any, Dict, Iterator, List, NamedTuple, Optional, Tuple
@@ -85,8 +86,12 @@ def by_bytes() -> Iterator[None]:
 
 
 def is_by_bytes() -> bool:
-    """Whether this thread is in by_bytes()."""
-    return _choice.by_bytes
+    """Whether this thread is in by_bytes(), or has a Dask client with workers elsewhere."""
+    if _choice.by_bytes or "distributed" not in sys.modules:
+        return _choice.by_bytes
+    from . import _dask  # as from now on Dask knows what to do with pieces
+
+    return _dask.workers_elsewhere()
 
 
 def bytes_of(array: np.ndarray, protocol: int) -> Any:

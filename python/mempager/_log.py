@@ -36,11 +36,7 @@ def deliver(lines: list[tuple[int, str, int, str, str]], lost: int) -> None:
         _logger.warning("%d lines of the log found no place in the queue", lost)
 
 
-def _end() -> None:
-    flush_log()
-    _core.stop_listening()  # what the library says of the end goes to standard error
-
-
 _core.listen()
-atexit.register(_end)
+# What the library says after that is of what lives at the end, which Python's objects may do.
+atexit.register(flush_log)
 os.register_at_fork(after_in_child=_core.forget_log)

@@ -94,11 +94,6 @@ void listen()
     ZorGLog.SetSink(keep);
 }
 
-void stop()
-{
-    ZorGLog.SetSink({});
-}
-
 bool is_waiting() noexcept
 {
     return waiting.load(std::memory_order_relaxed) != 0;

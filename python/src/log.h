@@ -24,9 +24,6 @@ struct record {
 /// Sends the lines of the library here from now on. @throws std::bad_alloc.
 void listen();
 
-/// Sends them to standard error again, as without Python.
-void stop();
-
 /// Whether any line waits. Threads: any.
 bool is_waiting() noexcept;
 

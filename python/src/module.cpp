@@ -80,7 +80,6 @@ void add_view(py::module_& module)
 void add_log(py::module_& module)
 {
     module.def("listen", &log::listen);
-    module.def("stop_listening", &log::stop);
     module.def("flush_log", &deliver_log);
     module.def("forget_log", &log::forget);
 }

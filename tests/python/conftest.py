@@ -7,6 +7,7 @@ import pathlib
 import subprocess
 import sys
 import textwrap
+import time
 
 import pytest
 
@@ -15,11 +16,20 @@ import mempager
 FOLDERS = [pathlib.Path("/dev/shm"), pathlib.Path(mempager.config.temp_folder)]
 
 
-def names():
-    """What living processes of the library have in its folders; the next one removes the rest."""
-    found = {path for folder in FOLDERS for path in folder.iterdir()
-             if path.name.startswith(("NorvaneMemoryBlock_", "TempFile_"))}
-    return {path for path in found if os.path.exists(f"/proc/{path.name.split('_')[-3]}")}
+def held():
+    """What this process has: memory, and names in the library's folders."""
+    gc.collect()
+    mempager.clear_cache()
+    return mempager.status(), {
+        path for folder in FOLDERS for path in folder.iterdir() if f"_{os.getpid()}_" in path.name}
+
+
+def until(condition):
+    """Waits for what another process or thread does, for some seconds."""
+    end = time.monotonic() + 20
+    while not condition():
+        assert time.monotonic() < end
+        time.sleep(.01)
 
 
 def run(script, *arguments, prefix=(), **options):
@@ -33,14 +43,10 @@ def run(script, *arguments, prefix=(), **options):
 
 @pytest.fixture(autouse=True)
 def nothing_left():
-    """Each test gives back what it takes: memory, names, descriptors."""
-    gc.collect()
-    mempager.clear_cache()
-    before = mempager.status(), names()
+    """Each test gives back what it takes, if not at once, since others may have to let go of it."""
+    before = held()
     yield
-    gc.collect()
-    mempager.clear_cache()
-    assert (mempager.status(), names()) == before
+    until(lambda: held() == before)
 
 
 @pytest.fixture(params=["spawn", "fork"])

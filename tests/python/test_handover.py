@@ -5,14 +5,13 @@ import pickle
 import subprocess
 import sys
 import textwrap
-import time
 
 import numpy as np
 import pytest
 
 import mempager
 from mempager import _keeper
-from conftest import only_root, run
+from conftest import only_root, run, until
 
 RECEIVER = """
     import pickle, sys
@@ -46,14 +45,6 @@ def refused(piece):
             a[0] = 1
         except ValueError as failure:
             return str(failure)
-
-
-def until(condition):
-    """Waits for what another process or thread does, for some seconds."""
-    end = time.monotonic() + 20
-    while not condition():
-        assert time.monotonic() < end
-        time.sleep(.01)
 
 
 def is_kept():
