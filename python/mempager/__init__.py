@@ -7,7 +7,7 @@ any size, in chunks. Both can be pickled to other processes, which read them whe
 Without memory an operation raises MemoryError, whose text has the cause. Any thread may call
 anything; the interpreter's lock is free while the library works.
 """
-import sys as _sys
+import importlib as _importlib
 
 from ._array import Array, map_blocks
 from ._config import Config, Status, clear_cache, config, status
@@ -16,9 +16,9 @@ from ._errors import FreedError, StillMappedWarning
 from ._handover import by_bytes
 from ._log import flush_log
 from ._piece import Piece, array, empty, zeros
+from ._when_imported import when_imported as _when_imported
 
-if "distributed" in _sys.modules:
-    from . import _dask as _dask
+_when_imported("distributed", lambda: _importlib.import_module("mempager._dask"))
 
 __all__ = [
     "Array", "Config", "FreedError", "Piece", "Status", "StillMappedWarning", "View", "array",

@@ -87,11 +87,8 @@ def by_bytes() -> Iterator[None]:
 
 def is_by_bytes() -> bool:
     """Whether this thread is in by_bytes(), or has a Dask client with workers elsewhere."""
-    if _choice.by_bytes or "distributed" not in sys.modules:
-        return _choice.by_bytes
-    from . import _dask  # as from now on Dask knows what to do with pieces
-
-    return _dask.workers_elsewhere()
+    dask = sys.modules.get("mempager._dask")
+    return _choice.by_bytes or (dask is not None and dask.workers_elsewhere())
 
 
 def bytes_of(array: np.ndarray, protocol: int) -> Any:

@@ -29,7 +29,7 @@ def until(condition):
     end = time.monotonic() + 20
     while not condition():
         assert time.monotonic() < end
-        time.sleep(.01)
+        time.sleep(.05)
 
 
 def run(script, *arguments, prefix=(), **options):

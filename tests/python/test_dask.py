@@ -50,8 +50,6 @@ def test_a_cluster_reads_and_writes(client):
     assert client.submit(lambda piece: piece.mapped().sum(), made).result() == 499500
     assert made.result().readonly
     assert client.submit(lambda: mempager.config.cache_mb).result() <= 250
-    with pytest.raises(MemoryError, match="no memory left"):
-        client.submit(without_memory).result()
 
 
 def without_memory():
@@ -61,6 +59,11 @@ def without_memory():
         return [mempager.empty(1 << 30, "u1") for _ in range(30)]
     finally:
         mempager.config.shared_memory_mb = before
+
+
+def test_a_worker_without_memory_says_so(client):
+    with pytest.raises(MemoryError, match="no memory left"):
+        client.submit(without_memory).result()
 
 
 def die(array):
