@@ -10,7 +10,7 @@ import numpy as np
 
 from . import _handover, _index
 from ._config import config
-from ._core import Mapping
+from ._core import Mapping, View
 from ._piece import Piece, ShapeLike, as_dtype, as_shape, empty, zeros
 from ._progress import Meter, Progress
 
@@ -115,11 +115,14 @@ class Array:
 
     def blocks(self) -> Iterator[Tuple[slice, np.ndarray]]:
         """The array in order, chunk by chunk: which rows, and these as a numpy.ndarray without a
-        copy, to be written too unless the array is read-only. A block stays mapped for as long as
-        it is referred to. MemoryError if there is no room for it."""
+        copy, to be written too unless the array is read-only. When the next one is asked for, the
+        loop's variable is emptied, as behind a `with` block; a block that anything else refers to
+        stays, and stays mapped. MemoryError if there is no room for it."""
         for number in range(len(self._chunks)):
             first = number * self._per_chunk
-            yield slice(first, min(first + self._per_chunk, self._rows)), self._mapped(number)
+            view = View(self._mapped(number), None)
+            yield slice(first, min(first + self._per_chunk, self._rows)), view.array
+            view.leave(1)
 
     def resize(self, rows: int) -> None:
         """Sets the length of the first axis. New rows are zeros. At most one chunk is copied.

@@ -34,7 +34,7 @@ class Mapping:
 class View:
     """An array on a mapping, for a `with` block: see Piece.map()."""
 
-    def __init__(self, array: np.ndarray, warning: Type[Warning]) -> None: ...
+    def __init__(self, array: np.ndarray, warning: Optional[Type[Warning]]) -> None: ...
     @property
     def array(self) -> np.ndarray:
         """The array. ValueError behind the block."""

@@ -73,7 +73,8 @@ void view::leave(int depth)
         return;
     if (others <= kLooked && is_one_variable_of(frame_at(depth), array))
         empty_in_place(array);
-    else if (PyErr_WarnEx(warning.ptr(),
+    else if (!warning.is_none() &&
+             PyErr_WarnEx(warning.ptr(),
                           "an array is still in use behind its with block: it keeps its mapping",
                           depth + 1) != 0)
         throw py::error_already_set();

@@ -14,7 +14,7 @@ namespace mempager::python
 class view
 {
 public:
-    /// Of `array`, with `warning` for what stays behind.
+    /// Of `array`, with `warning` for what stays behind; None for no word about it.
     view(pybind11::object array, pybind11::object warning);
 
     /// The array. @throws ValueError behind the block.

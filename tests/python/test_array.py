@@ -138,6 +138,13 @@ def test_whole_chunks_come_without_a_copy():
     assert [rows for rows, _ in blocks] == [slice(i, i + 125) for i in range(0, 1000, 125)]
     blocks[1][1][5, 7] = 3
     assert array[130, 7] == 3
+    del chunk, blocks
+    kept = None
+    for rows, block in array.blocks():
+        kept = block if rows.start == 125 else kept
+    assert block.size == 0
+    assert kept[5, 7] == 3
+    assert [chunk.mappings for chunk in array._chunks] == [0, 1] + 6 * [0]
 
 
 def test_a_chunk_in_use_stays_where_it_is():
