@@ -31,6 +31,8 @@ class Build(build_ext):
 
     def build_extension(self, ext):
         folder = pathlib.Path(self.build_temp).resolve() / "cmake"
+        if HAS_TREE:  # where the tree's other builds are
+            folder = TREE / "build" / f"pip-{sys.implementation.cache_tag}"
         folder.mkdir(parents=True, exist_ok=True)
         options = [f"-DPython_EXECUTABLE={sys.executable}", "-DCMAKE_BUILD_TYPE=Release"]
         if HAS_TREE:
