@@ -8,11 +8,22 @@
 #include "Mem/Mem_Settings.h"
 #include "Mem/Mem_ShmmHeap.h"
 #include "NRVlog/Zor_Log.h"
+#include "Platform/Mappings.h"
 #include "Zor/Zor_Buffer.h"
 
 #include <cassert>
 #include <memory>
 #include <utility>
+
+namespace
+{
+/// Has the pages of a piece whose view is new found now, if the settings want that of its size.
+void make_small_ready(MEM_MemInfo& piece, Platform::Mappings::Access access)
+{
+    if (piece.Size() <= SettingOrNone(&MEM_MemoryConfiguration::PrefetchSize))
+        Platform::Mappings::Get().Prefetch(piece.Ptr(), piece.Size(), access);
+}
+} // namespace
 
 // Life ------------------------------------------------------------------------------------------
 
@@ -152,6 +163,7 @@ int MEM_MemPager::register_local(MEM_MemInfo& info)
 int MEM_MemPager::register_on_block(int id, MEM_MemInfo& info)
 {
     RegisteredBlock& block = m_rooms->blocks.At(id);
+    const unsigned views = block.views;
     if (private_map(block, true) != 0) {
         ZOR_LOG("MEM_MemPager::internal_register", 5,
                 "MemPager::Register failed to map block %d!\n", id);
@@ -160,6 +172,8 @@ int MEM_MemPager::register_on_block(int id, MEM_MemInfo& info)
     m_rooms->views.Hold(id, block);
     m_rooms->blocks.AddPiece(block, info.Size());
     info.UpdatePtrByBase(block.owner->Ptr());
+    if (block.views != views)
+        make_small_ready(info, Platform::Mappings::Access::First);
     return id;
 }
 
@@ -182,6 +196,7 @@ int MEM_MemPager::register_new_block(MEM_MemInfo& info)
     }
     m_rooms->views.Hold(next.Id(), *block);
     info.UpdatePtrByBase(block->owner->Ptr());
+    make_small_ready(info, Platform::Mappings::Access::First);
     place.Keep();
     return next.Use(std::move(block), info.Size());
 }
@@ -294,13 +309,31 @@ int MEM_MemPager::Free(MEM_PagerInfo& info)
 
 // Mapping ---------------------------------------------------------------------------------------
 
+// The pages are found without the pager's lock: it can take long, and the handle keeps the view.
 int MEM_MemPager::Map(MEM_PagerInfo& info)
 {
-    WindowUnixGuard lock(&mutex);
-    return MapWithoutLocks(info);
+    bool is_anew = false;
+    {
+        WindowUnixGuard lock(&mutex);
+        if (map_piece(info, is_anew) != 0)
+            return -1;
+    }
+    if (is_anew)
+        make_small_ready(*info.GetMemInfoPtr(), Platform::Mappings::Access::Read);
+    return 0;
 }
 
 int MEM_MemPager::MapWithoutLocks(MEM_PagerInfo& info)
+{
+    bool is_anew = false;
+    const int result = map_piece(info, is_anew);
+    if (is_anew)
+        make_small_ready(*info.GetMemInfoPtr(), Platform::Mappings::Access::Read);
+    return result;
+}
+
+/// `is_anew` becomes whether a view was made for it.
+int MEM_MemPager::map_piece(MEM_PagerInfo& info, bool& is_anew)
 {
     if (info.Ptr() != nullptr)
         return 0;
@@ -310,8 +343,10 @@ int MEM_MemPager::MapWithoutLocks(MEM_PagerInfo& info)
     RegisteredBlock& block = m_rooms->blocks.At(id);
     const Mem_Counter counter = counter_of_map(block);
     counter.Mark();
+    const unsigned views = block.views;
     if (private_map(block, true) == -1)
         return -1;
+    is_anew = block.views != views;
     m_rooms->views.Hold(id, block);
     info.GetMemInfoPtr()->UpdatePtrByBase(block.owner->Ptr());
     counter.Close();

@@ -40,6 +40,7 @@ public:
     FORWARD(bool, CloseMapping, (void* m), (m))
     FORWARD(void*, MapView, (void* m, std::uint64_t o, std::uint64_t s), (m, o, s))
     FORWARD(bool, UnmapView, (void* v, std::uint64_t s), (v, s))
+    FORWARD(bool, Prefetch, (void* b, std::uint64_t s, Access a), (b, s, a))
     FORWARD(std::uint32_t, AllocationGranularity, (), ())
     FORWARD(bool, TrimWorkingSet, (Views & v), (v))
     FORWARD(Cause, LastCause, (), ())
