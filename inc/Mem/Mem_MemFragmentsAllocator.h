@@ -122,6 +122,9 @@ private:
         std::swap(mapping_lost, other.mapping_lost);
     }
 
+    static size_t mapped_of(size_t fragments_num);
+    static size_t tail_start_of(size_t fragments_num);
+
     int reallocate_fragments(size_t new_fragments_num, size_t new_total_buf_size,
                              unsigned int new_last_fragment_size, bool is_partial) override;
 
@@ -170,6 +173,12 @@ private:
     static void unmap_if_mapped(Mem_MemFragmentInfo& info);
     void revert_mapped_set();
     int validate_mapped_indexes();
+
+    // Checks, of a list of `count` fragments
+    const char* broken(size_t count, unsigned int last_size) const;
+    const char* broken_fragment(size_t fragment, unsigned int size) const;
+    bool is_current_told() const;
+    void check_invariants(size_t count, unsigned int last_size) const;
 
     Mem_MemFragmentInfo* fragments = nullptr; // fragments_num of them
     MappedIndexes mapped_indexes = {};

@@ -1,5 +1,6 @@
 #include "Mem/Mem_BlockIndex.h"
 
+#include "Mem/Mem_FirstBreak.h"
 #include "Mem/Mem_ShmmHeap.h"
 
 #include <algorithm>
@@ -122,8 +123,48 @@ std::size_t Mem_BlockAges::last_before(std::size_t end, std::uint64_t most, std:
     return newer != kNone ? newer : last_before(end, most, 2 * node, first, half);
 }
 
-Mem_BlockIndex::Room::Room(Mem_BlockIndex& index, const Block& block, const Mem_BlockKind& kind)
-    : m_index(index), m_kind(kind), m_is_new(!knows(block, kind))
+const char* Mem_BlockAges::Broken(const Mem_BlockKind& kind) const
+{
+    Mem_FirstBreak check;
+    std::size_t living = 0;
+    for (std::size_t number = 0; number < m_end; ++number) {
+        check.Expect(number == 0 || m_ages[number - 1] <= m_ages[number], "the order of ages");
+        check.Expect(broken_place(number, kind));
+        living += m_blocks[number] != nullptr ? 1 : 0;
+    }
+    check.Expect(broken_tree());
+    check.Expect(living == m_living, "m_living");
+    return check.What();
+}
+
+const char* Mem_BlockAges::broken_place(std::size_t number, const Mem_BlockKind& kind) const
+{
+    Mem_FirstBreak check;
+    const std::uint64_t most = m_most[capacity() + number];
+    const Block* const block = m_blocks[number];
+    if (block == nullptr) {
+        check.Expect(most == 0, "a free chunk where a block has left");
+        return check.What();
+    }
+    check.Expect(block->m_place.ages == this && block->m_place.number == number,
+                 "a block's place in the index");
+    check.Expect(block->m_place.kind == kind && block->Kind() == kind, "a block's kind");
+    check.Expect(block->Age() == m_ages[number], "a block's age");
+    check.Expect(most == std::uint64_t{block->LargestFree()} + 1, "a block's largest free chunk");
+    return check.What();
+}
+
+const char* Mem_BlockAges::broken_tree() const
+{
+    Mem_FirstBreak check;
+    for (std::size_t node = 1; node < capacity(); ++node)
+        check.Expect(m_most[node] == std::max(m_most[2 * node], m_most[2 * node + 1]),
+                     "the tree of largest free chunks");
+    return check.What();
+}
+
+Mem_BlockIndex::Entry::Entry(Mem_BlockIndex& index, const Block& block, const Mem_BlockKind& kind)
+    : m_index(index), m_kind(kind), m_is_new(!is_of(block, kind))
 {
     if (!m_is_new)
         return;
@@ -136,13 +177,13 @@ Mem_BlockIndex::Room::Room(Mem_BlockIndex& index, const Block& block, const Mem_
     }
 }
 
-Mem_BlockIndex::Room::~Room()
+Mem_BlockIndex::Entry::~Entry()
 {
     if (m_is_new)
         m_index.tidy(m_kind);
 }
 
-void Mem_BlockIndex::Room::Settle(Block& block) const
+void Mem_BlockIndex::Entry::Settle(Block& block) const
 {
     if (!m_is_new)
         return Update(block);
@@ -151,7 +192,7 @@ void Mem_BlockIndex::Room::Settle(Block& block) const
     m_index.m_kinds.find(m_kind)->second.Enter(block);
 }
 
-bool Mem_BlockIndex::knows(const Block& block, const Mem_BlockKind& kind)
+bool Mem_BlockIndex::is_of(const Block& block, const Mem_BlockKind& kind)
 {
     return block.m_place.ages != nullptr && block.m_place.kind == kind;
 }
@@ -165,13 +206,13 @@ void Mem_BlockIndex::tidy(const Mem_BlockKind& kind)
 
 void Mem_BlockIndex::Update(const Block& block)
 {
-    if (block.m_place.ages != nullptr)
+    if (Knows(block))
         block.m_place.ages->Update(block);
 }
 
 void Mem_BlockIndex::Leave(Block& block)
 {
-    if (block.m_place.ages == nullptr)
+    if (!Knows(block))
         return;
     const Mem_BlockKind kind = block.m_place.kind;
     block.m_place.ages->Leave(block);
@@ -194,4 +235,27 @@ Block* Mem_BlockIndex::NewestFor(const Mem_BlockKind& keys, std::uint32_t size,
             newest = block;
     }
     return newest;
+}
+
+bool Mem_BlockIndex::Knows(const Block& block)
+{
+    return block.m_place.ages != nullptr;
+}
+
+std::size_t Mem_BlockIndex::Count() const
+{
+    std::size_t count = 0;
+    for (const auto& [kind, ages] : m_kinds)
+        count += ages.Count();
+    return count;
+}
+
+const char* Mem_BlockIndex::Broken() const
+{
+    Mem_FirstBreak check;
+    for (const auto& [kind, ages] : m_kinds) {
+        check.Expect(!ages.IsEmpty(), "a kind without blocks");
+        check.Expect(ages.Broken(kind));
+    }
+    return check.What();
 }

@@ -22,11 +22,11 @@ struct Mem_BlockKind {
 };
 
 /// The blocks of one kind, oldest first, with the size of the largest free chunk of each: a tree of
-/// maxima over an array. A block that leaves keeps its place empty until room is needed.
+/// maxima over an array. A block that leaves keeps its place empty until places run out.
 class Mem_BlockAges
 {
 public:
-    /// Makes room for one more block. Throws std::bad_alloc, with nothing changed.
+    /// Makes a place for one more block. Throws std::bad_alloc, with nothing changed.
     void Reserve();
 
     /// Takes a block in; Reserve() comes first. Never allocates, as all that follow.
@@ -42,13 +42,24 @@ public:
     /// is none.
     Block* NewestWith(std::uint32_t size, std::uint64_t age) const;
 
+    /// How many blocks there are.
+    std::size_t Count() const { return m_living; }
+
+    /// Null, or the first relation that is broken between the array, the tree and the blocks, all
+    /// of which are of that kind.
+    const char* Broken(const Mem_BlockKind& kind) const;
+
 private:
+    friend struct Mem_TestAccess;
+
     static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
 
     std::size_t capacity() const { return m_blocks.size(); }
     void append(Block& block, std::uint64_t most);
     void exchange(std::size_t one, std::size_t other);
     void set_most(std::size_t number, std::uint64_t most);
+    const char* broken_place(std::size_t number, const Mem_BlockKind& kind) const;
+    const char* broken_tree() const;
     std::size_t last_with(std::uint64_t most) const;
     std::size_t last_before(std::size_t end, std::uint64_t most, std::size_t node,
                             std::size_t first, std::size_t count) const;
@@ -73,20 +84,20 @@ public:
         Mem_BlockKind kind;
     };
 
-    /// Room for a block that is about to be of a kind, for as long as this object lives.
-    class Room
+    /// Capacity for a block that is about to be of a kind, for as long as this object lives.
+    class Entry
     {
     public:
         /// Throws std::bad_alloc, with nothing changed.
-        Room(Mem_BlockIndex& index, const Block& block, const Mem_BlockKind& kind);
-        ~Room();
+        Entry(Mem_BlockIndex& index, const Block& block, const Mem_BlockKind& kind);
+        ~Entry();
 
         /// Takes note that the block is of that kind now, and of its largest free chunk. Never
         /// allocates, as the operations that follow.
         void Settle(Block& block) const;
 
-        Room(const Room&) = delete;
-        Room& operator=(const Room&) = delete;
+        Entry(const Entry&) = delete;
+        Entry& operator=(const Entry&) = delete;
 
     private:
         Mem_BlockIndex& m_index;
@@ -100,6 +111,16 @@ public:
     /// Forgets a block, if it is known.
     void Leave(Block& block);
 
+    /// Whether a block is known, to whatever index.
+    static bool Knows(const Block& block);
+
+    /// How many blocks are known.
+    std::size_t Count() const;
+
+    /// Null, or the first relation that is broken between the index and the blocks in it. Not while
+    /// there is an Entry.
+    const char* Broken() const;
+
     /// The newest block older than `age` that takes requests of `size` bytes with the client and
     /// the keys of `keys`, whose range is empty, and that has a free chunk of the size: an
     /// alignment may still be too much for it. Null if there is none.
@@ -108,7 +129,7 @@ public:
 private:
     friend struct Mem_TestAccess;
 
-    static bool knows(const Block& block, const Mem_BlockKind& kind);
+    static bool is_of(const Block& block, const Mem_BlockKind& kind);
     void tidy(const Mem_BlockKind& kind);
 
     std::map<Mem_BlockKind, Mem_BlockAges> m_kinds; // none without blocks

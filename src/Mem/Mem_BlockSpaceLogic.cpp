@@ -1,5 +1,6 @@
 #include "Mem/Mem_BlockSpaceLogic.h"
 
+#include "Mem/Mem_FirstBreak.h"
 #include "Rw/RWBoundsErr.h"
 
 #include <algorithm>
@@ -337,10 +338,15 @@ void BlockSpaceLogic::unlink(Chunk& chunk)
 }
 
 // Offsets have a pattern; a multiplication by a large odd number spreads them.
-BlockSpaceLogic::Chunk*& BlockSpaceLogic::bucket_of(std::uint32_t aligned_offset)
+std::size_t BlockSpaceLogic::bucket_number(std::uint32_t aligned_offset) const
 {
     const std::uint64_t spread = aligned_offset * std::uint64_t{0x9E3779B97F4A7C15};
-    return m_buckets[(spread >> 32) & (m_buckets.size() - 1)];
+    return (spread >> 32) & (m_buckets.size() - 1);
+}
+
+BlockSpaceLogic::Chunk*& BlockSpaceLogic::bucket_of(std::uint32_t aligned_offset)
+{
+    return m_buckets[bucket_number(aligned_offset)];
 }
 
 /// Makes sure that there are as many buckets as allocated chunks, one more included.
@@ -375,4 +381,99 @@ void BlockSpaceLogic::give_spare(Chunk& chunk)
 {
     chunk.next = m_spare;
     m_spare = &chunk;
+}
+
+// Check -----------------------------------------------------------------------------------------
+
+/// What the walks of a check have counted, to be compared.
+struct BlockSpaceLogic::Tally {
+    std::uint64_t end = 0;       // of the latest stretch
+    std::uint64_t allocated = 0; // bytes
+    std::size_t free = 0;        // stretches, as the next two
+    std::size_t with_bytes = 0;  // that a request of some bytes has taken
+    std::size_t gaps = 0;        // that a request of 0 bytes has taken for its alignment
+    std::size_t empty = 0;       // chunks of no bytes, which are no stretches
+};
+
+const char* BlockSpaceLogic::Broken() const
+{
+    Mem_FirstBreak check;
+    Tally tally;
+    check.Expect(broken_stretches(tally));
+    check.Expect(tally.end == m_size, "the end of the last stretch");
+    check.Expect(tally.allocated == m_allocated, "m_allocated");
+    check.Expect(broken_free_chunks(tally));
+    check.Expect(broken_requests_for_nothing(tally));
+    check.Expect(broken_buckets(tally));
+    check.Expect(tally.with_bytes == m_allocated_count, "m_allocated_count");
+    check.Expect(m_found.chunk == nullptr || m_found.chunk->is_free, "the remembered answer");
+    check.Expect(tally.free + tally.with_bytes + tally.gaps + tally.empty + count_spare() ==
+                     m_pool.size(),
+                 "a lost record");
+    return check.What();
+}
+
+const char* BlockSpaceLogic::broken_stretches(Tally& tally) const
+{
+    Mem_FirstBreak check;
+    const Chunk* before = nullptr;
+    for (const Chunk* chunk = m_first; chunk != nullptr; chunk = chunk->behind) {
+        check.Expect(chunk->before == before, "a stretch's link back");
+        check.Expect(chunk->offset == tally.end, "a stretch that doesn't follow on the one before");
+        check.Expect(chunk->size <= chunk->actual_size || chunk->is_free, "a chunk's size");
+        tally.end += chunk->actual_size;
+        tally.allocated += chunk->is_free ? 0 : chunk->actual_size;
+        ++(chunk->is_free ? tally.free : chunk->size != 0 ? tally.with_bytes : tally.gaps);
+        before = chunk;
+    }
+    return check.What();
+}
+
+const char* BlockSpaceLogic::broken_free_chunks(Tally& tally) const
+{
+    Mem_FirstBreak check;
+    std::size_t stretches = 0;
+    const Chunk* before = nullptr;
+    for (const Chunk& chunk : m_free) {
+        check.Expect(chunk.is_free, "an allocated chunk among the free ones");
+        check.Expect(before == nullptr || SmallerThenOlder()(*before, chunk),
+                     "the order of the free chunks");
+        ++(chunk.actual_size != 0 ? stretches : tally.empty);
+        before = &chunk;
+    }
+    check.Expect(stretches == tally.free, "a free stretch that can't be found");
+    return check.What();
+}
+
+const char* BlockSpaceLogic::broken_requests_for_nothing(Tally& tally) const
+{
+    Mem_FirstBreak check;
+    std::size_t gaps = 0;
+    for (const Chunk& chunk : m_nothing) {
+        check.Expect(chunk.size == 0 && !chunk.is_free, "a chunk among the requests of 0 bytes");
+        ++(chunk.actual_size != 0 ? gaps : tally.empty);
+    }
+    check.Expect(gaps == tally.gaps, "a gap that can't be found");
+    return check.What();
+}
+
+const char* BlockSpaceLogic::broken_buckets(const Tally& tally) const
+{
+    Mem_FirstBreak check;
+    std::size_t found = 0;
+    for (std::size_t number = 0; number < m_buckets.size(); ++number)
+        for (const Chunk* chunk = m_buckets[number]; chunk != nullptr; chunk = chunk->next) {
+            check.Expect(bucket_number(chunk->AlignedOffset()) == number, "a chunk's bucket");
+            ++found;
+        }
+    check.Expect(found == tally.with_bytes, "an allocated stretch that can't be found");
+    return check.What();
+}
+
+std::size_t BlockSpaceLogic::count_spare() const
+{
+    std::size_t count = 0;
+    for (const Chunk* chunk = m_spare; chunk != nullptr; chunk = chunk->next)
+        ++count;
+    return count;
 }

@@ -65,6 +65,10 @@ public:
     /// The size of the largest free chunk; 0 if there is none.
     std::uint32_t LargestFreeChunk() const;
 
+    /// Compares the stretches with their indexes, sums and records: null, or the first relation
+    /// that doesn't hold. Takes a walk over all of them.
+    const char* Broken() const;
+
 private:
     friend struct Mem_TestAccess;
 
@@ -145,11 +149,19 @@ private:
     void replace(Chunk& old, Chunk& chunk);
     void unlink(Chunk& chunk);
 
+    std::size_t bucket_number(std::uint32_t aligned_offset) const;
     Chunk*& bucket_of(std::uint32_t aligned_offset);
     void keep_buckets();
     void keep_spare();
     Chunk& take_spare();
     void give_spare(Chunk& chunk);
+
+    struct Tally;
+    const char* broken_stretches(Tally& tally) const;
+    const char* broken_free_chunks(Tally& tally) const;
+    const char* broken_requests_for_nothing(Tally& tally) const;
+    const char* broken_buckets(const Tally& tally) const;
+    std::size_t count_spare() const;
 
     std::uint32_t m_size;
     std::uint32_t m_allocated = 0;

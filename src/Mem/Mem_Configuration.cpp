@@ -1,6 +1,7 @@
 #include "Mem/Mem_Configuration.h"
 
 #include "Mem/Mem_TempFolder.h"
+#include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
 #include "Platform/Process.h"
 
@@ -18,7 +19,7 @@ unsigned int default_cache_size_in_mb()
 {
     Platform::Process& process = Platform::Process::Get();
     const std::uint64_t mb =
-        std::min(process.MemoryLimit(), process.MemoryNow().address_space) >> 20;
+        WholeMb(std::min(process.MemoryLimit(), process.MemoryNow().address_space));
     if (mb <= 2048)
         return 500;
     return mb <= 3072 ? 1000 : 2000;
@@ -159,7 +160,7 @@ unsigned int MEM_MemoryConfiguration::BaseBlockSize()
 void MEM_MemoryConfiguration::SetBaseBlockSize(unsigned int mb)
 {
     if (mb != kUnchanged)
-        m_base_block_size = (mb << 20) + 65536;
+        m_base_block_size = static_cast<unsigned int>(BytesOfMb(mb)) + 65536;
     ZOR_LOG("MEM_MemoryConfiguration::SetBaseBlockSize", 6,
             "SetBaseBlockSize: BaseBlockSize=<%u>\n", m_base_block_size);
 }
@@ -174,7 +175,7 @@ void MEM_MemoryConfiguration::SetCacheSize(unsigned int mb)
     const char* const text = cache_size_of_environment();
     const std::int64_t wanted =
         text != nullptr ? static_cast<std::int32_t>(std::atol(text)) : std::int64_t{mb};
-    m_cache_size = static_cast<unsigned long long>(wanted) << 20;
+    m_cache_size = BytesOfMb(static_cast<std::uint64_t>(wanted));
     ZOR_LOG("MEM_MemoryConfiguration::SetCacheSize", 6, "SetCacheSize: CacheSize=<%Iu>\n",
             m_cache_size);
 }

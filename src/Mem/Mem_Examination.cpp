@@ -1,6 +1,7 @@
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_Inspection.h"
 #include "Mem/Mem_TempFolder.h"
+#include "Mem/Mem_Units.h"
 #include "Platform/Inspection.h"
 
 #include <algorithm>
@@ -28,20 +29,15 @@ std::uint64_t rest(std::uint64_t all, std::uint64_t taken)
     return all - std::min(all, taken);
 }
 
-std::uint64_t bytes_of(unsigned int mb)
-{
-    return std::uint64_t{mb} << 20;
-}
-
 std::string in_mb(std::uint64_t bytes)
 {
-    return std::to_string(bytes >> 20);
+    return std::to_string(WholeMb(bytes));
 }
 
 /// Up: what is advised has to be enough.
 std::string in_enough_mb(std::uint64_t bytes)
 {
-    return std::to_string((bytes + (std::uint64_t{1} << 20) - 1) >> 20);
+    return std::to_string(WholeMb(bytes + BytesOfMb(1) - 1));
 }
 
 /// What the settings make the library want, in bytes.
@@ -49,10 +45,10 @@ struct Demand {
     Demand()
     {
         MEM_MemoryConfiguration& settings = *MEM_MemoryConfiguration::GetInstance();
-        shared_memory = bytes_of(settings.GetSwapMaxSizeInMb());
-        files = bytes_of(settings.FileHeap_MaxTotalSpaceInMb());
-        file = bytes_of(settings.FileHeap_FileSizeInMb());
-        free_disk = bytes_of(settings.FileHeap_MinSpaceToLeaveInMb());
+        shared_memory = BytesOfMb(settings.GetSwapMaxSizeInMb());
+        files = BytesOfMb(settings.FileHeap_MaxTotalSpaceInMb());
+        file = BytesOfMb(settings.FileHeap_FileSizeInMb());
+        free_disk = BytesOfMb(settings.FileHeap_MinSpaceToLeaveInMb());
         region = settings.BaseBlockSize();
         cache = settings.HeapCacheInBytes();
         reclaims = std::getenv("VORTELIX_DIS_NEW_HANDLER") == nullptr;

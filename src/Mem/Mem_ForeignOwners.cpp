@@ -29,26 +29,16 @@ bool LiesIn(MEM_MemInfo& piece, BaseMapInfo& region)
     return std::uint64_t{piece.Offset()} + piece.Size() <= region.Size();
 }
 
-// The repository is made here, so that it is older than the pager's first block.
-Mem_ForeignOwners::Mem_ForeignOwners(const void* client) : m_client(client)
-{
-    GetStreamedOwnersRepository();
-}
-
-StreamedOwnersRepository& Mem_ForeignOwners::repository() const
-{
-    StreamedOwnersRepository& owners = *GetStreamedOwnersRepository();
-    owners.SetClient(m_client);
-    return owners;
-}
+Mem_ForeignOwners::Mem_ForeignOwners(const void* client) : m_client(client) {}
 
 Mem_ForeignOwners::Fresh::Fresh(Mem_ForeignOwners& owners, MEM_MemInfo& info)
     : m_owners(owners), m_name(info.GetInfoName())
 {
     RWCString mapping_name = info.GetMappingName();
     RWCString name = m_name;
-    m_owner = owners.repository().GetOwner(info.GetOwnerHandle(), mapping_name, name,
-                                           info.GetOwnerOffset(), info.GetOwnerSize());
+    m_owner = GetStreamedOwnersRepository(owners.m_client)
+                  ->GetOwner(info.GetOwnerHandle(), mapping_name, name, info.GetOwnerOffset(),
+                             info.GetOwnerSize());
 }
 
 Mem_ForeignOwners::Fresh::~Fresh()
@@ -60,5 +50,5 @@ Mem_ForeignOwners::Fresh::~Fresh()
 void Mem_ForeignOwners::Release(BaseMapInfo* owner, RWCString name)
 {
     owner->Free();
-    repository().ReleaseOwner(name);
+    GetStreamedOwnersRepository(m_client)->ReleaseOwner(name);
 }

@@ -5,7 +5,6 @@
 
 class BaseMapInfo;
 class MEM_MemInfo;
-class StreamedOwnersRepository;
 
 /// What a descriptor from outside can't be registered for, apart from being this process's own: a
 /// text for the log, null if nothing is wrong with it. Reads the descriptor alone.
@@ -46,8 +45,6 @@ public:
 
 private:
     friend struct Mem_TestAccess;
-
-    StreamedOwnersRepository& repository() const;
 
     const void* const m_client;
 };

@@ -62,7 +62,7 @@ Mem_FragmentsAllocator::~Mem_FragmentsAllocator()
 {
     ZOR_LOG("Mem_FragmentsAllocator::~Mem_FragmentsAllocator", 5,
             "~Mem_FragmentsAllocator: Destructing the Mem_FragmentsAllocator: size=<%d>\n",
-            static_cast<int>(total_buf_size >> 20));
+            static_cast<int>(WholeMb(total_buf_size)));
     valid = false;
 }
 

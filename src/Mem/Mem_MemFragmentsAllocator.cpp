@@ -1,61 +1,31 @@
 #include "Mem/Mem_MemFragmentsAllocator.h"
 
-#include "Mem/Mem_FragmentsResize.h"
+#include "Mem/Mem_FirstBreak.h"
+#include "Mem/Mem_FragmentsCounter.h"
+#include "Mem/Mem_MemFragmentsLog.h"
 #include "Mem/Mem_MemPager.h"
-#include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
-#include "Zor/Zor_PerformanceCounters.h"
 
 #include <algorithm>
-#include <cstring>
+#include <cassert>
 #include <memory>
 #include <new>
 
 const RWCString Mem_MemFragmentsAllocator::REPLACE_PERF_STR = "Mem_Fragments_Replace";
 const RWCString Mem_MemFragmentsAllocator::REALLOC_PERF_STR = "Mem_Fragments_Realloc";
 
-namespace
-{
-constexpr size_t kMostMapped = 2;
+namespace Log = Mem_MemFragmentsLog;
 
-/// How many of `fragments_num` fragments are held mapped, and the first of them in a new buffer.
-size_t mapped_of(size_t fragments_num)
+// How many of so many fragments are held mapped. A new buffer holds its last ones: from which on?
+size_t Mem_MemFragmentsAllocator::mapped_of(size_t fragments_num)
 {
-    return std::min(fragments_num, kMostMapped);
+    return std::min(fragments_num, MappedIndexes().size());
 }
 
-size_t tail_start_of(size_t fragments_num)
+size_t Mem_MemFragmentsAllocator::tail_start_of(size_t fragments_num)
 {
     return fragments_num - mapped_of(fragments_num);
 }
-
-// Counters of an object's own, which differ by their ids only.
-Zor_PerformanceCounterData* add_counter(const RWCString& name)
-{
-    Zor_PerformanceCounters* const counters = Zor_PerformanceCounters::Instance();
-    const int id = counters->m_id++;
-    return counters->AddCounter(ZOR_COUNT_INTERVALS, Zor_PerformanceCounterData::SYSTEM_GENERAL,
-                                name, Zor_PerformanceCounterData::RW_NULL,
-                                Zor_PerformanceCounterData::RW_NULL, id, 5, 7, nullptr);
-}
-
-bool wanted(const Zor_PerformanceCounterData* counter)
-{
-    return counter != nullptr && Zor_PerformanceCounters::GetLogLevel() > 4;
-}
-
-void mark(Zor_PerformanceCounterData* counter)
-{
-    if (wanted(counter))
-        counter->Mark();
-}
-
-void end_mark(Zor_PerformanceCounterData* counter)
-{
-    if (wanted(counter))
-        counter->EndMark(-999, -1.0);
-}
-} // namespace
 
 // Life ------------------------------------------------------------------------------------------
 
@@ -65,48 +35,39 @@ Mem_MemFragmentsAllocator::Mem_MemFragmentsAllocator(size_t element_bytes, size_
 {
     if (!has_layout())
         return;
-    ZOR_LOG("Mem_MemFragmentsAllocator::Mem_MemFragmentsAllocator", 6,
-            "Initializing MEM fragments..\n");
+    Log::Initializing();
     pager = MEM_MemPager::GetHandle();
     auto infos = std::make_unique<Mem_MemFragmentInfo[]>(fragments_num);
     mapped_fragments_num = mapped_of(fragments_num);
     if (allocate_fragments(infos.get(), 0, fragments_num, fragment_size, last_fragment_size,
                            mapped_fragments_num) == -1) {
-        ZOR_LOG("Mem_MemFragmentsAllocator::Mem_MemFragmentsAllocator", 3,
-                "Failed allocating MEM Fragments! (Tried to allocated %Iu fragments, with total "
-                "size of <%Iu bytes>)\n",
-                fragments_num, total_buf_size);
+        Log::InitializationFailed(fragments_num, total_buf_size);
         return;
     }
     fragments = infos.release();
     hold_tail(fragments_num);
-    replace_counter = add_counter(REPLACE_PERF_STR);
-    realloc_counter = add_counter(REALLOC_PERF_STR);
+    replace_counter = AddFragmentsCounter(REPLACE_PERF_STR);
+    realloc_counter = AddFragmentsCounter(REALLOC_PERF_STR);
     valid = true;
-    ZOR_LOG("Mem_MemFragmentsAllocator::Mem_MemFragmentsAllocator", 6,
-            "Mem_MemFragmentsAllocator C-tor Done.\n");
+    check_invariants(fragments_num, last_fragment_size);
+    Log::Initialized();
 }
 
 Mem_MemFragmentsAllocator::~Mem_MemFragmentsAllocator()
 {
-    ZOR_LOG("Mem_MemFragmentsAllocator::~Mem_MemFragmentsAllocator", 5,
-            "~Mem_MemFragmentsAllocator: Destructing the Mem_FragmentsAllocator: size=<%d>\n",
-            static_cast<int>(total_buf_size >> 20));
+    Log::Destructing(total_buf_size);
     if (!valid) {
-        ZOR_LOG("Mem_MemFragmentsAllocator::~Mem_MemFragmentsAllocator", 5,
-                "~Mem_MemFragmentsAllocator: BufAllocator is invalid, no need to destroy..\n");
+        Log::HadNothingToFree();
         return;
     }
     for (size_t i = 0; i < fragments_num; ++i)
         free_fragment(fragments[i]);
-    ZOR_LOG("Mem_MemFragmentsAllocator::~Mem_MemFragmentsAllocator", 6,
-            "~Mem_MemFragmentsAllocator: Freed %Iu fragments successfully\n", fragments_num);
+    Log::FreedAll(fragments_num);
     delete[] fragments;
     fragments = nullptr;
     make_none_current();
     valid = false;
-    ZOR_LOG("Mem_MemFragmentsAllocator::~Mem_MemFragmentsAllocator", 6,
-            "~Mem_MemFragmentsAllocator: Finished!\n");
+    Log::Destructed();
 }
 
 // Fragments -------------------------------------------------------------------------------------
@@ -115,10 +76,7 @@ int Mem_MemFragmentsAllocator::allocate_fragments(Mem_MemFragmentInfo* infos, si
                                                   size_t count, unsigned int full_size,
                                                   unsigned int last_size, size_t mapped_fragments)
 {
-    ZOR_LOG("Mem_MemFragmentsAllocator::allocate_fragments", 6,
-            "allocate_fragments: Allocating %Iu fragments from index %Iu. FragmentSize=%u, "
-            "LastFragmentSize=%u, MappedFragments=%Iu\n",
-            count, first, full_size, last_size, mapped_fragments);
+    Log::Allocating(count, first, full_size, last_size, mapped_fragments);
     const size_t last = first + count - 1;
     for (size_t i = first; i <= last; ++i) {
         const unsigned int size = i == last ? last_size : full_size;
@@ -134,13 +92,9 @@ int Mem_MemFragmentsAllocator::allocate_fragments(Mem_MemFragmentInfo* infos, si
         if (infos[i].pagerInfo.Unmap() == 0)
             infos[i].isMapped = false;
         else
-            ZOR_LOG("Mem_MemFragmentsAllocator::allocate_fragments", 5,
-                    "allocate_fragments: Failed unmapping fragment number %Iu out of %Iu "
-                    "fragments. FragmentIndex=<%Iu>, FragmentSize=<%u>. Ignoring..\n",
-                    i - first, count, i, size);
+            Log::NewFragmentStaysMapped(i, first, count, size);
     }
-    ZOR_LOG("Mem_MemFragmentsAllocator::allocate_fragments", 6,
-            "allocate_fragments: Finished allocating all fragments successfully!\n");
+    Log::Allocated();
     return 0;
 }
 
@@ -156,33 +110,20 @@ int Mem_MemFragmentsAllocator::allocate_piece(MEM_PagerInfo& info, unsigned int 
 void Mem_MemFragmentsAllocator::abort_allocation(Mem_MemFragmentInfo* infos, size_t first,
                                                  size_t count, size_t failed, unsigned int size)
 {
-    ZOR_LOG("Mem_MemFragmentsAllocator::allocate_fragments", 5,
-            "allocate_fragments: Failed allocating fragment number %Iu, out of %Iu fragments. "
-            "FragmentIndex=<%Iu>, FragmentSize=<%u>. Aborting\n",
-            failed - first, count, failed, size);
-    ZOR_LOG("Mem_MemFragmentsAllocator::allocate_fragments", 3,
-            "allocate_fragments: Failed allocating fragments! Tried to allocate %Iu fragments from "
-            "index %Iu, failed on index %Iu\n",
-            count, first, failed);
+    Log::AllocationFailed(failed, first, count, size);
     if (failed > first)
         free_fragments(infos, first, failed - first);
-    ZOR_LOG("Mem_MemFragmentsAllocator::allocate_fragments", 6,
-            "allocate_fragments: Aborted successfully\n");
+    Log::AllocationIsUndone();
 }
 
 int Mem_MemFragmentsAllocator::free_fragments(Mem_MemFragmentInfo* infos, size_t first,
                                               size_t count)
 {
-    ZOR_LOG("Mem_MemFragmentsAllocator::free_fragments", 6,
-            "free_fragments: Freeing %d fragments, starting from %d", static_cast<int>(count),
-            static_cast<int>(first));
+    Log::Freeing(count, first);
     for (size_t i = first; i < first + count; ++i)
         if (free_fragment(infos[i]) == -1)
-            ZOR_LOG("Mem_MemFragmentsAllocator::free_fragments", 5,
-                    "free_fragments: Free failed, memory leak might have "
-                    "occurred...FragmentIndex=%Iu, FragmentsNum=%Iu\n",
-                    i, count);
-    ZOR_LOG("Mem_MemFragmentsAllocator::free_fragments", 6, "free_fragments: Done!\n");
+            Log::FreeFailed(i, count);
+    Log::Freed();
     return 0;
 }
 
@@ -207,49 +148,39 @@ void Mem_MemFragmentsAllocator::debug_print(const Mem_MemFragmentInfo& info)
 
 void* Mem_MemFragmentsAllocator::find_in_other_fragments(size_t index)
 {
-    ZOR_LOG("Mem_MemFragmentsAllocator::find_in_other_fragments", 6,
-            "find_in_other_fragments: index=<%Iu>\n", index);
+    Log::LooksFor(index);
     if (!valid) {
-        ZOR_LOG("Mem_MemFragmentsAllocator::find_in_other_fragments", 3,
-                "find_in_other_fragments: The FragmentsAllocator is invalid! Returning NULL...\n");
+        Log::BufferIsInvalid();
         return nullptr;
     }
     const size_t fragment = get_fragment(index);
     if (fragment == kNone) {
-        ZOR_LOG("Mem_MemFragmentsAllocator::find_in_other_fragments", 3,
-                "find_in_other_fragments: get_fragment failed! Returning NULL...\n");
+        Log::NoFragmentHasTheIndex();
         return nullptr;
     }
-    ZOR_LOG("Mem_MemFragmentsAllocator::find_in_other_fragments", 7,
-            "find_in_other_fragments: The required fragment index is: <%Iu>\n", fragment);
+    Log::FragmentIsFound(fragment);
     debug_print(fragments[fragment]);
     const size_t mapped_index =
         fragments[fragment].isMapped ? find_mapped(index, fragment) : bring_in(fragment);
     if (mapped_index == kNone)
         return nullptr;
     make_current(mapped_index);
-    ZOR_LOG("Mem_MemFragmentsAllocator::find_in_other_fragments", 6,
-            "find_in_other_fragments: Done! Returning a pointer from fragment <%Iu>\n", fragment);
+    check_invariants(fragments_num, last_fragment_size);
+    Log::FragmentIsServed(fragment);
     return static_cast<char*>(current_ptr) + (index - current_index_start);
 }
 
 size_t Mem_MemFragmentsAllocator::get_fragment(size_t index)
 {
     if (index >= total_buf_size) {
-        ZOR_LOG("Mem_MemFragmentsAllocator::get_fragment", 3,
-                "get_fragment: Index <%Iu> is not in buffer range: <%Iu>!\n", index,
-                total_buf_size);
+        Log::IndexIsOutOfRange(index, total_buf_size);
         return kNone;
     }
     const size_t fragment = index / fragment_size;
     const Mem_MemFragmentInfo& info = fragments[std::min(fragment, fragments_num - 1)];
     if (fragment < fragments_num && info.IndexStart <= index && index <= info.IndexEnd)
         return fragment;
-    ZOR_LOG("Mem_MemFragmentsAllocator::get_fragment", 3,
-            "get_fragment: Inconsistency with indexes! Index=<%Iu>, TotalBuffSize=<%Iu>, "
-            "fragmentSize=<%u>, FragmentIndex=<%u>, IndexStart=<%Iu>, IndexEnd=<%Iu>\n",
-            index, total_buf_size, fragment_size, static_cast<unsigned int>(fragment),
-            info.IndexStart, info.IndexEnd);
+    Log::IndexContradictsLayout(index, total_buf_size, fragment_size, fragment, info);
     return kNone;
 }
 
@@ -257,10 +188,7 @@ size_t Mem_MemFragmentsAllocator::find_mapped(size_t index, size_t fragment) con
 {
     const size_t mapped_index = find_mapped_fragment_index(fragment);
     if (mapped_index == kNone)
-        ZOR_LOG("Mem_MemFragmentsAllocator::find_in_other_fragments", 3,
-                "find_in_other_fragments: Inconsistency between isMapped to mapped array! "
-                "_index=<%Iu>, required_fragment=<%Iu>\n",
-                index, fragment);
+        Log::MappedSetLacksFragment(index, fragment);
     return mapped_index;
 }
 
@@ -272,8 +200,7 @@ size_t Mem_MemFragmentsAllocator::bring_in(size_t fragment)
         (mapping_lost && give_up_other(mapped_index) &&
          replace_mapped_fragment(mapped_index, fragment) == 0))
         return mapped_index;
-    ZOR_LOG("Mem_MemFragmentsAllocator::find_in_other_fragments", 3,
-            "find_in_other_fragments: Couldn't replace with unmapped fragment!\n");
+    Log::ReplacementFailed();
     return kNone;
 }
 
@@ -293,33 +220,25 @@ int Mem_MemFragmentsAllocator::replace_mapped_fragment(size_t mapped_index, size
 {
     Mem_MemFragmentInfo& old_info = fragments[mapped_indexes[mapped_index]];
     Mem_MemFragmentInfo& new_info = fragments[fragment];
-    ZOR_LOG("Mem_MemFragmentsAllocator::replace_mapped_fragment", 6,
-            "replace_mapped_fragment: Replacing mapped index <%Iu> (to fragment %Iu) with unmapped "
-            "fragment <%Iu>\n",
-            mapped_index, mapped_indexes[mapped_index], fragment);
-    mark(replace_counter);
+    Log::Replacing(mapped_index, mapped_indexes[mapped_index], fragment);
+    const Mem_FragmentsCounter counter(replace_counter);
+    counter.Mark();
     const bool is_lost = mapping_lost && !old_info.isMapped;
     if (!is_lost && old_info.pagerInfo.Unmap() == -1) {
-        ZOR_LOG("Mem_MemFragmentsAllocator::replace_mapped_fragment", 3,
-                "replace_mapped_fragment: Couldn't unmap at index <%Iu>\n", mapped_index);
+        Log::OldFragmentStaysMapped(mapped_index);
         return -1;
     }
-    if (wanted(replace_counter))
-        replace_counter->End(-999, -1.0, nullptr);
+    counter.End();
     old_info.isMapped = false;
-    ZOR_LOG("Mem_MemFragmentsAllocator::replace_mapped_fragment", 7,
-            "replace_mapped_fragment: Unmapped old fragment successfully, now mapping new "
-            "fragment...\n");
+    Log::OldFragmentIsUnmapped();
     if (new_info.pagerInfo.Map() == -1) {
-        ZOR_LOG("Mem_MemFragmentsAllocator::replace_mapped_fragment", 3,
-                "replace_mapped_fragment: Couldn't map the page at index <%Iu>\n", fragment);
+        Log::MapFailed(fragment);
         return -1;
     }
-    end_mark(replace_counter);
+    counter.EndMark();
     new_info.isMapped = true;
     mapped_indexes[mapped_index] = fragment;
-    ZOR_LOG("Mem_MemFragmentsAllocator::replace_mapped_fragment", 6,
-            "replace_mapped_fragment: Replaced mapped fragment successfully\n");
+    Log::Replaced();
     return 0;
 }
 
@@ -365,289 +284,49 @@ bool Mem_MemFragmentsAllocator::give_up_other(size_t mapped_index)
     return true;
 }
 
-// Resize ----------------------------------------------------------------------------------------
+// Checks ----------------------------------------------------------------------------------------
 
-int Mem_MemFragmentsAllocator::reallocate_fragments(size_t new_fragments_num,
-                                                    size_t new_total_buf_size,
-                                                    unsigned int new_last_fragment_size,
-                                                    bool is_partial)
+// A mapping that has failed leaves a fragment that is named, but not mapped.
+const char* Mem_MemFragmentsAllocator::broken(size_t count, unsigned int last_size) const
 {
-    ZOR_LOG("Mem_MemFragmentsAllocator::reallocate_fragments", 6,
-            "Mem reallocate_fragments Started..\n");
-    mark(realloc_counter);
-    const Mem_FragmentsResize resize{fragments_num,      new_fragments_num,      fragment_size,
-                                     last_fragment_size, new_last_fragment_size, is_partial};
-    const MappedIndexes old_indexes = mapped_indexes;
-    unmap_what_leaves(resize);
-    Mem_MemFragmentInfo* const infos = make_infos(new_fragments_num);
-    if (resize.Build(*this, infos) == 0) {
-        take_over(infos, new_fragments_num);
-        return 0;
-    }
-    ZOR_LOG("Mem_MemFragmentsAllocator::reallocate_fragments", 3,
-            "Reallocate: An error occurred while trying to reallocate the Mem "
-            "Buffer!OriginalBufferSize=<%.2fMB>, NewBufferSize=<%.2fMB>\n",
-            InMb(total_buf_size), InMb(new_total_buf_size));
-    mend_mapped_set(old_indexes, resize);
-    revert_mapped_set();
-    delete[] infos;
-    return -1;
-}
-
-// The old last fragment stays mapped where it is to be copied.
-void Mem_MemFragmentsAllocator::unmap_what_leaves(const Mem_FragmentsResize& resize)
-{
-    const size_t tail_start = tail_start_of(resize.new_num);
-    const size_t keep_start =
-        resize.is_partial ? std::min(tail_start, resize.old_num - 1) : tail_start;
+    Mem_FirstBreak check;
+    check.Expect(mapped_fragments_num == mapped_of(count), "mapped_fragments_num");
     for (size_t i = 0; i < mapped_fragments_num; ++i) {
-        const size_t fragment = mapped_indexes[i];
-        if (fragment >= keep_start && fragment < resize.new_num)
-            continue;
-        Mem_MemFragmentInfo& info = fragments[fragment];
-        if (info.pagerInfo.Unmap() == 0)
-            info.isMapped = false;
-        else
-            ZOR_LOG("Mem_MemFragmentsAllocator::reallocate_fragments", 5,
-                    "Reallocate: Unmap failed, memory leak might have occurred. "
-                    "FragmentStartIndex=%Iu, FragmentEndIndex=%Iu\n",
-                    info.IndexStart, info.IndexEnd);
+        check.Expect(mapped_indexes[i] < count, "a fragment in the mapped set that isn't there");
+        check.Expect(find_mapped_fragment_index(mapped_indexes[i]) == i,
+                     "a fragment twice in the mapped set");
     }
-    ZOR_LOG("Mem_MemFragmentsAllocator::reallocate_fragments", 6,
-            "Reallocate: Unmapped all mapped fragments\n");
+    if (check.What() != nullptr)
+        return check.What(); // what follows takes the set at its word
+    for (size_t i = 0; i < count; ++i)
+        check.Expect(broken_fragment(i, i + 1 == count ? last_size : fragment_size));
+    check.Expect(current_ptr == nullptr || is_current_told(), "the current fragment");
+    return check.What();
 }
 
-Mem_MemFragmentInfo* Mem_MemFragmentsAllocator::make_infos(size_t count)
+const char* Mem_MemFragmentsAllocator::broken_fragment(size_t fragment, unsigned int size) const
 {
-    try {
-        return new Mem_MemFragmentInfo[count];
-    } catch (...) {
-        revert_mapped_set();
-        throw;
-    }
+    Mem_FirstBreak check;
+    const Mem_MemFragmentInfo& info = fragments[fragment];
+    check.Expect(info.IndexStart == fragment * fragment_size, "where a fragment begins");
+    check.Expect(info.IndexEnd == info.IndexStart + size - 1, "where a fragment ends");
+    check.Expect(info.isMapped == (info.pagerInfo.Ptr() != nullptr), "isMapped against the handle");
+    check.Expect(!info.isMapped || find_mapped_fragment_index(fragment) != kNone,
+                 "a fragment mapped outside the set");
+    return check.What();
 }
 
-int Mem_MemFragmentsAllocator::carry_over(Mem_MemFragmentInfo* infos,
-                                          const Mem_FragmentsResize& resize)
+bool Mem_MemFragmentsAllocator::is_current_told() const
 {
-    const int result = carry_over_unchanged(infos, resize);
-    ZOR_LOG("Mem_MemFragmentsAllocator::reallocate_fragments", 6,
-            "Reallocate: Finished copying unchanged fragments (Result=<%s>, OldFragments=<%Iu>, "
-            "NewFragments=<%Iu>, IsPartial=<%d>)\n",
-            result == 0 ? "SUCCESS" : "FAILURE", resize.OldWhole(), resize.NewWhole(),
-            resize.is_partial ? 1 : 0);
-    return result;
+    const Mem_MemFragmentInfo& info = fragments[mapped_indexes[current_mapped_index]];
+    return info.isMapped && current_index_start == info.IndexStart &&
+           current_index_end == info.IndexEnd && current_ptr == info.pagerInfo.Ptr();
 }
 
-int Mem_MemFragmentsAllocator::carry_over_unchanged(Mem_MemFragmentInfo* infos,
-                                                    const Mem_FragmentsResize& resize)
+void Mem_MemFragmentsAllocator::check_invariants([[maybe_unused]] size_t count,
+                                                 [[maybe_unused]] unsigned int last_size) const
 {
-    const size_t tail_start = tail_start_of(resize.new_num);
-    size_t mapped_index = 0;
-    for (size_t i = 0; i < resize.Unchanged(); ++i) {
-        if (i >= tail_start) {
-            if (!fragments[i].isMapped && fragments[i].pagerInfo.Map() != 0) {
-                ZOR_LOG("Mem_MemFragmentsAllocator::reallocate_fragments", 3,
-                        "Reallocate: Failed on mapping copied fragment %d..\n",
-                        static_cast<int>(i));
-                return -1;
-            }
-            fragments[i].isMapped = true;
-            mapped_indexes[mapped_index++] = i;
-        }
-        infos[i] = fragments[i]; // shares the piece, with a mapping of its own if it is mapped
-    }
-    return 0;
-}
-
-int Mem_MemFragmentsAllocator::copy_partial(Mem_MemFragmentInfo* infos,
-                                            const Mem_FragmentsResize& resize)
-{
-    const size_t partial = resize.Unchanged();
-    if (allocate_and_copy_fragment(fragments[partial], resize.OldPartialSize(), infos[partial],
-                                   resize.NewPartialSize(),
-                                   partial >= tail_start_of(resize.new_num)) == -1) {
-        ZOR_LOG("Mem_MemFragmentsAllocator::reallocate_fragments", 3,
-                "Reallocate: Failed on allocating a new fragment with size <%d> for the partial "
-                "fragment <%d>\n",
-                static_cast<int>(resize.NewPartialSize()), static_cast<int>(partial));
-        return -1;
-    }
-    ZOR_LOG("Mem_MemFragmentsAllocator::reallocate_fragments", 6,
-            "Reallocate: Finished handling partial fragment\n");
-    return 0;
-}
-
-int Mem_MemFragmentsAllocator::allocate_and_copy_fragment(Mem_MemFragmentInfo& old_info,
-                                                          unsigned int old_size,
-                                                          Mem_MemFragmentInfo& new_info,
-                                                          unsigned int new_size, bool keep_mapped)
-{
-    ZOR_LOG("Mem_MemFragmentsAllocator::allocate_and_copy_fragment", 6,
-            "allocate_and_copy_fragment: Copying OldFragment (size=%d) to NewFragment "
-            "(size=%d):\n",
-            static_cast<int>(old_size), static_cast<int>(new_size));
-    debug_print(old_info);
-    if (allocate_piece(new_info.pagerInfo, new_size) == -1) {
-        ZOR_LOG("Mem_MemFragmentsAllocator::allocate_and_copy_fragment", 5,
-                "reallocate_fragment: Allocate has failed for new fragment: FragmentSize=%u, "
-                "StartIndex=%Iu, EndIndex=%Iu\n",
-                new_size, old_info.IndexStart, old_info.IndexEnd);
-        return -1;
-    }
-    if (map_to_copy(old_info, old_size, new_info) == -1)
-        return -1;
-    ZOR_LOG("Mem_MemFragmentsAllocator::allocate_and_copy_fragment", 6,
-            "allocate_and_copy_fragment: Both fragments are mapped, copying data..\n");
-    std::memcpy(new_info.pagerInfo.Ptr(), old_info.pagerInfo.Ptr(), std::min(old_size, new_size));
-    ZOR_LOG("Mem_MemFragmentsAllocator::allocate_and_copy_fragment", 6,
-            "allocate_and_copy_fragment: Finished copying data\n");
-    new_info.isMapped = true;
-    if (!keep_mapped)
-        unmap_copy(old_info, new_info);
-    new_info.IndexStart = old_info.IndexStart;
-    new_info.IndexEnd = new_info.IndexStart + new_size - 1;
-    ZOR_LOG("Mem_MemFragmentsAllocator::allocate_and_copy_fragment", 6,
-            "allocate_and_copy_fragment: Successfully copied old fragment to new fragment:\n");
-    debug_print(new_info);
-    return 0;
-}
-
-int Mem_MemFragmentsAllocator::map_to_copy(Mem_MemFragmentInfo& old_info, unsigned int old_size,
-                                           Mem_MemFragmentInfo& new_info)
-{
-    if (old_info.isMapped || old_info.pagerInfo.Map() == 0)
-        return 0;
-    ZOR_LOG("Mem_MemFragmentsAllocator::allocate_and_copy_fragment", 5,
-            "reallocate_fragment: Map has failed for original fragment: FragmentSize=%u, "
-            "StartIndex=%Iu, EndIndex=%Iu\n",
-            old_size, old_info.IndexStart, old_info.IndexEnd);
-    if (pager->Free(new_info.pagerInfo) == -1)
-        ZOR_LOG("Mem_MemFragmentsAllocator::allocate_and_copy_fragment", 5,
-                "reallocate_fragment: Couldn't free new fragment...\n");
-    return -1;
-}
-
-void Mem_MemFragmentsAllocator::unmap_copy(const Mem_MemFragmentInfo& old_info,
-                                           Mem_MemFragmentInfo& new_info)
-{
-    if (new_info.pagerInfo.Unmap() == 0)
-        new_info.isMapped = false;
-    else
-        ZOR_LOG("Mem_MemFragmentsAllocator::allocate_and_copy_fragment", 5,
-                "reallocate_fragment: Unmap failed, memory leak might have occurred... "
-                "FragmentStartIndex=%Iu, FragmentEndIndex=%Iu\n",
-                old_info.IndexStart, old_info.IndexEnd);
-}
-
-int Mem_MemFragmentsAllocator::add_fragments(Mem_MemFragmentInfo* infos,
-                                             const Mem_FragmentsResize& resize)
-{
-    return allocate_fragments(infos, resize.Next(), resize.new_num - resize.Next(), fragment_size,
-                              resize.new_last_size, mapped_of(resize.new_num));
-}
-
-void Mem_MemFragmentsAllocator::drop_fragments(const Mem_FragmentsResize& resize)
-{
-    free_fragments(fragments, resize.Next(), resize.old_num - resize.Next());
-}
-
-void Mem_MemFragmentsAllocator::report_built(const Mem_FragmentsResize& resize) const
-{
-    ZOR_LOG("Mem_MemFragmentsAllocator::reallocate_fragments", 6,
-            "Reallocate: Finished successfully creating the new buffer. IsPartialFragment=<%s>\n",
-            resize.is_partial ? "TRUE" : "FALSE");
-}
-
-void Mem_MemFragmentsAllocator::free_old_partial(const Mem_FragmentsResize& resize)
-{
-    Mem_MemFragmentInfo& info = fragments[resize.Unchanged()];
-    if (pager->Free(info.pagerInfo) == -1)
-        ZOR_LOG("Mem_MemFragmentsAllocator::reallocate_fragments", 5,
-                "Reallocate: Free failed, memory leak might have occurred... "
-                "FragmentStartIndex=%Iu, FragmentEndIndex=%Iu\n",
-                info.IndexStart, info.IndexEnd);
-    else
-        ZOR_LOG("Mem_MemFragmentsAllocator::reallocate_fragments", 6,
-                "Reallocate: Succeeded freeing the %s fragment\n", "old");
-}
-
-void Mem_MemFragmentsAllocator::take_over(Mem_MemFragmentInfo* infos, size_t new_fragments_num)
-{
-    ZOR_LOG("Mem_MemFragmentsAllocator::reallocate_fragments", 6,
-            "reallocate_fragments: Replacing old fragments..\n");
-    delete[] fragments;
-    fragments = infos;
-    hold_tail(new_fragments_num);
-    end_mark(realloc_counter);
-    ZOR_LOG("Mem_MemFragmentsAllocator::reallocate_fragments", 6,
-            "reallocate_fragments: New reallocated fragments are ready\n");
-}
-
-// As a new buffer stands: its last fragments mapped, the earlier of them current.
-void Mem_MemFragmentsAllocator::hold_tail(size_t count)
-{
-    mapped_fragments_num = mapped_of(count);
-    for (size_t i = 0; i < mapped_fragments_num; ++i)
-        mapped_indexes[i] = tail_start_of(count) + i;
-    make_current(0);
-    mapping_lost = false;
-}
-
-// Carrying the tail over may have named a fragment twice, and with it forgotten one that is still
-// mapped; and the fragment to be copied may hold a mapping that only the copying needed.
-void Mem_MemFragmentsAllocator::mend_mapped_set(const MappedIndexes& old_indexes,
-                                                const Mem_FragmentsResize& resize)
-{
-    if (mapped_fragments_num == mapped_indexes.size() && mapped_indexes[0] == mapped_indexes[1])
-        mapped_indexes[1] = old_indexes[old_indexes[0] == mapped_indexes[0] ? 1 : 0];
-    for (size_t i = 0; i < mapped_fragments_num; ++i)
-        if (find_mapped_fragment_index(old_indexes[i]) == kNone)
-            unmap_if_mapped(fragments[old_indexes[i]]);
-    if (resize.is_partial && !fragments[resize.Unchanged()].isMapped)
-        unmap_if_mapped(fragments[resize.Unchanged()]);
-}
-
-void Mem_MemFragmentsAllocator::unmap_if_mapped(Mem_MemFragmentInfo& info)
-{
-    if (info.pagerInfo.Ptr() != nullptr)
-        info.pagerInfo.Unmap();
-    info.isMapped = false;
-}
-
-void Mem_MemFragmentsAllocator::revert_mapped_set()
-{
-    if (validate_mapped_indexes() == 0)
-        return;
-    mapping_lost = true;
-    make_none_current();
-    ZOR_LOG("Mem_MemFragmentsAllocator::reallocate_fragments", 3,
-            "Reallocate: Failed reverting originally mapped fragments!\n");
-}
-
-int Mem_MemFragmentsAllocator::validate_mapped_indexes()
-{
-    ZOR_LOG("Mem_MemFragmentsAllocator::validate_mapped_indexes", 6,
-            "validate_mapped_indexes: Mapping all the required fragments\n");
-    if (!valid) {
-        ZOR_LOG("Mem_MemFragmentsAllocator::validate_mapped_indexes", 3,
-                "validate_mapped_indexes: Tried to validate an invalid BufAllocator!\n");
-        return -1;
-    }
-    for (size_t i = 0; i < mapped_fragments_num; ++i) {
-        Mem_MemFragmentInfo& info = fragments[mapped_indexes[i]];
-        if (!info.isMapped && info.pagerInfo.Map() != 0) {
-            ZOR_LOG("Mem_MemFragmentsAllocator::validate_mapped_indexes", 6,
-                    "validate_mapped_indexes: Failed mapping index %d (with fragment %d):",
-                    static_cast<int>(i), static_cast<int>(mapped_indexes[i]));
-            debug_print(info);
-            return -1;
-        }
-        info.isMapped = true;
-    }
-    make_current(0);
-    mapping_lost = false;
-    ZOR_LOG("Mem_MemFragmentsAllocator::validate_mapped_indexes", 6,
-            "validate_mapped_indexes: Succeeded mapping all fragments\n");
-    return 0;
+#if defined(MEMPAGER_CHECK_INVARIANTS)
+    assert(broken(count, last_size) == nullptr);
+#endif
 }

@@ -82,8 +82,7 @@ MEM_MemInfo* MEM_MemPager::ask_heap(unsigned int size, unsigned int alignment,
                                     unsigned int always_mapped, unsigned int group_id)
 {
     BaseInfo* piece = nullptr;
-    m_heap->SetClient(this);
-    if (m_heap->Allocate(size, alignment, &piece, always_mapped, group_id) != 0)
+    if (m_heap->AllocateFor(this, size, alignment, &piece, always_mapped, group_id) != 0)
         return nullptr;
     // The pager's heap hands out nothing else.
     return static_cast<MEM_MemInfo*>(piece);

@@ -1,18 +1,17 @@
 #include "Mem/Mem_ShmmHeap.h"
 
 #include "Mem/Mem_Configuration.h"
+#include "Mem/Mem_FirstBreak.h"
 #include "Mem/Mem_Leftovers.h"
 #include "Mem/Mem_Limits.h"
-#include "Mem/Mem_NewName.h"
 #include "Mem/Mem_ShmmHeap_Windows.h"
 #include "Mem/Mem_TempFolder.h"
 #include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
 #include "Platform/Inspection.h"
 #include "Platform/Process.h"
-#include "Zor/Zor_FileSystemUtils.h"
 
-#include <algorithm>
+#include <cassert>
 #include <memory>
 #include <ostream>
 
@@ -145,7 +144,7 @@ public:
     NewBlock(ShmmHeap& heap, Block* block) : m_heap(heap), m_block(block) {}
     ~NewBlock()
     {
-        if (m_block != nullptr && m_block->IsEmpty())
+        if (m_block->IsEmpty())
             m_heap.close_block(m_block);
     }
     NewBlock(const NewBlock&) = delete;
@@ -153,40 +152,22 @@ public:
 
 private:
     ShmmHeap& m_heap;
-    Block* m_block;
+    Block* const m_block;
 };
+
+int ShmmHeap::AllocateFor(const void* client, unsigned int size, unsigned int alignment,
+                          BaseInfo** result, unsigned int always_mapped, unsigned int group_id)
+{
+    const Mem_BlockKind keys{client, always_mapped, group_id, 0, 0};
+    const int failure = take_chunk(keys, size, alignment, result);
+    check_invariants();
+    return failure;
+}
 
 int ShmmHeap::Allocate(unsigned int size, unsigned int alignment, BaseInfo** result,
                        unsigned int always_mapped, unsigned int group_id)
 {
-    Block* block = find_block(size, alignment, always_mapped, group_id);
-    const bool opened = block == nullptr;
-    if (opened) {
-        const int failure = create_result_element(size, &block, always_mapped, group_id);
-        if (failure != 0) {
-            ZOR_LOG("ShmmHeap::Allocate", 5,
-                    "ShmmHeap::Allocate(), create_result_element() failed with size=%d\n",
-                    static_cast<int>(size));
-            return failure;
-        }
-        block->SetClient(m_client);
-        block->SetAge(++m_next_age);
-        m_blocks.push_front(*block);
-    }
-
-    NewBlock unless_empty(*this, opened ? block : nullptr);
-    const Mem_BlockKind kind = block->KindAfter(size, always_mapped, group_id);
-    const Mem_BlockIndex::Room room(m_index, *block, kind);
-    unsigned int actual_size = 0;
-    const int failure =
-        block->Allocate(size, alignment, result, always_mapped, group_id, &actual_size);
-    if (failure == 0) {
-        m_total_size += actual_size;
-        // The block has asked for the threshold once more, and that may have changed.
-        block->SetChunkSizeRange(kind.smallest, kind.largest);
-        room.Settle(*block);
-    }
-    return failure;
+    return AllocateFor(nullptr, size, alignment, result, always_mapped, group_id);
 }
 
 int ShmmHeap::Allocate(unsigned int size, unsigned int alignment, BaseInfo** result)
@@ -194,16 +175,60 @@ int ShmmHeap::Allocate(unsigned int size, unsigned int alignment, BaseInfo** res
     return Allocate(size, alignment, result, 0, 0);
 }
 
-Block* ShmmHeap::find_block(unsigned int size, unsigned int alignment, unsigned int always_mapped,
-                            unsigned int group_id)
+int ShmmHeap::take_chunk(const Mem_BlockKind& keys, unsigned int size, unsigned int alignment,
+                         BaseInfo** result)
 {
-    const Mem_BlockKind keys{m_client, always_mapped, group_id, 0, 0};
+    Block* block = find_block(keys, size, alignment);
+    if (block != nullptr)
+        return carve_from(*block, keys, size, alignment, result);
+    const int failure = open_block(keys, size, &block);
+    if (failure != 0)
+        return failure;
+    const NewBlock unless_empty(*this, block);
+    return carve_from(*block, keys, size, alignment, result);
+}
+
+Block* ShmmHeap::find_block(const Mem_BlockKind& keys, unsigned int size,
+                            unsigned int alignment) const
+{
     Block* block = m_index.NewestFor(keys, size, UINT64_MAX);
     unsigned int actual_size = 0;
-    while (block != nullptr &&
-           block->CanAllocate(size, always_mapped, group_id, alignment, &actual_size) != 0)
+    while (block != nullptr && block->CanAllocate(size, keys.always_mapped, keys.group_id,
+                                                  alignment, &actual_size) != 0)
         block = m_index.NewestFor(keys, size, block->Age());
     return block;
+}
+
+int ShmmHeap::open_block(const Mem_BlockKind& keys, unsigned int size, Block** result)
+{
+    const int failure = create_result_element(size, result, keys.always_mapped, keys.group_id);
+    if (failure != 0) {
+        ZOR_LOG("ShmmHeap::Allocate", 5,
+                "ShmmHeap::Allocate(), create_result_element() failed with size=%d\n",
+                static_cast<int>(size));
+        return failure;
+    }
+    (*result)->SetClient(keys.client);
+    (*result)->SetAge(++m_next_age);
+    m_blocks.push_front(**result);
+    return 0;
+}
+
+int ShmmHeap::carve_from(Block& block, const Mem_BlockKind& keys, unsigned int size,
+                         unsigned int alignment, BaseInfo** result)
+{
+    const Mem_BlockKind kind = block.KindAfter(size, keys.always_mapped, keys.group_id);
+    const Mem_BlockIndex::Entry entry(m_index, block, kind);
+    unsigned int actual_size = 0;
+    const int failure =
+        block.Allocate(size, alignment, result, keys.always_mapped, keys.group_id, &actual_size);
+    if (failure != 0)
+        return failure;
+    m_total_size += actual_size;
+    // The block has asked for the threshold once more, and that may have changed.
+    block.SetChunkSizeRange(kind.smallest, kind.largest);
+    entry.Settle(block);
+    return 0;
 }
 
 int ShmmHeap::Free(BaseInfo* info)
@@ -215,6 +240,7 @@ int ShmmHeap::Free(BaseInfo* info)
         close_block(block);
     else
         Mem_BlockIndex::Update(*block);
+    check_invariants();
     return 0;
 }
 
@@ -235,9 +261,40 @@ void ShmmHeap::RetireBlocks()
     }
 }
 
+const char* ShmmHeap::Broken() const
+{
+    Mem_FirstBreak check;
+    std::uint64_t allocated = 0;
+    std::uint64_t newer = m_next_age + 1;
+    std::size_t known = 0;
+    for (const Block& block : m_blocks) {
+        unsigned int size = 0;
+        unsigned int used = 0;
+        unsigned int always_mapped = 0;
+        block.GetSpaceStatus(&size, &used, &always_mapped);
+        allocated += used;
+        known += m_index.Knows(block) ? 1 : 0;
+        check.Expect(used != 0, "a block without chunks");
+        check.Expect(block.Age() < newer, "the order of the blocks");
+        check.Expect(block.Broken());
+        newer = block.Age();
+    }
+    check.Expect(m_index.Broken());
+    check.Expect(m_index.Count() == known, "a block in the index that isn't in the list");
+    check.Expect(allocated <= m_total_size, "m_total_size");
+    return check.What();
+}
+
+void ShmmHeap::check_invariants() const
+{
+#if defined(MEMPAGER_CHECK_INVARIANTS)
+    assert(Broken() == nullptr);
+#endif
+}
+
 unsigned int ShmmHeap::GetSizeInMb()
 {
-    return static_cast<unsigned int>(m_total_size >> 20);
+    return static_cast<unsigned int>(WholeMb(m_total_size));
 }
 
 RWCString ShmmHeap::Name()
@@ -356,8 +413,7 @@ namespace
 {
 bool too_much_is_committed(unsigned int limit)
 {
-    return limit != 0 && static_cast<std::int64_t>(Platform::Process::Get().MemoryNow().committed /
-                                                   1048576) > static_cast<std::int64_t>(limit);
+    return limit != 0 && WholeMb(Platform::Process::Get().MemoryNow().committed) > limit;
 }
 } // namespace
 
@@ -383,169 +439,4 @@ void RetireInheritedBlocks()
     Memory_ShmmHeap::GetInstance()->RetireBlocks();
     if (the_file_heap != nullptr)
         the_file_heap->RetireBlocks();
-}
-
-void* FileMapInfo::Handle()
-{
-    return nullptr;
-}
-
-RWCString FileMapInfo::Name()
-{
-    return m_name;
-}
-
-RWCString FileMapInfo::MappingName()
-{
-    return m_file->MappingName();
-}
-
-namespace
-{
-unsigned int region_size(unsigned int size)
-{
-    return std::max(size, MEM_MemoryConfiguration::GetInstance()->BaseBlockSize());
-}
-} // namespace
-
-int FileBlock::CanAllocate(unsigned int size, unsigned int /*always_mapped*/,
-                           unsigned int /*group_id*/, unsigned int /*alignment*/,
-                           unsigned int* actual_size)
-{
-    return m_space_logic.CanAllocate(region_size(size), GetAllocationGranularity(), actual_size)
-               ? 0
-               : -1;
-}
-
-int FileBlock::Allocate(unsigned int size, unsigned int alignment, BaseInfo** result,
-                        unsigned int /*always_mapped*/, unsigned int /*group_id*/,
-                        unsigned int* actual_size)
-{
-    return carve(region_size(size), alignment, GetAllocationGranularity(), result, actual_size);
-}
-
-Mem_BlockKind FileBlock::KindAfter(unsigned int /*size*/, unsigned int /*always_mapped*/,
-                                   unsigned int /*group_id*/) const
-{
-    return Kind();
-}
-
-File_ShmmHeap::File_ShmmHeap(const RWCString& temp_path) : m_temp_path(temp_path)
-{
-    MEM_MemoryConfiguration* const settings = MEM_MemoryConfiguration::GetInstance();
-    m_file_size = settings->FileHeap_FileSizeInMb();
-    m_max_total_space = settings->FileHeap_MaxTotalSpaceInMb();
-    m_min_space_to_leave = settings->FileHeap_MinSpaceToLeaveInMb();
-    m_temp_file_name = settings->FileHeap_TempFileName();
-}
-
-int File_ShmmHeap::Allocate(unsigned int size, unsigned int alignment, BaseInfo** result,
-                            unsigned int /*always_mapped*/, unsigned int /*group_id*/)
-{
-    return ShmmHeap::Allocate(size, alignment, result, 0, 0);
-}
-
-namespace
-{
-constexpr std::uint64_t kLeastFileInMb = 64;
-
-std::uint64_t refuse_file(const char* form, std::uint64_t first, std::uint64_t second,
-                          bool is_room = false)
-{
-    RegionLimits.MetSetting(form, first, second, is_room);
-    return 0;
-}
-
-/// What the limits leave may be too much for 32 bits, or too little for a region.
-bool is_file_size(std::uint64_t mb, std::uint64_t region)
-{
-    constexpr std::uint64_t end = 4096;
-    if (mb >= end)
-        return refuse_file("temp files of less than %llu MB, where one of %llu MB is due", end, mb);
-    return region <= mb << 20 ||
-           refuse_file("a temp file of %llu MB, where a region takes %llu bytes (BaseBlockSize)",
-                       mb, region);
-}
-} // namespace
-
-/// The size in MB that a new file for a region of `size` bytes gets; 0 if there is no room.
-std::uint64_t File_ShmmHeap::new_file_size(unsigned int size) const
-{
-    const std::uint64_t needed = (size >> 20) + 1;
-    const std::uint64_t wanted = std::max<std::uint64_t>(needed, m_file_size);
-    const std::uint64_t current = m_current_space;
-    if (current + needed > m_max_total_space)
-        return refuse_file("temp files of %llu MB (FileHeap_MaxTotalSpaceInMb), %llu MB left",
-                           m_max_total_space,
-                           m_max_total_space - std::min<std::uint64_t>(current, m_max_total_space));
-    const std::uint64_t room = m_max_total_space - current;
-    double bytes = 0;
-    if (!Zor_FileSystemUtils().GetFreeSpace(m_temp_path.data(), bytes))
-        return refuse_file("there is no temp folder", 0, 0);
-    const auto free = static_cast<std::uint64_t>(bytes * 9.5367431640625e-7);
-    if (free < m_min_space_to_leave + needed)
-        return refuse_file("the temp folder's disk, %llu MB left, of which %llu MB are to stay "
-                           "(FileHeap_MinSpaceToLeaveInMb)",
-                           free, m_min_space_to_leave, true);
-    const std::uint64_t available =
-        free >= wanted + m_min_space_to_leave ? wanted : free - m_min_space_to_leave;
-    const std::uint64_t mb = std::min(available, room);
-    if (mb < kLeastFileInMb)
-        return refuse_file("a temp file of at least %llu MB, for which %llu MB are left",
-                           kLeastFileInMb, mb, mb == available);
-    return is_file_size(mb, region_size(size)) ? mb : 0;
-}
-
-int File_ShmmHeap::make_file(const RWCString& unique_name, unsigned int bytes, Block** result)
-{
-    const RWCString name = BaseMapInfo::TempFileName(m_temp_file_name, unique_name);
-    std::unique_ptr<FileInfo> file(create_file(m_temp_path + name, bytes));
-    const int failure = file->AllocateFile();
-    if (failure != 0)
-        return failure;
-    try {
-        *result = create_block(file.get());
-    } catch (...) {
-        file->DestroyFile();
-        throw;
-    }
-    file.release();
-    return 0;
-}
-
-int File_ShmmHeap::create_result_element(unsigned int size, Block** result,
-                                         unsigned int /*always_mapped*/, unsigned int /*group_id*/)
-{
-    const std::uint64_t mb = new_file_size(size);
-    if (mb == 0)
-        return -1;
-    const auto bytes = static_cast<unsigned int>(mb << 20);
-    Mem_NewName name;
-    int failure = make_file(name.Text(), bytes, result);
-    while (failure != 0 && name.TryAnother())
-        failure = make_file(name.Text(), bytes, result);
-    if (failure == 0)
-        m_current_space += static_cast<unsigned int>(mb);
-    return failure;
-}
-
-int File_ShmmHeap::create_result_element(unsigned int size, Block** result)
-{
-    return create_result_element(size, result, 0, 0);
-}
-
-bool File_ShmmHeap::HasMapping(const RWCString& name) const
-{
-    return std::any_of(m_blocks.begin(), m_blocks.end(), [&name](const Block& block) {
-        return static_cast<FileInfo*>(block.GetMapInfo())->MappingName() == name;
-    });
-}
-
-int File_ShmmHeap::destroy_element(Block* block)
-{
-    auto* const file = static_cast<FileInfo*>(block->GetMapInfo());
-    const int result = file->DestroyFile();
-    m_current_space -= file->Size() >> 20;
-    delete file;
-    return result;
 }

@@ -65,7 +65,7 @@ public:
     void GetSpaceStatus(unsigned int* size, unsigned int* allocated,
                         unsigned int* always_mapped) const;
 
-    /// The pager that the block was opened for; see ShmmHeap::SetClient().
+    /// The pager that the block was opened for; see ShmmHeap::AllocateFor().
     const void* Client() const { return m_client; }
     void SetClient(const void* client) { m_client = client; }
 
@@ -78,6 +78,9 @@ public:
                                     unsigned int group_id) const;
 
     std::uint32_t LargestFree() const { return m_space_logic.LargestFreeChunk(); }
+
+    /// Whether the block's records hold together: null, or the first relation that is broken.
+    const char* Broken() const { return m_space_logic.Broken(); }
 
     /// Rises from block to block of a heap.
     std::uint64_t Age() const { return m_age; }
@@ -126,9 +129,15 @@ public:
     ShmmHeap(const ShmmHeap&) = delete;
     ShmmHeap& operator=(const ShmmHeap&) = delete;
 
-    /// A chunk of the first block in the list that takes the request, or of a new block.
+    /// A chunk of the first block in the list that takes the request, or of a new block. Only
+    /// blocks that were opened for the same client count, so that two pagers on one heap never
+    /// share a region.
     /// @return 0 with `*result`, owned by the heap; else nothing has changed and a line at level
     ///         5 tells the size.
+    int AllocateFor(const void* client, unsigned int size, unsigned int alignment,
+                    BaseInfo** result, unsigned int always_mapped, unsigned int group_id);
+
+    /// The same for those who stand for no pager: they are one client, too.
     virtual int Allocate(unsigned int size, unsigned int alignment, BaseInfo** result,
                          unsigned int always_mapped, unsigned int group_id);
     virtual int Allocate(unsigned int size, unsigned int alignment, BaseInfo** result);
@@ -152,13 +161,13 @@ public:
     /// Gives a block's backing back, before the block itself goes.
     virtual int destroy_element(Block* block) = 0;
 
-    /// Tells on whose behalf the following calls are made. A request only goes into blocks that
-    /// were opened for the same client, so that two pagers on one heap never share a region.
-    void SetClient(const void* client) { m_client = client; }
-
     /// Takes the blocks that there are out of use for new chunks: those of a forked child are
     /// its parent's too, who goes on carving them. What lies in them can still be freed.
     void RetireBlocks();
+
+    /// Compares the list of blocks, their index, their chunks and the total size with each other:
+    /// null, or the first relation that doesn't hold. Debug builds look after each operation.
+    const char* Broken() const;
 
 protected:
     friend struct Mem_TestAccess;
@@ -173,11 +182,15 @@ protected:
 private:
     class NewBlock;
 
-    Block* find_block(unsigned int size, unsigned int alignment, unsigned int always_mapped,
-                      unsigned int group_id);
+    int take_chunk(const Mem_BlockKind& keys, unsigned int size, unsigned int alignment,
+                   BaseInfo** result);
+    Block* find_block(const Mem_BlockKind& keys, unsigned int size, unsigned int alignment) const;
+    int open_block(const Mem_BlockKind& keys, unsigned int size, Block** result);
+    int carve_from(Block& block, const Mem_BlockKind& keys, unsigned int size,
+                   unsigned int alignment, BaseInfo** result);
     void close_block(Block* block);
+    void check_invariants() const;
 
-    const void* m_client = nullptr;
     const RWCString m_undefined = "Undefined"; // made early: reports need no memory
 };
 
@@ -207,121 +220,5 @@ bool IsMappingOfOwnFile(const RWCString& mapping_name);
 
 /// Retires the blocks of all heaps of the process, in a forked child.
 void RetireInheritedBlocks();
-
-/// A whole temp file. Not mappable as such; its block is carved into regions that are. Owned by
-/// its block, with which it ends.
-class FileInfo : public BaseInfo
-{
-public:
-    FileInfo(RWCString name, unsigned int size) : BaseInfo(nullptr, size, 0), m_file_name(name) {}
-
-    /// Makes the file, which must not exist, and its mapping. @return 0; -1 with a line in the log
-    /// and nothing left.
-    virtual int AllocateFile() = 0;
-
-    /// Ends both. @return 0; -1 with lines in the log if the file is still there.
-    virtual int DestroyFile() = 0;
-
-    /// What another process opens the file's mapping by.
-    virtual RWCString MappingName() = 0;
-
-    /// The file's path.
-    RWCString FileName() const { return m_file_name; }
-
-private:
-    friend struct Mem_TestAccess;
-
-    RWCString m_file_name;
-};
-
-/// A region of a temp file, mapped by itself. Owned by the file heap.
-class FileMapInfo : public BaseMapInfo
-{
-public:
-    FileMapInfo(FileInfo* file, Block* block)
-        : BaseMapInfo(0, 0, block), m_file(file), m_name(CreateUniqueName())
-    {
-    }
-
-    /// Null: another process opens the region by MappingName().
-    void* Handle() override;
-    RWCString Name() override;
-
-    /// The file's; all regions of a file share it.
-    RWCString MappingName() override;
-
-protected:
-    friend struct Mem_TestAccess;
-
-    FileInfo* m_file;
-
-private:
-    RWCString m_name;
-};
-
-/// A temp file, carved into regions of at least BaseBlockSize() that begin at multiples of the
-/// system's allocation granularity. Regions of all groups share it.
-class FileBlock : public Block
-{
-public:
-    using Block::Allocate;
-    using Block::CanAllocate;
-
-    explicit FileBlock(FileInfo* file) : Block(file, nullptr, file->Size()) {}
-
-    int Allocate(unsigned int size, unsigned int alignment, BaseInfo** result,
-                 unsigned int always_mapped, unsigned int group_id,
-                 unsigned int* actual_size) override;
-    int CanAllocate(unsigned int size, unsigned int always_mapped, unsigned int group_id,
-                    unsigned int alignment, unsigned int* actual_size) override;
-    Mem_BlockKind KindAfter(unsigned int size, unsigned int always_mapped,
-                            unsigned int group_id) const override;
-};
-
-/// The heap that gives out regions of temp files. Its settings are read once, when it is made.
-class File_ShmmHeap : public ShmmHeap
-{
-public:
-    /// `temp_path` ends in a separator.
-    explicit File_ShmmHeap(const RWCString& temp_path);
-
-    /// Regions of all groups share the files.
-    using ShmmHeap::Allocate;
-    int Allocate(unsigned int size, unsigned int alignment, BaseInfo** result,
-                 unsigned int always_mapped, unsigned int group_id) override;
-
-    /// Makes a new temp file, as large as the settings and the disk allow, and its block.
-    /// @return 0; -1 if the limits or the disk leave no room, or if the file can't be made:
-    ///         RegionLimits knows what stood in the way.
-    int create_result_element(unsigned int size, Block** result, unsigned int always_mapped,
-                              unsigned int group_id) override;
-    int create_result_element(unsigned int size, Block** result) override;
-
-    /// Ends the block's file, which counts no more, also if it couldn't be deleted.
-    int destroy_element(Block* block) override;
-
-    /// Whether `name` is the mapping's name of one of the living temp files.
-    bool HasMapping(const RWCString& name) const;
-
-    virtual FileInfo* create_file(RWCString name, unsigned int size) = 0;
-    virtual Block* create_block(FileInfo* file) = 0;
-
-    /// Deletes the temp files of dead processes. @return 0.
-    virtual int crash_recovery() = 0;
-
-protected:
-    friend struct Mem_TestAccess;
-
-    unsigned int m_file_size; // MB, as the next three
-    unsigned int m_max_total_space;
-    unsigned int m_min_space_to_leave;
-    unsigned int m_current_space = 0; // of all living temp files
-    RWCString m_temp_file_name;
-    RWCString m_temp_path; // with the separator at its end
-
-private:
-    std::uint64_t new_file_size(unsigned int size) const;
-    int make_file(const RWCString& unique_name, unsigned int bytes, Block** result);
-};
 
 #endif

@@ -16,6 +16,36 @@
 #include <memory>
 #include <utility>
 
+namespace
+{
+/// Views `size` bytes of a mapping at `view`. @return 0; -1 if the system refuses, with the limit
+/// remembered that stood in the way, after `log_refusal(MB, the system's error)`.
+template <class LogRefusal>
+int map_region(void*& view, void* mapping, unsigned int offset, unsigned int size,
+               LogRefusal log_refusal)
+{
+    view = Platform::Mappings::Get().MapView(mapping, offset, size);
+    if (view != nullptr)
+        return 0;
+    ViewLimits.Met();
+    log_refusal(InMb(size), Platform::LastError());
+    return -1;
+}
+
+/// Ends the view of `size` bytes at `view`, which is null then, also if the system refuses: after
+/// `log_refusal(MB, the system's error)`. @return 0; -1 if there was no view.
+template <class LogRefusal>
+int unmap_region(void*& view, unsigned int size, LogRefusal log_refusal)
+{
+    if (view == nullptr)
+        return -1;
+    if (!Platform::Mappings::Get().UnmapView(view, size))
+        log_refusal(InMb(size), Platform::LastError());
+    view = nullptr;
+    return 0;
+}
+} // namespace
+
 SwapMapInfo::SwapMapInfo(RWCString name, unsigned int size) : BaseMapInfo(size, 0), m_name(name) {}
 
 int SwapMapInfo::AllocateSwap()
@@ -41,28 +71,22 @@ int SwapMapInfo::FreeSwap()
 
 int SwapMapInfo::Map()
 {
-    m_pointer = Platform::Mappings::Get().MapView(m_handle, 0, Size());
-    if (m_pointer != nullptr)
-        return 0;
-    ViewLimits.Met();
-    ZOR_LOG("SwapMapInfo::Map", 5,
-            "Map: Couldn't map swap to memory (Details: MapViewOfFile failed, Size %.1fMB, Errno "
-            "[%lu]).\n",
-            InMb(Size()), Platform::LastError());
-    return -1;
+    return map_region(m_pointer, m_handle, 0, Size(), [](double mb, unsigned long error) {
+        ZOR_LOG("SwapMapInfo::Map", 5,
+                "Map: Couldn't map swap to memory (Details: MapViewOfFile failed, Size %.1fMB, "
+                "Errno [%lu]).\n",
+                mb, error);
+    });
 }
 
 int SwapMapInfo::Unmap()
 {
-    if (m_pointer == nullptr)
-        return -1;
-    if (!Platform::Mappings::Get().UnmapView(m_pointer, Size()))
+    return unmap_region(m_pointer, Size(), [](double mb, unsigned long error) {
         ZOR_LOG("SwapMapInfo::Unmap", 4,
                 "Unmap: Couldn't unmap shared memory to swap (Details: UnmapViewOfFile failed, "
                 "Size %1.fMB, Errno [%lu])\n",
-                InMb(Size()), Platform::LastError());
-    m_pointer = nullptr;
-    return 0;
+                mb, error);
+    });
 }
 
 void* SwapMapInfo::Handle()
@@ -208,28 +232,23 @@ int Windows_FileMapInfo::Map()
 {
     // The block that makes the regions has such a file.
     auto* const file = static_cast<Windows_FileInfo*>(m_file);
-    m_pointer = Platform::Mappings::Get().MapView(file->GetMappingHandle(), Offset(), Size());
-    if (m_pointer != nullptr)
-        return 0;
-    ViewLimits.Met();
-    ZOR_LOG("Windows_FileMapInfo::Map", 5,
-            "Map: Couldn't map private file to memory (Details: MapViewOfFile failed, size %.1fMB, "
-            "Errno [%lu])\n",
-            InMb(Size()), Platform::LastError());
-    return -1;
+    return map_region(m_pointer, file->GetMappingHandle(), Offset(), Size(),
+                      [](double mb, unsigned long error) {
+                          ZOR_LOG("Windows_FileMapInfo::Map", 5,
+                                  "Map: Couldn't map private file to memory (Details: "
+                                  "MapViewOfFile failed, size %.1fMB, Errno [%lu])\n",
+                                  mb, error);
+                      });
 }
 
 int Windows_FileMapInfo::Unmap()
 {
-    if (m_pointer == nullptr)
-        return -1;
-    if (!Platform::Mappings::Get().UnmapView(m_pointer, Size()))
+    return unmap_region(m_pointer, Size(), [](double mb, unsigned long error) {
         ZOR_LOG("Windows_FileMapInfo::Unmap", 4,
                 "Unmap: Couldn't unmap shared memory to private files (Details: UnmapViewOfFile "
                 "failed, Size %.1fMB, Errno [%lu])\n",
-                InMb(Size()), Platform::LastError());
-    m_pointer = nullptr;
-    return 0;
+                mb, error);
+    });
 }
 
 unsigned int Windows_FileMapInfo::HandleOffset()
@@ -350,28 +369,22 @@ int StreamedMapInfo::Map()
                 m_mapping_name.data(), Platform::LastError());
         return -1;
     }
-    m_pointer = platform.MapView(m_Handle, Offset(), Size());
-    if (m_pointer != nullptr)
-        return 0;
-    ViewLimits.Met();
-    ZOR_LOG("StreamedMapInfo::Map", 5,
-            "Couldn't map non-local memory to the process (Details: MapViewOfFile failed, Size "
-            "%.1fMB, Errno [%lu]).\n",
-            InMb(Size()), Platform::LastError());
-    return -1;
+    return map_region(m_pointer, m_Handle, Offset(), Size(), [](double mb, unsigned long error) {
+        ZOR_LOG("StreamedMapInfo::Map", 5,
+                "Couldn't map non-local memory to the process (Details: MapViewOfFile failed, Size "
+                "%.1fMB, Errno [%lu]).\n",
+                mb, error);
+    });
 }
 
 int StreamedMapInfo::Unmap()
 {
-    if (m_pointer == nullptr)
-        return -1;
-    if (!Platform::Mappings::Get().UnmapView(m_pointer, Size()))
+    return unmap_region(m_pointer, Size(), [](double mb, unsigned long error) {
         ZOR_LOG("StreamedMapInfo::Unmap", 4,
                 "Unmap: Couldn't unmap shared non-local memory (Details: UnmapViewOfFile failed, "
                 "Size %.1fMB, Errno [%lu])\n",
-                InMb(Size()), Platform::LastError());
-    m_pointer = nullptr;
-    return 0;
+                mb, error);
+    });
 }
 
 int StreamedMapInfo::Free()
@@ -414,26 +427,25 @@ BaseMapInfo* Windows_StreamedOwnersRepository::GetOwner(void* /*handle*/, RWCStr
                                                         RWCString& name, unsigned int offset,
                                                         unsigned int size)
 {
-    const Key key(m_client, name);
-    const auto known = m_owners.find(key);
+    const auto known = m_owners.find(name);
     if (known != m_owners.end())
         return known->second;
     auto owner = std::make_unique<StreamedMapInfo>(mappingName.data(), name.data(), offset, size);
-    m_owners.emplace(key, owner.get());
+    m_owners.emplace(name, owner.get());
     return owner.release();
 }
 
 void Windows_StreamedOwnersRepository::ReleaseOwner(RWCString& name)
 {
-    const auto owner = m_owners.find(Key(m_client, name));
+    const auto owner = m_owners.find(name);
     if (owner == m_owners.end())
         return;
     delete owner->second;
     m_owners.erase(owner);
 }
 
-StreamedOwnersRepository* GetStreamedOwnersRepository()
+StreamedOwnersRepository* GetStreamedOwnersRepository(const void* client)
 {
-    static auto* const repository = new Windows_StreamedOwnersRepository;
-    return repository;
+    static auto* const repositories = new std::map<const void*, Windows_StreamedOwnersRepository>;
+    return &(*repositories)[client];
 }

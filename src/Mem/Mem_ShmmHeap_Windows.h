@@ -1,6 +1,7 @@
 #ifndef MEM_SHMMHEAP_WINDOWS_H
 #define MEM_SHMMHEAP_WINDOWS_H
 
+#include "Mem/Mem_FileHeap.h"
 #include "Mem/Mem_Leftovers.h"
 #include "Mem/Mem_ShmmHeap.h"
 
@@ -201,8 +202,7 @@ private:
     RWCString m_name;
 };
 
-/// Keeps one owner for each foreign region and client: the first descriptor of a region fixes its
-/// coordinates. Two pagers get owners, and so views, of their own.
+/// Keeps one owner for each foreign region: the first descriptor of a region fixes its coordinates.
 class StreamedOwnersRepository
 {
 public:
@@ -214,13 +214,8 @@ public:
     /// Destroys the owner of that region. Allocates nothing.
     virtual void ReleaseOwner(RWCString& name) = 0;
 
-    /// Tells on whose behalf the following calls are made.
-    void SetClient(const void* client) { m_client = client; }
-
 protected:
     ~StreamedOwnersRepository() = default;
-
-    const void* m_client = nullptr;
 };
 
 class Windows_StreamedOwnersRepository final : public StreamedOwnersRepository
@@ -233,11 +228,12 @@ public:
 private:
     friend struct Mem_TestAccess;
 
-    using Key = std::pair<const void*, RWCString>; // client and region
-    std::map<Key, StreamedMapInfo*> m_owners;
+    std::map<RWCString, StreamedMapInfo*> m_owners; // by the region's name
 };
 
-/// The process's repository. The pager calls it with its mutex held.
-StreamedOwnersRepository* GetStreamedOwnersRepository();
+/// The repository of a client, made at its first call: two pagers get owners, and so views, of
+/// their own. It lives as long as the process. Called with the pager's mutex held. Throws
+/// std::bad_alloc at the first call, and allocates nothing later.
+StreamedOwnersRepository* GetStreamedOwnersRepository(const void* client);
 
 #endif

@@ -26,7 +26,35 @@ struct Mem_TestAccess {
     static std::uint32_t LiveCount(const MEM_FifoQueue& queue) { return queue.m_live; }
 
     // The space logic.
+    static auto& Stretch(BlockSpaceLogic& logic, int number)
+    {
+        auto* stretch = logic.m_first;
+        while (number-- > 0)
+            stretch = stretch->behind;
+        return *stretch;
+    }
+    static auto& Size(BlockSpaceLogic& logic) { return logic.m_size; }
+    static auto& Allocated(BlockSpaceLogic& logic) { return logic.m_allocated; }
+    static auto& AllocatedCount(BlockSpaceLogic& logic) { return logic.m_allocated_count; }
+    static auto& Remembered(BlockSpaceLogic& logic) { return logic.m_found.chunk; }
+    static auto& Pool(BlockSpaceLogic& logic) { return logic.m_pool; }
+    static auto& Free(BlockSpaceLogic& logic) { return logic.m_free; }
+    static auto& Nothing(BlockSpaceLogic& logic) { return logic.m_nothing; }
+    static auto& Bucket(BlockSpaceLogic& logic, std::uint32_t at) { return logic.bucket_of(at); }
 
+    // Heaps and their index.
+    static auto& Space(Block& block) { return block.m_space_logic; }
+    static auto& Place(Block& block) { return block.m_place; }
+    static auto& Living(Block& block) { return block.m_place.ages->m_living; }
+    static auto& Age(Block& block, std::size_t place) { return block.m_place.ages->m_ages[place]; }
+    static auto& Most(Block& block, std::size_t node) { return block.m_place.ages->m_most[node]; }
+    static std::size_t Leaf(Block& block, std::size_t place)
+    {
+        return block.m_place.ages->capacity() + place;
+    }
+    static auto& KindsOf(ShmmHeap& heap) { return heap.m_index.m_kinds; }
+    static auto& BlocksOf(ShmmHeap& heap) { return heap.m_blocks; }
+    static auto& TotalSize(ShmmHeap& heap) { return heap.m_total_size; }
     // Slot tables.
     template <class T, T Empty>
     static std::ptrdiff_t Segments(const Mem_SlotTable<T, Empty>& table)
@@ -114,6 +142,19 @@ struct Mem_TestAccess {
         return allocator.current_index_start == info.IndexStart &&
                allocator.current_index_end == info.IndexEnd &&
                allocator.current_ptr == info.pagerInfo.Ptr();
+    }
+    static auto& HeldCount(Mem_MemFragmentsAllocator& allocator)
+    {
+        return allocator.mapped_fragments_num;
+    }
+    static auto& Held(Mem_MemFragmentsAllocator& allocator) { return allocator.mapped_indexes; }
+    static auto& CurrentEnd(Mem_MemFragmentsAllocator& allocator)
+    {
+        return allocator.current_index_end;
+    }
+    static const char* Broken(const Mem_MemFragmentsAllocator& allocator)
+    {
+        return allocator.broken(allocator.fragments_num, allocator.last_fragment_size);
     }
     static bool HasLostMapping(const Mem_MemFragmentsAllocator& allocator)
     {

@@ -173,7 +173,7 @@ struct NumberHeap : ShmmHeap {
             BaseInfo* info = nullptr;
             try {
                 const FailingNew failing(n);
-                Allocate(now.size, now.to, &info, now.always_mapped, now.group);
+                AllocateFor(now.client, now.size, now.to, &info, now.always_mapped, now.group);
             } catch (const std::bad_alloc&) {
                 EXPECT_EQ(State(), before);
                 continue;
@@ -212,7 +212,6 @@ TEST(Heap, ChoosesTheBlockThatAWalkOverAllOfThemWould)
             if (step < 3000 && below(2 * usual) >= given.size()) {
                 const u32 size = below(2) ? threshold - 1 + below(3) : 1 + below(1200);
                 const void* const client = below(2) ? &heap : nullptr;
-                heap.SetClient(client);
                 given.push_back(heap.Take({size, 100 * below(4), below(2), below(2), client}));
             } else if (!given.empty()) {
                 heap.Free(std::exchange(given[below(given.size())], given.back()));

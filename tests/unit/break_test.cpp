@@ -1,0 +1,154 @@
+// The heaps' and the fragments' checks of themselves, as rooms_test.cpp for the pager's: hunts a
+// relation that could break without being named. Each is broken on purpose, seen named, and mended.
+
+#include "Mem/Mem_BlockSpaceLogic.h"
+#include "Mem/Mem_MemFragmentsAllocator.h"
+#include "Mem/Mem_ShmmHeap.h"
+#include "support/Mem_TestAccess.h"
+#include "support/PagerWorld.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <iterator>
+#include <utility>
+#include <vector>
+
+namespace
+{
+using Access = Mem_TestAccess;
+
+struct Case {
+    const char* named;
+    std::function<void()> corrupt, mend;
+};
+
+// Another value for a member, and its own again.
+template <class Member, class Value>
+Case With(const char* named, Member& member, Value value)
+{
+    const Member own = member;
+    return {named, [&member, value] { member = static_cast<Member>(value); },
+            [&member, own] { member = own; }};
+}
+
+template <class Broken>
+void ExpectNamed(const std::vector<Case>& cases, Broken broken)
+{
+    ASSERT_STREQ(broken(), nullptr);
+    for (const Case& now : cases) {
+        now.corrupt();
+        EXPECT_STREQ(broken(), now.named);
+        now.mend();
+        ASSERT_STREQ(broken(), nullptr) << "after " << now.named;
+    }
+}
+
+TEST(SpaceLogic, NamesTheRelationThatBreaksFirst)
+{
+    BlockSpaceLogic logic(1000);
+    const auto take = [&logic](unsigned size, unsigned alignment = 0) {
+        Mem_MemoryChunk chunk;
+        unsigned actual = 0;
+        EXPECT_TRUE(logic.Allocate(size, &chunk, alignment, &actual));
+        return chunk;
+    };
+    take(100);
+    const Mem_MemoryChunk nothing = take(0);
+    take(200);
+    logic.Free(nothing); // stays as an empty free chunk between the two
+    take(0, 64);
+    take(10);
+    const Mem_MemoryChunk hole = take(50);
+    take(50);
+    logic.Free(hole);
+
+    auto& first = Access::Stretch(logic, 0);
+    auto& second = Access::Stretch(logic, 1);
+    auto& gap = Access::Stretch(logic, 2);
+    auto& empty = *Access::Free(logic).begin();
+    auto& size = Access::Size(logic);
+    auto& allocated = Access::Allocated(logic);
+    ExpectNamed(
+        {With("a stretch's link back", second.before, nullptr),
+         With("a stretch that doesn't follow on the one before", second.offset, 101),
+         With("a chunk's size", first.size, 101),
+         With("the end of the last stretch", size, 1001),
+         With("m_allocated", allocated, allocated + 1),
+         {"the end of the last stretch", [&] { ++size, ++allocated; },
+          [&] { --size, --allocated; }},
+         With("an allocated chunk among the free ones", empty.is_free, false),
+         With("the order of the free chunks", empty.actual_size, 60),
+         With("a free stretch that can't be found", empty.actual_size, 10),
+         With("a chunk among the requests of 0 bytes", gap.size, 1),
+         {"a gap that can't be found", [&] { Access::Nothing(logic).clear(); },
+          [&] { Access::Nothing(logic).insert(gap); }},
+         With("a chunk's bucket", first.size, 99),
+         With("an allocated stretch that can't be found", Access::Bucket(logic, 0), nullptr),
+         With("m_allocated_count", Access::AllocatedCount(logic), 9),
+         With("the remembered answer", Access::Remembered(logic), &first),
+         {"a lost record", [&] { Access::Pool(logic).emplace_back(); },
+          [&] { Access::Pool(logic).pop_back(); }}},
+        [&] { return logic.Broken(); });
+}
+
+TEST(Heap, NamesTheRelationThatBreaksFirst)
+{
+    const TestConfiguration::Scope configuration;
+    Memory_ShmmHeap heap;
+    BaseInfo* pieces[4];
+    for (int i = 0; i < 4; ++i) // a block each, three of them of one kind
+        ASSERT_EQ(heap.AllocateFor(&heap, 5 << 20, 0, &pieces[i], 0, i == 0), 0);
+    heap.Free(std::exchange(pieces[1], nullptr)); // leaves its place in the index
+    auto& blocks = Access::BlocksOf(heap);
+    Block& newest = blocks.front();
+    Block& middle = *std::next(blocks.begin());
+    auto& place = Access::Place(newest);
+    auto& allocated = Access::Allocated(Access::Space(newest));
+    auto& total = Access::TotalSize(heap);
+    auto& kinds = Access::KindsOf(heap);
+    const auto leaf = [&](std::size_t at) -> auto&
+    {
+        return Access::Most(newest, Access::Leaf(newest, at));
+    };
+    ExpectNamed(
+        {With("a block without chunks", allocated, 0),
+         With("m_allocated", allocated, 1),
+         {"the order of the blocks", [&] { newest.SetAge(1); }, [&] { newest.SetAge(4); }},
+         With("the order of ages", Access::Age(newest, 0), 9),
+         With("a free chunk where a block has left", leaf(0), 1),
+         With("a block's place in the index", place.number, 1),
+         With("a block's place in the index", place.ages, &kinds.rbegin()->second),
+         With("a block's kind", place.kind.group_id, 7),
+         {"a block's kind", [&] { middle.SetClient(&middle); }, [&] { middle.SetClient(&heap); }},
+         With("a block's age", Access::Age(newest, 2), 9),
+         With("a block's largest free chunk", leaf(1), 7),
+         With("the tree of largest free chunks", Access::Most(newest, 1), 7),
+         With("m_living", Access::Living(newest), 3),
+         {"a kind without blocks", [&] { kinds[{}]; }, [&] { kinds.erase(kinds.find({})); }},
+         {"a block in the index that isn't in the list", [&] { blocks.pop_front(); },
+          [&] { blocks.push_front(newest); }},
+         With("m_total_size", total, (15 << 20) - 1)},
+        [&] { return heap.Broken(); });
+    for (BaseInfo* const piece : {pieces[0], pieces[2], pieces[3]})
+        heap.Free(piece);
+    EXPECT_STREQ(heap.Broken(), nullptr);
+}
+
+TEST(Fragments, NameTheRelationThatBreaksFirst)
+{
+    Mem_MemFragmentsAllocator buffer(1, 350, 100);
+    const auto infos = Access::Fragments(buffer);
+    auto& held = Access::Held(buffer);
+    ExpectNamed({With("mapped_fragments_num", Access::HeldCount(buffer), 1),
+                 With("a fragment in the mapped set that isn't there", held[0], 4),
+                 With("a fragment twice in the mapped set", held[1], 2),
+                 With("where a fragment begins", infos[1].IndexStart, 101),
+                 With("where a fragment ends", infos[3].IndexEnd, 399),
+                 With("isMapped against the handle", infos[0].isMapped, true),
+                 With("isMapped against the handle", infos[2].isMapped, false),
+                 With("a fragment mapped outside the set", held[1], 1),
+                 With("the current fragment", Access::CurrentEnd(buffer), 300)},
+                [&] { return Access::Broken(buffer); });
+}
+} // namespace
