@@ -353,6 +353,13 @@ int MEM_MemPager::map_piece(MEM_PagerInfo& info, bool& is_anew)
     return 0;
 }
 
+/// The same as long as the block's view is: one that is made anew gets another number.
+unsigned int MEM_MemPager::view_number(const MEM_PagerInfo& info)
+{
+    WindowUnixGuard lock(&mutex);
+    return m_rooms->blocks.At(info.Block()).views;
+}
+
 /// What a map of the block counts as: nothing where others hold it mapped.
 Mem_Counter MEM_MemPager::counter_of_map(const RegisteredBlock& block)
 {
@@ -504,20 +511,21 @@ int MEM_MemPager::GetCurrentStatus(Mem_Status& status)
     m_rooms->blocks.Tell(status);
     status.total_cached = m_rooms->views.TotalCached();
     status.total_mapped = m_rooms->views.TotalMapped();
+    status.total_huge = m_rooms->views.HugeBytes();
     return 0;
 }
 
 void MEM_MemPager::PrintDebugStatus()
 {
     WindowUnixGuard lock(&mutex);
-    PrintStatus(*m_heap, {m_rooms->views.TotalMapped(), m_rooms->views.TotalCached()});
+    PrintStatus(*m_heap, m_rooms->views.Mapped());
     LogBlocks(m_rooms->blocks.Table());
 }
 
 void MEM_MemPager::PrintSharedMemoryStatus()
 {
     WindowUnixGuard lock(&mutex);
-    ReportSharedMemory(*m_heap, {m_rooms->views.TotalMapped(), m_rooms->views.TotalCached()});
+    ReportSharedMemory(*m_heap, m_rooms->views.Mapped());
 }
 
 void MEM_MemPager::check_invariants() const

@@ -43,6 +43,8 @@ public:
     FORWARD(bool, Prefetch, (void* b, std::uint64_t s, Access a), (b, s, a))
     FORWARD(std::uint32_t, AllocationGranularity, (), ())
     FORWARD(bool, TrimWorkingSet, (Views & v), (v))
+    FORWARD(std::uint64_t, HugeBytes, (const ViewSet& v), (v))
+    FORWARD(void, PreferHugePages, (void* m, std::uint64_t s), (m, s))
     FORWARD(Cause, LastCause, (), ())
     FORWARD(std::uint32_t, LastLimits, (char* t, std::size_t s), (t, s))
     FORWARD(bool, RemoveFile, (const char* p), (p))
