@@ -79,7 +79,7 @@ public:
 class FailingPlatform final : public ForwardingMappings
 {
 public:
-    enum Kind : unsigned { Create = 1, View = 2, Unview = 4, Close = 8 };
+    enum Kind : unsigned { Create = 1, View = 2, Unview = 4, Close = 8, Find = 16 };
 
     /// The `n`-th call (from 1) of the `kinds`, counted together, fails, and the `count` - 1
     /// calls after it.
@@ -116,6 +116,10 @@ public:
     void* MapView(void* mapping, std::uint64_t offset, std::uint64_t size) override
     {
         return fails(View, 12) ? nullptr : passed(m_real.MapView(mapping, offset, size));
+    }
+    bool Prefetch(void* bytes, std::uint64_t size, Access access) override
+    {
+        return !fails(Find, 22) && m_real.Prefetch(bytes, size, access);
     }
     bool UnmapView(void* view, std::uint64_t size) override
     {

@@ -5,8 +5,16 @@
 #include "Mem/Mem_Configuration.h"
 #include "NRVlog/Zor_LogFile.h"
 
+#include <cstdlib>
 #include <string>
 #include <vector>
+
+/// The largest piece that is made ready whole: none, unless the run is told to.
+inline unsigned int PrefetchOfThisRun()
+{
+    const char* const bytes = std::getenv("MEMPAGER_TEST_PREFETCH");
+    return bytes == nullptr ? 0 : static_cast<unsigned int>(std::atoi(bytes));
+}
 
 /// A configuration for tests, with limits to the byte. In force for a scope.
 class TestConfiguration : public MEM_MemoryConfiguration
@@ -22,6 +30,7 @@ public:
     unsigned int BaseBlockSize() override { return base_block_size; }
     unsigned int BlockSizeThreshold() override { return block_size_threshold += threshold_drift; }
     unsigned long long UnmapWorkingSetLimit() override { return trim_limit; }
+    unsigned int PrefetchSize() override { return PrefetchOfThisRun(); }
 
     class Scope
     {

@@ -45,6 +45,7 @@ void Configure(unsigned swap_mb, const std::string& temp = "")
     MEM_MemoryConfiguration::GetInstance()->SetFileHeapParmeters(files);
     MEM_MemoryConfiguration::GetInstance()->SetSwapMaxSizeInMb(swap_mb);
     MEM_MemoryConfiguration::GetInstance()->SetCacheSize(20);
+    MEM_MemoryConfiguration::GetInstance()->SetPrefetchSize(PrefetchOfThisRun());
 }
 
 /// How many names in a folder hold `part`.

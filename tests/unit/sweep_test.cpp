@@ -110,6 +110,21 @@ TEST(Sweep, EachPlatformCallOfTheRoadMayFail)
         });
 }
 
+TEST(Sweep, NothingDependsOnPagesFoundAhead)
+{
+    setenv("MEMPAGER_TEST_PREFETCH", "1000000", 1);
+    Sweep([](int n) {
+        LogCapture log(5);
+        Stage stage;
+        FailingPlatform failing(FailingPlatform::Find, n);
+        EXPECT_EQ(stage.Road(2 * 65536 - 1), 0);
+        EXPECT_EQ(log.Size(), 0u);
+        stage.ExpectNothingLeft();
+        return failing.Fired();
+    });
+    unsetenv("MEMPAGER_TEST_PREFETCH");
+}
+
 /// Stands for the pager's own new-handler, on the stage's pager.
 MEM_MemPager* pager_of_handler;
 void clear_or_throw()
