@@ -3,6 +3,7 @@
 
 #include "Fibrex/WindowUnixMutex.h"
 #include "Mem/Mem_MemPagerInfo.h"
+#include "Mem/Mem_Reason.h"
 #include "Mem/Mem_Status.h"
 #include "Rw/RWBoundsErr.h"
 #include "Rw/RWCString.h"
@@ -17,6 +18,7 @@
 class MEM_MemInfo;
 class Mem_Counter;
 class Mem_ForkGuard;
+struct Mem_FailedAllocation;
 class ShmmHeap;
 class Zor_oBuffer;
 struct RegisteredBlock;
@@ -33,7 +35,9 @@ struct RegisteredBlock;
 /// when memory runs short, and docs/sharing.md how a piece is read by another process.
 ///
 /// When memory runs short, the cache is given up and the operation tried once more. What still
-/// fails is told by the result, after log lines that say what was asked and what is in use.
+/// fails is told by the result, after log lines that say what was asked and what is in use, and by
+/// Mem_Reason::Last(). What fails for the same cause within a second is told in the log once, with
+/// a count.
 ///
 /// Threads: any thread may call any public operation. Three kinds of lock, all recursive and
 /// class-wide, taken in this order: `mutex_vec` (vector operations), a stripe of the handles,
@@ -192,6 +196,7 @@ private:
     static Mem_ForkGuard& fork_guard();
     static bool guard_forks();
     static void after_fork_in_child();
+    RegisteredBlock& block_of(int id) FIBREX_REQUIRES(mutex);
 
     // Registration
     MEM_MemInfo* allocate_piece(unsigned int size, unsigned int alignment,
@@ -226,11 +231,11 @@ private:
 
     // Reclaim
     static void set_new_memory_handler() FIBREX_REQUIRES(mutex);
-    static int clear_cache_handler(std::size_t size, bool reported, std::uint64_t& mark);
+    static int clear_cache_handler(const Mem_FailedAllocation& failed);
     static unsigned long long clear_pagers(bool reported) FIBREX_REQUIRES(mutex);
     static unsigned long long clear_for_handler(MEM_MemPager* pager, bool reported);
     static bool was_helped(std::uint64_t& mark);
-    static void report_exhaustion(std::size_t size) FIBREX_REQUIRES(mutex);
+    static void report_exhaustion(const Mem_FailedAllocation& failed) FIBREX_REQUIRES(mutex);
 
     // Diagnostics
     static void print_virtual_memory_status() FIBREX_REQUIRES(mutex);

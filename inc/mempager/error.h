@@ -1,8 +1,11 @@
 #ifndef MEMPAGER_ERROR_H
 #define MEMPAGER_ERROR_H
 
+#include "Mem/Mem_Reason.h"
+
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <new>
 #include <ostream>
 #include <string>
@@ -98,6 +101,8 @@ struct reason {
     errc code = errc::no_memory;
     const char* operation = ""; ///< as "piece::map"; lives as long as the program
     std::uint64_t wanted = 0;   ///< bytes; 0 where none were asked for
+    /// What the pager refused, and for which limit; of no operation where it wasn't asked.
+    Mem_Reason cause = {};
 };
 
 /// What failing calls throw. Copying it allocates nothing.
@@ -113,6 +118,8 @@ public:
         if (why.wanted != 0 && end > 0 && at < sizeof m_text)
             std::snprintf(m_text + at, sizeof m_text - at, " (%llu bytes wanted)",
                           static_cast<unsigned long long>(why.wanted));
+        if (why.cause.operation != Mem_Reason::Operation::None)
+            append_cause();
     }
 
     /// Which kind of failure it is.
@@ -124,8 +131,16 @@ public:
     const char* what() const noexcept override { return m_text; }
 
 private:
+    void append_cause() noexcept
+    {
+        const std::size_t at = std::strlen(m_text);
+        std::snprintf(m_text + at, sizeof m_text - at, ": ");
+        const std::size_t behind = std::strlen(m_text);
+        m_why.cause.Describe(m_text + behind, sizeof m_text - behind);
+    }
+
     reason m_why;
-    char m_text[128] = "";
+    char m_text[448] = "";
 };
 
 /// Writes one readable line.
@@ -139,7 +154,9 @@ namespace detail
 /// The one place that a failed call of the pager becomes a reason.
 [[noreturn]] inline void fail(errc code, const char* operation, std::uint64_t wanted = 0)
 {
-    throw error({code, operation, wanted});
+    const bool is_refused =
+        code == errc::no_memory || code == errc::no_room || code == errc::bad_descriptor;
+    throw error({code, operation, wanted, is_refused ? Mem_Reason::Last() : Mem_Reason{}});
 }
 
 /// The result of `call`, or an empty one with the code of what it threw.

@@ -133,7 +133,7 @@ int File_ShmmHeap::make_file(const RWCString& unique_name, unsigned int bytes, B
         file->DestroyFile();
         throw;
     }
-    file.release();
+    static_cast<void>(file.release()); // the block owns it
     return 0;
 }
 

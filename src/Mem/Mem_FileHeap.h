@@ -4,6 +4,7 @@
 #include "Mem/Mem_ShmmHeap.h"
 
 #include <cstdint>
+#include <utility>
 
 // The heap that carves regions out of temp files, but for what it asks the platform for: that is
 // filled in by the classes of Mem_ShmmHeap_Windows.h.
@@ -13,7 +14,10 @@
 class FileInfo : public BaseInfo
 {
 public:
-    FileInfo(RWCString name, unsigned int size) : BaseInfo(nullptr, size, 0), m_file_name(name) {}
+    FileInfo(RWCString name, unsigned int size)
+        : BaseInfo(nullptr, size, 0), m_file_name(std::move(name))
+    {
+    }
 
     /// Makes the file, which must not exist, and its mapping. @return 0; -1 with a line in the log
     /// and nothing left.

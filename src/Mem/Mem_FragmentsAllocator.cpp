@@ -1,5 +1,6 @@
 #include "Mem/Mem_FragmentsAllocator.h"
 
+#include "Mem/Mem_Refusal.h"
 #include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
 
@@ -100,23 +101,32 @@ int Mem_FragmentsAllocator::Reallocate(size_t new_elements)
     return 0;
 }
 
+namespace
+{
+bool refuse_resize(const char* why)
+{
+    Refuse(Mem_Reason::Operation::Allocate, Mem_Reason::Limit::Request, why);
+    return false;
+}
+} // namespace
+
 bool Mem_FragmentsAllocator::may_become(size_t new_elements) const
 {
     if (!valid) {
         ZOR_LOG("Mem_FragmentsAllocator::Reallocate", 3,
                 "Reallocate: Tried to reallocate an invalid FragmentsAllocator! Ignoring..\n");
-        return false;
+        return refuse_resize("the allocator isn't valid");
     }
     if (new_elements == 0) {
         ZOR_LOG("Mem_FragmentsAllocator::Reallocate", 3,
                 "Reallocate: Tried to reallocate to be an empty FragmentsAllocator! Ignoring..\n");
-        return false;
+        return refuse_resize("a buffer has one element at least");
     }
     if (!fits(element_size, new_elements)) {
         ZOR_LOG("Mem_FragmentsAllocator::Reallocate", 3,
                 "Reallocate: Tried to reallocate to <%Iu> elements, more than can be! Ignoring..\n",
                 new_elements);
-        return false;
+        return refuse_resize("there can't be so many elements");
     }
     return true;
 }

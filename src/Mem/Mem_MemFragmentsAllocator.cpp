@@ -4,6 +4,7 @@
 #include "Mem/Mem_MappedFragments.h"
 #include "Mem/Mem_MemFragmentsLog.h"
 #include "Mem/Mem_MemPager.h"
+#include "Mem/Mem_Refusal.h"
 #include "NRVlog/Zor_Log.h"
 
 #include <algorithm>
@@ -91,6 +92,7 @@ int Mem_MemFragmentsAllocator::allocate_piece(MEM_PagerInfo& info, unsigned int 
     try {
         return pager->Allocate(size, &info, 0);
     } catch (const std::bad_alloc&) { // no memory for the pager's records
+        RefuseWhole(Mem_Reason::Operation::Allocate, size);
         return -1;
     }
 }

@@ -4,6 +4,7 @@
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_PagerLog.h"
 #include "Mem/Mem_PagerRooms.h"
+#include "Mem/Mem_Refusal.h"
 #include "Mem/Mem_Reports.h"
 #include "Mem/Mem_Settings.h"
 #include "Mem/Mem_ShmmHeap.h"
@@ -13,6 +14,12 @@
 #include <cassert>
 #include <memory>
 #include <utility>
+
+namespace
+{
+using Operation = Mem_Reason::Operation;
+using Limit = Mem_Reason::Limit;
+} // namespace
 
 // Life ------------------------------------------------------------------------------------------
 
@@ -38,6 +45,15 @@ void MEM_MemPager::close_down()
     });
 }
 
+/// @throws RWBoundsErr for a piece that is gone.
+RegisteredBlock& MEM_MemPager::block_of(int id)
+{
+    if (RegisteredBlock* const block = m_rooms->blocks.Table().Find(id))
+        return *block;
+    RefuseFreedPiece();
+    return m_rooms->blocks.At(id);
+}
+
 // Registration ----------------------------------------------------------------------------------
 
 int MEM_MemPager::Allocate(unsigned int size, MEM_PagerInfo* info, int alignment)
@@ -51,11 +67,12 @@ int MEM_MemPager::Allocate(unsigned int size, MEM_PagerInfo* info, int alignment
     info->Release();
     if (size == 0) {
         ZOR_LOG("MEM_MemPager::Allocate", 3, "Allocate: Refused a request of 0 bytes\n");
+        Refuse(Operation::Allocate, Limit::Request, "it is of 0 bytes");
         return -1;
     }
     WindowUnixGuard lock(&mutex);
     if (m_ended)
-        return -1;
+        return RefuseAtTheEnd(Operation::Allocate);
     const Mem_Counter counter = m_rooms->counters.Get(Mem_PagerCounters::ALLOCATE_COUNTER_NAME);
     counter.Mark();
     MEM_MemInfo* const piece =
@@ -95,8 +112,12 @@ MEM_MemInfo* MEM_MemPager::allocate_piece(unsigned int size, unsigned int alignm
 
 void MEM_MemPager::report_refused_piece(unsigned int size)
 {
+    static constexpr char function[] = "MEM_MemPager::Allocate";
+    Refuse(Operation::Allocate, RegionLimits, size);
+    if (!RegionLimits.IsNews(function))
+        return;
     Mem_PagerLog::PieceIsRefused(size);
-    RegionLimits.Tell("MEM_MemPager::Allocate");
+    RegionLimits.Tell(function);
     PrintSharedMemoryStatus();
 }
 
@@ -112,6 +133,7 @@ int MEM_MemPager::register_or_give_back(MEM_MemInfo* piece, MEM_PagerInfo* out)
     if (result != 0) {
         ZOR_LOG("MEM_MemPager::Allocate", 7,
                 "Allocate: Failed mapping the shared memory. Freeing the block..\n");
+        RefuseWhole(Operation::Allocate, piece->Size());
         give_back(piece);
     }
     return result;
@@ -124,142 +146,12 @@ void MEM_MemPager::give_back(MEM_MemInfo* piece)
                 "Allocate: Failed freeing the block (memory might be leaked)\n");
 }
 
-int MEM_MemPager::internal_register(MEM_MemInfo& info, MEM_PagerInfo* out)
-{
-    if (info.Owner() == nullptr || !info.Local())
-        return register_foreign(info, out);
-    auto state = std::make_unique<PagerInfoState>();
-    const int id = register_local(info);
-    if (id < 0)
-        return -1;
-    out->assign(std::move(state), id, this, &info, true);
-    return 0;
-}
-
-int MEM_MemPager::register_local(MEM_MemInfo& info)
-{
-    if (info.m_registered) {
-        ZOR_LOG("MEM_MemPager::Register", 3, "Register: Refused a piece that has its handle\n");
-        return -1;
-    }
-    const int known = m_rooms->blocks.IdOf(*info.Owner());
-    const int id = known >= 0 ? register_on_block(known, info) : register_new_block(info);
-    info.m_registered = id >= 0;
-    return id;
-}
-
-int MEM_MemPager::register_on_block(int id, MEM_MemInfo& info)
-{
-    RegisteredBlock& block = m_rooms->blocks.At(id);
-    if (private_map(block, true) != 0) {
-        ZOR_LOG("MEM_MemPager::internal_register", 5,
-                "MemPager::Register failed to map block %d!\n", id);
-        return -1;
-    }
-    m_rooms->views.Hold(id, block);
-    m_rooms->blocks.AddPiece(block, info.Size());
-    info.UpdatePtrByBase(block.owner->Ptr());
-    return id;
-}
-
-int MEM_MemPager::register_new_block(MEM_MemInfo& info)
-{
-    const RWCString name = info.Owner()->Name();
-    if (m_rooms->blocks.IdOf(name) >= 0) {
-        // Another process can foresee a name, and describe a region of its own by it. A new piece
-        // must not rest on that region's view, which can't be written to.
-        ZOR_LOG("MEM_MemPager::Register", 3,
-                "Register: Refused a new region: a descriptor from outside bears its name\n");
-        return -1;
-    }
-    auto block = std::make_unique<RegisteredBlock>(info.Owner());
-    Mem_Blocks::Next next(m_rooms->blocks, name);
-    Mem_Views::Place place(m_rooms->views, next.Id());
-    if (private_map(*block, true) != 0) {
-        ZOR_LOG("MEM_MemPager::internal_register", 5,
-                "MemPager::Register failed to map a new block\n");
-        return -1;
-    }
-    m_rooms->views.Hold(next.Id(), *block);
-    info.UpdatePtrByBase(block->owner->Ptr());
-    place.Keep();
-    return next.Use(std::move(block), info.Size());
-}
-
-MEM_PagerInfo MEM_MemPager::Register(MEM_MemInfo& info)
-{
-    MEM_PagerInfo handle;
-    {
-        WindowUnixGuard lock(&mutex);
-        if (m_ended)
-            return handle;
-        internal_register(info, &handle);
-        check_invariants();
-    }
-    // Copying or destroying the handle takes its stripe, so the mutex, which comes after stripes,
-    // was given back before.
-    return handle;
-}
-
-bool MEM_MemPager::made_here(MEM_MemInfo& info) const
-{
-    return has_local_block(info.GetInfoName()) || has_local_block(info.GetMappingName()) ||
-           IsMappingOfOwnFile(info.GetMappingName());
-}
-
-int MEM_MemPager::register_foreign(MEM_MemInfo& info, MEM_PagerInfo* out)
-{
-    const char* fault = FaultOfDescriptor(info);
-    if (fault == nullptr && made_here(info))
-        fault = "this process made the memory";
-    if (fault != nullptr) {
-        ZOR_LOG("MEM_MemPager::Register", 3, "Register: Refused a descriptor: %s\n", fault);
-        return -1;
-    }
-    auto state = std::make_unique<PagerInfoState>();
-    auto piece = std::make_unique<MEM_MemInfo>(info);
-    const int id = register_foreign_piece(info, *piece);
-    if (id < 0)
-        return -1;
-    out->assign(std::move(state), id, this, piece.release(), false);
-    return 0;
-}
-
-int MEM_MemPager::register_foreign_piece(MEM_MemInfo& info, MEM_MemInfo& piece)
-{
-    const int id = m_rooms->blocks.IdOf(info.GetInfoName());
-    if (id < 0)
-        return register_foreign_block(info, piece);
-    RegisteredBlock& block = m_rooms->blocks.At(id);
-    if (!LiesIn(piece, *block.owner)) {
-        ZOR_LOG("MEM_MemPager::Register", 3,
-                "Register: Refused a descriptor: the piece lies outside its region\n");
-        return -1;
-    }
-    piece.SetOwner(block.owner);
-    m_rooms->blocks.AddPiece(block, piece.Size());
-    return id;
-}
-
-// A foreign block isn't mapped until a client maps a piece of it.
-int MEM_MemPager::register_foreign_block(MEM_MemInfo& info, MEM_MemInfo& piece)
-{
-    Mem_ForeignOwners::Fresh owner(m_rooms->foreign, info);
-    auto block = std::make_unique<RegisteredBlock>(owner.Get());
-    Mem_Blocks::Next next(m_rooms->blocks, info.GetInfoName());
-    Mem_Views::Place place(m_rooms->views, next.Id());
-    piece.SetOwner(owner.Get());
-    owner.Keep();
-    place.Keep();
-    return next.Use(std::move(block), piece.Size());
-}
-
 void MEM_MemPager::StreamMemInfo(MEM_PagerInfo& info, Zor_oBuffer& out)
 {
     WindowUnixGuard lock(&mutex); // another thread may map the piece meanwhile
     if (m_ended)
         return;
-    m_rooms->blocks.At(info.Block()); // throws for a piece that is gone
+    block_of(info.Block());
     out << *info.GetMemInfoPtr();
 }
 
@@ -307,9 +199,9 @@ int MEM_MemPager::MapWithoutLocks(MEM_PagerInfo& info)
     if (info.Ptr() != nullptr)
         return 0;
     if (m_ended)
-        return -1;
+        return RefuseAtTheEnd(Operation::Map);
     const int id = info.Block();
-    RegisteredBlock& block = m_rooms->blocks.At(id);
+    RegisteredBlock& block = block_of(id);
     const Mem_Counter counter = counter_of_map(block);
     counter.Mark();
     if (private_map(block, true) == -1)
@@ -366,8 +258,12 @@ int MEM_MemPager::map_after_clearing(RegisteredBlock& block)
 
 int MEM_MemPager::report_refused_map(const RegisteredBlock& block)
 {
+    static constexpr char function[] = "MEM_MemPager::private_map";
+    Refuse(Operation::Map, ViewLimits, block.owner->Size());
+    if (!ViewLimits.IsNews(function))
+        return -1;
     Mem_PagerLog::MapIsRefused(block.owner->Size());
-    ViewLimits.Tell("MEM_MemPager::private_map");
+    ViewLimits.Tell(function);
     print_virtual_memory_status();
     return -1;
 }
@@ -381,9 +277,9 @@ int MEM_MemPager::Unmap(MEM_PagerInfo& info)
 int MEM_MemPager::UnmapWithoutLocks(MEM_PagerInfo& info)
 {
     if (m_ended)
-        return -1;
+        return RefuseAtTheEnd(Operation::Other);
     const int id = info.Block();
-    RegisteredBlock& block = m_rooms->blocks.At(id);
+    RegisteredBlock& block = block_of(id);
     info.GetMemInfoPtr()->UpdatePtrByBase(nullptr);
     if (!m_rooms->views.LetGo(block))
         return 0; // other pieces still need the view
@@ -415,15 +311,16 @@ int MEM_MemPager::Cache(MEM_PagerInfo& info)
 {
     WindowUnixGuard lock(&mutex);
     if (m_ended)
-        return -1;
+        return RefuseAtTheEnd(Operation::Cache);
     const unsigned long long limit = CacheLimit();
     const unsigned long long mapped = m_rooms->views.TotalMapped();
     if (mapped > limit) {
         Mem_PagerLog::CachesNothingOverTheLimit(mapped, limit);
+        Refuse(Operation::Cache, Limit::Setting, "the cache's limit is reached");
         return -1;
     }
     const int id = info.Block();
-    RegisteredBlock& block = m_rooms->blocks.At(id);
+    RegisteredBlock& block = block_of(id);
     if (block.stat != RegisteredBlock::kUnmapped)
         return 0;
     const Mem_Counter counter = m_rooms->counters.Get(Mem_PagerCounters::CACHE_COUNTER_NAME);
@@ -431,6 +328,7 @@ int MEM_MemPager::Cache(MEM_PagerInfo& info)
     if (private_map(block, false) != 0) {
         ZOR_LOG("MEM_MemPager::Cache", 5,
                 "Cache: Memory is low, failed to map memory to be cached.\n");
+        Refuse(Operation::Cache, ViewLimits, block.owner->Size());
         return -1;
     }
     counter.Close();

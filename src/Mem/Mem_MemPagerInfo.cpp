@@ -2,6 +2,7 @@
 
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_MemPager.h"
+#include "Mem/Mem_Refusal.h"
 #include "NRVlog/Zor_Log.h"
 
 #include <memory>
@@ -193,10 +194,12 @@ void MEM_PagerInfo::SetBlkId(int blk_id)
         m_state->blk_id.store(blk_id, std::memory_order_relaxed);
 }
 
-int MEM_PagerInfo::count_map(int (MEM_MemPager::*map_block)(MEM_PagerInfo&))
+// Always inline: this is most of a map that finds its view.
+[[gnu::always_inline]] inline int
+MEM_PagerInfo::count_map(int (MEM_MemPager::*map_block)(MEM_PagerInfo&))
 {
     if (m_state == nullptr)
-        return -1;
+        return RefuseEmptyHandle(Mem_Reason::Operation::Map);
     if (m_state->map_count == 0) {
         const int result = (m_pager->*map_block)(*this);
         if (result != 0)
@@ -210,7 +213,7 @@ int MEM_PagerInfo::count_map(int (MEM_MemPager::*map_block)(MEM_PagerInfo&))
 int MEM_PagerInfo::Map()
 {
     if (m_state == nullptr)
-        return -1;
+        return RefuseEmptyHandle(Mem_Reason::Operation::Map);
     WindowUnixGuard lock(&stripe());
     return count_map(&MEM_MemPager::Map);
 }
@@ -224,10 +227,12 @@ bool MEM_PagerInfo::may_unmap(const char* function) const
 {
     if (m_state == nullptr) {
         ZOR_LOG(function, 3, "Unmap: Tried to unmap an invalid PagerInfo!\n");
+        RefuseEmptyHandle(Mem_Reason::Operation::Other);
         return false;
     }
     if (map_count() <= 0) {
         ZOR_LOG(function, 6, "Unmap: Tried to unmap an already unmapped PagerInfo!\n");
+        Refuse(Mem_Reason::Operation::Other, Mem_Reason::Limit::Request, "it holds no mapping");
         return false;
     }
     return true;
@@ -262,7 +267,7 @@ int MEM_PagerInfo::UnmapWithoutLocks()
 int MEM_PagerInfo::Cache()
 {
     if (m_state == nullptr)
-        return -1;
+        return RefuseEmptyHandle(Mem_Reason::Operation::Cache);
     WindowUnixGuard lock(&stripe());
     return m_state != nullptr ? m_pager->Cache(*this) : -1;
 }

@@ -136,4 +136,12 @@ void AllocationIsRefused(std::size_t size)
     ZOR_LOG(kHandler, 2, "\tTried to allocate: %.2fMB\n", InMb(size));
 }
 
+void AllocationAnswersNull(std::size_t size)
+{
+    ZOR_LOG(kHandler, 3,
+            "An allocation of the process has failed, and it may go on without (Details: malloc "
+            "failed, and we had no more cache to free)\n");
+    ZOR_LOG(kHandler, 3, "\tTried to allocate: %.2fMB\n", InMb(size));
+}
+
 } // namespace Mem_PagerLog

@@ -31,6 +31,7 @@ void HandlerFreed(std::uint64_t freed);
 void HandlerFoundNoCache();
 void HandlerHasHelped();
 void AllocationIsRefused(std::size_t size);
+void AllocationAnswersNull(std::size_t size);
 
 } // namespace Mem_PagerLog
 

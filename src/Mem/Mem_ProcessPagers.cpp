@@ -5,6 +5,8 @@
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_PagerLog.h"
 #include "Mem/Mem_PagerRooms.h"
+#include "Mem/Mem_Refusal.h"
+#include "Mem/Mem_Repeats.h"
 #include "Mem/Mem_Reports.h"
 #include "Mem/Mem_ShmmHeap.h"
 #include "NRVlog/Zor_Log.h"
@@ -39,6 +41,10 @@ MEM_MemPager::ProcessSlot MEM_MemPager::s_second;
 std::atomic<bool> MEM_MemPager::s_single_handle = false;
 std::atomic<std::uint64_t> MEM_MemPager::s_clearings = 0;
 bool MEM_MemPager::s_new_handler_handled = false;
+
+/// An allocation that has failed on this thread.
+struct Mem_FailedAllocation : Platform::Process::FailedAllocation {
+};
 
 /// A pager that serves the process until its end. The object itself is never destroyed: threads
 /// that still run, and destructors that come later, find it closed.
@@ -158,7 +164,7 @@ void MEM_MemPager::set_new_memory_handler()
             "MEM_MemPager::MEM_MemPager() setting new handler\n");
     Platform::Process::Get().OnAllocationFailure(
         [](const Platform::Process::FailedAllocation& failed) {
-            return clear_cache_handler(failed.size, failed.reported, failed.mark);
+            return clear_cache_handler({failed});
         });
 }
 
@@ -169,10 +175,11 @@ bool MEM_MemPager::was_helped(std::uint64_t& mark)
     return std::exchange(mark, s_clearings) != mark;
 }
 
-int MEM_MemPager::clear_cache_handler(std::size_t size, bool reported, std::uint64_t& mark)
+int MEM_MemPager::clear_cache_handler(const Mem_FailedAllocation& failed)
 {
-    if (!reported)
-        Mem_PagerLog::AllocationFailed(size);
+    std::uint64_t& mark = failed.mark;
+    if (!failed.reported)
+        Mem_PagerLog::AllocationFailed(failed.size);
     // This thread may hold a lock of the host's for which the holder of `mutex` waits, so it must
     // not wait for `mutex` for ever.
     if (!mutex.CatchMutexFor(kLongestWaitInHandler)) {
@@ -182,11 +189,10 @@ int MEM_MemPager::clear_cache_handler(std::size_t size, bool reported, std::uint
         throw std::bad_alloc();
     }
     WindowUnixGuard lock(&mutex, std::adopt_lock);
-    const bool cleared = clear_pagers(reported) != 0;
+    const bool cleared = clear_pagers(failed.reported) != 0;
     if (was_helped(mark) || cleared)
         return 1;
-    if (!reported)
-        report_exhaustion(size);
+    report_exhaustion(failed);
     throw std::bad_alloc();
 }
 
@@ -214,10 +220,24 @@ unsigned long long MEM_MemPager::clear_for_handler(MEM_MemPager* pager, bool rep
     return freed;
 }
 
-void MEM_MemPager::report_exhaustion(std::size_t size)
+/// An allocation that throws is told as the end, since most hosts don't expect it; one that answers
+/// null the host may well survive. Where malloc is hooked, operator new fails behind it: then the
+/// report has been written.
+void MEM_MemPager::report_exhaustion(const Mem_FailedAllocation& failed)
 {
-    Mem_PagerLog::AllocationIsRefused(size);
-    print_virtual_memory_status();
+    constexpr char function[] = "clear_cache_handler";
+    static Mem_Repeats repeats[2];
+    Refuse(Mem_Reason::Operation::HostAllocation, Mem_Reason::Limit::Memory, "", failed.size);
+    Mem_Repeats& told = repeats[failed.throws ? 1 : 0];
+    if (!told.IsNews(0))
+        return;
+    told.TellCount(function);
+    if (failed.throws)
+        Mem_PagerLog::AllocationIsRefused(failed.size);
+    else
+        Mem_PagerLog::AllocationAnswersNull(failed.size);
+    if (!failed.reported)
+        print_virtual_memory_status();
 }
 
 // Reports ---------------------------------------------------------------------------------------

@@ -46,7 +46,10 @@ int unmap_region(void*& view, unsigned int size, LogRefusal log_refusal)
 }
 } // namespace
 
-SwapMapInfo::SwapMapInfo(RWCString name, unsigned int size) : BaseMapInfo(size, 0), m_name(name) {}
+SwapMapInfo::SwapMapInfo(RWCString name, unsigned int size)
+    : BaseMapInfo(size, 0), m_name(std::move(name))
+{
+}
 
 int SwapMapInfo::AllocateSwap()
 {
@@ -290,7 +293,7 @@ RWCString Windows_File_ShmmHeap::Name()
 
 FileInfo* Windows_File_ShmmHeap::create_file(RWCString name, unsigned int size)
 {
-    return new Windows_FileInfo(name, size);
+    return new Windows_FileInfo(std::move(name), size);
 }
 
 Block* Windows_File_ShmmHeap::create_block(FileInfo* file)

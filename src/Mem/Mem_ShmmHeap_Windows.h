@@ -83,7 +83,7 @@ unsigned int GetAllocationGranularity();
 class Windows_FileInfo : public FileInfo
 {
 public:
-    Windows_FileInfo(RWCString name, unsigned int size) : FileInfo(name, size) {}
+    Windows_FileInfo(RWCString name, unsigned int size) : FileInfo(std::move(name), size) {}
 
     int AllocateFile() override;
     int DestroyFile() override;

@@ -22,7 +22,7 @@ struct Trouble {
 PLATFORM_PER_THREAD PerThread<Trouble> trouble{{}};
 
 /// malloc and its kin let nothing out.
-bool ask_handler(std::size_t size, bool reported) noexcept
+bool ask_handler(std::size_t size, bool throws, bool reported) noexcept
 {
     const AllocationHandler handler = allocation_handler.load(std::memory_order_acquire);
     if (handler == nullptr || trouble->inside)
@@ -30,7 +30,7 @@ bool ask_handler(std::size_t size, bool reported) noexcept
     trouble->inside = true;
     bool again = false;
     try {
-        again = handler({size, reported, trouble->mark}) != 0;
+        again = handler({size, throws, reported, trouble->mark}) != 0;
     } catch (...) {
         again = false; // it gave up, as std::bad_alloc tells
     }
@@ -47,7 +47,7 @@ void SetAllocationHandler(AllocationHandler handler)
 
 bool HelpMalloc(std::size_t size) noexcept
 {
-    if (ask_handler(size, false))
+    if (ask_handler(size, false, false))
         return true;
     trouble->reported = !trouble->inside && allocation_handler.load(std::memory_order_relaxed);
     trouble->size = size;
@@ -57,5 +57,5 @@ bool HelpMalloc(std::size_t size) noexcept
 bool HelpNew() noexcept
 {
     const bool reported = std::exchange(trouble->reported, false);
-    return ask_handler(std::exchange(trouble->size, 0), reported);
+    return ask_handler(std::exchange(trouble->size, 0), true, reported);
 }

@@ -2,6 +2,7 @@
 #define PLATFORM_MAPPINGS_H
 
 #include "Platform/Serving.h"
+#include "Platform/Subject.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -108,10 +109,17 @@ public:
     };
     virtual Cause LastCause() = 0;
 
-    /// Tells which limits stood in the way of this thread's last failing operation on a mapping or
-    /// view: writes their names and numbers into `text`, cut to `size` bytes with its zero.
-    /// @return a number that is the same for the same limits; 0, and "", if none is known to.
-    virtual std::uint32_t LastLimits(char* text, std::size_t size) = 0;
+    /// The limits that an operation met, and the numbers of the first.
+    struct LimitsMet {
+        std::uint32_t set = 0; ///< a bit for each Subject; 0 if no limit is known
+        Subject first = Subject::SharedMemory;
+        std::uint64_t most = 0; ///< bytes, or how many
+        std::uint64_t left = 0; ///< of these, before the operation
+    };
+
+    /// Which limits stood in the way of this thread's last failing operation on a mapping or view.
+    /// Writes their names and numbers into `text`, cut to `size` bytes with its zero.
+    virtual LimitsMet LastLimits(char* text, std::size_t size) = 0;
 
     // Files, and what is left of them -------------------------------------------------------
 

@@ -3,6 +3,7 @@
 #include "Platform/LimitTable.h"
 #include "Platform/PerThread.h"
 
+#include <bit>
 #include <cstdio>
 #include <cstring>
 
@@ -30,6 +31,16 @@ void print(char* text, std::size_t size, const char* form, unsigned long long mo
     std::snprintf(text + length, size - length, form, most, left);
 }
 
+/// The numbers of the first limit; none if nothing was met.
+Platform::Mappings::LimitsMet first_met()
+{
+    const int first = std::countr_zero(met->set);
+    if (first >= LimitCount)
+        return {};
+    return {met->set, LimitTable[first].subject, met->numbers[first].most,
+            met->numbers[first].left};
+}
+
 } // namespace
 
 void ForgetLimits()
@@ -44,7 +55,7 @@ void MeetLimit(Platform::Subject limit, std::uint64_t most, std::uint64_t left)
     met->numbers[index] = {most, left};
 }
 
-std::uint32_t WriteMetLimits(char* text, std::size_t size)
+Platform::Mappings::LimitsMet WriteMetLimits(char* text, std::size_t size)
 {
     const char* separator = "";
     *text = '\0';
@@ -59,7 +70,7 @@ std::uint32_t WriteMetLimits(char* text, std::size_t size)
               in_units(met->numbers[i].left));
         separator = "; ";
     }
-    return met->set;
+    return first_met();
 }
 
 std::vector<Platform::Inspection::Fact> LookAtAll(const LookedAt& folders)

@@ -1,6 +1,7 @@
 #ifndef PLATFORM_METLIMITS_H
 #define PLATFORM_METLIMITS_H
 
+#include "Platform/Mappings.h"
 #include "Platform/Subject.h"
 
 #include <cstddef>
@@ -17,6 +18,6 @@ void ForgetLimits();
 void MeetLimit(Platform::Subject limit, std::uint64_t most, std::uint64_t left);
 
 /// Tells of those that were met, by the system's table, as Mappings::LastLimits() does.
-std::uint32_t WriteMetLimits(char* text, std::size_t size);
+Platform::Mappings::LimitsMet WriteMetLimits(char* text, std::size_t size);
 
 #endif

@@ -96,7 +96,8 @@ public:
     /// An allocation of this thread that has failed.
     struct FailedAllocation {
         std::size_t size; ///< what was asked for, in bytes; 0 if that can't be known
-        bool reported;    ///< an earlier call for the same failure has said all there is to say
+        bool throws;      ///< who asked gets std::bad_alloc, if it must be; else null
+        bool reported;    ///< an earlier call for the same failure has written a report
         std::uint64_t&
             mark; ///< the thread's own, 0 at first: what the handler left there last time
     };

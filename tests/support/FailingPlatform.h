@@ -72,7 +72,7 @@ public:
     FORWARD(std::uint32_t, AllocationGranularity, (), ())
     FORWARD_OR(false, Trim, bool, TrimWorkingSet, (Views & v), (v))
     FORWARD(Cause, LastCause, (), ())
-    FORWARD(std::uint32_t, LastLimits, (char* t, std::size_t s), (t, s))
+    FORWARD(LimitsMet, LastLimits, (char* t, std::size_t s), (t, s))
     FORWARD_OR(false, Remove, bool, RemoveFile, (const char* p), (p))
     FORWARD_OR(void(a.ended = true), List, void, ListNames,
                (const char* f, const char* p, Place& a, Names& n), (f, p, a, n))
@@ -167,9 +167,12 @@ private:
     {
         return failed_last() ? Cause::Other : ForwardingMappings::LastCause();
     }
-    std::uint32_t LastLimits(char* text, std::size_t size) override
+    LimitsMet LastLimits(char* text, std::size_t size) override
     {
-        return failed_last() ? *text = '\0' : ForwardingMappings::LastLimits(text, size);
+        if (!failed_last())
+            return ForwardingMappings::LastLimits(text, size);
+        *text = '\0';
+        return {};
     }
     bool fails(Kind kind) override
     {

@@ -3,6 +3,7 @@
 
 #include "Fibrex/WindowUnixMutex.h"
 #include "Mem/Mem_Configuration.h"
+#include "Mem/Mem_Limits.h"
 #include "NRVlog/Zor_LogFile.h"
 
 #include <string>
@@ -55,6 +56,7 @@ class LogCapture
 public:
     explicit LogCapture(int level = 5)
     {
+        tell_all();
         ZorGLog.SetLogLevel(level);
         ZorGLog.SetSink([this](const Zor_LogRecord& record) {
             WindowUnixGuard lock(&m_mutex);
@@ -78,9 +80,20 @@ public:
         return count;
     }
     std::size_t Size() const { return m_lines.size(); }
-    void Clear() { m_lines.clear(); }
+    void Clear()
+    {
+        m_lines.clear();
+        tell_all();
+    }
 
 private:
+    /// Failures that were told before are news to whoever begins to listen.
+    static void tell_all()
+    {
+        RegionLimits.ForgetRepeats();
+        ViewLimits.ForgetRepeats();
+    }
+
     struct Line {
         int level;
         std::string text;

@@ -76,8 +76,8 @@ bool MeetsAFailure(MEM_FifoQueue& queue, int id, unsigned n, bool pushes)
 // Ids in turn for a while, which meets each capacity at its first id too many, then at random.
 TEST(Queue, LivesLikeAListAndAllocatesNothingForReservedIds)
 {
-    constexpr unsigned all_ids[] = {1, 3, 682, 683, 1024, 1536, 6000};
-    ForEachSeed(14, [&all_ids](unsigned seed) {
+    static constexpr unsigned all_ids[] = {1, 3, 682, 683, 1024, 1536, 6000};
+    ForEachSeed(14, [](unsigned seed) {
         std::mt19937 random(seed);
         const unsigned ids = all_ids[seed % 7];
         const std::new_handler handler = seed <= 7 ? Clear : nullptr;

@@ -112,7 +112,12 @@ TEST(TypedPiece, TellsWhyItFails)
     } catch (const std::bad_alloc& failure) {
         std::ostringstream line;
         line << dynamic_cast<const error&>(failure).why();
-        EXPECT_EQ(line.str(), "piece: no memory left for it (100000000 bytes wanted)");
+        const std::string error = std::to_string(FailingPlatform::full_error);
+        EXPECT_EQ(line.str(),
+                  "piece: no memory left for it (100000000 bytes wanted): a new piece of "
+                  "100000000 bytes was refused: the system doesn't say why (system "
+                  "error " +
+                      error + ")");
         EXPECT_EQ(line.str(), failure.what());
     }
 }

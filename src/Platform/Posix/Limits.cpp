@@ -101,7 +101,7 @@ void MeetNoNewFile(const char* path)
         meet_full(full, 0);
 }
 
-std::uint32_t PosixMappings::LastLimits(char* text, std::size_t size)
+Platform::Mappings::LimitsMet PosixMappings::LastLimits(char* text, std::size_t size)
 {
     return WriteMetLimits(text, size);
 }

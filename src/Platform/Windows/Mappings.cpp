@@ -257,7 +257,7 @@ bool WindowsMappings::RemoveDeadMapping(const char*, const char*)
     return Reported(Fail(ERROR_FILE_NOT_FOUND));
 }
 
-std::uint32_t WindowsMappings::LastLimits(char* text, std::size_t size)
+Platform::Mappings::LimitsMet WindowsMappings::LastLimits(char* text, std::size_t size)
 {
     return WriteMetLimits(text, size);
 }

@@ -21,7 +21,7 @@ public:
     bool TrimWorkingSet(Views& views) override;
 
     Cause LastCause() override;
-    std::uint32_t LastLimits(char* text, std::size_t size) override;
+    LimitsMet LastLimits(char* text, std::size_t size) override;
 
     bool RemoveFile(const char* path) override;
     void ListNames(const char* folder, const char* prefix, Place& place, Names& names) override;

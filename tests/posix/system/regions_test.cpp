@@ -170,6 +170,7 @@ TEST(RegionsOfProcesses, CanBeReadByAllButNotWritten)
             if (by_another_user)
                 CHILD_CHECK(GiveUpRights());
             void* const opened = platform.OpenMapping(Name(getppid(), "0").c_str(), "");
+            CHILD_CHECK(opened != nullptr);
             auto* const view = static_cast<volatile char*>(platform.MapView(opened, 0, 1));
             CHILD_CHECK(view != nullptr);
             CHILD_CHECK(*view == 0);

@@ -63,7 +63,8 @@ Total RAM Size: <\d+; Available RAM Size: <\d+MB>;
 
 \*{70}
 )";
-const std::string failure = "+\\w+: (Process couldn't|Process is|Either a|Shared|\tTried to).*\n";
+const std::string failure =
+    "+\\w+: (Process couldn't|Process is|An allocation|Either a|Shared|\tTried to).*\n";
 const std::string limit = "\\w+: \tA limit stands in the way: address space of 600 MB .*MB left\n";
 const std::string ending = "+.*\\[0x[0-9a-f]+\\]\nStatus: \tSee debug information in: <.*>\n";
 const std::string virtual_report = R"(Status: \tProcess .* \d+.\d\dMB;  Maximal .* size: 600MB
