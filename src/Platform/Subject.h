@@ -7,7 +7,7 @@ namespace Platform
 /// What the library depends on and can run short of. First the limits, which an operation can meet
 /// and Mappings::LastLimits() tells of, then circumstances that are only looked at.
 ///
-/// A new one gets its name here, a row in each system's table (src/Platform/Posix/LimitTable.cpp),
+/// A new one gets its name here, a row in each system's table (LimitTable.cpp in its folder),
 /// and, if it is to be looked at, one in the table of what is wanted (src/Mem/Mem_Examination.cpp).
 enum class Subject {
     SharedMemory,
