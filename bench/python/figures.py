@@ -47,9 +47,10 @@ def interleaved(functions, repetitions, settle=lambda: None):
     """The median time of each, after one turn that doesn't count; `settle` is called behind each,
     and its time isn't counted either."""
     times = {name: [] for name in functions}
+    names = list(functions)
     for turn in range(repetitions + 1):
-        for name, function in functions.items():
-            took = seconds(function)
+        for name in names[turn % len(names):] + names[:turn % len(names)]:  # nobody is always first
+            took = seconds(functions[name])
             settle()
             if turn:
                 times[name].append(took)
@@ -102,7 +103,7 @@ class Chunks:
                 function(array, self.next)
 
         medians = interleaved({name: lambda array=array: run(array)
-                               for name, array in self.arrays.items()}, 9)
+                               for name, array in self.arrays.items()}, 12)
         return {name: median / 8 for name, median in medians.items()}
 
 
@@ -155,10 +156,12 @@ def hand_over():
 # Dask --------------------------------------------------------------------------------------------
 
 
-def reduce_out_of_memory():
-    """Medians for a mean of an array of twice what two workers may have together."""
-    rows = 2 * 2 * LIMIT // (8 << 20)
-    ours = mempager.Array((rows, 1 << 20), "f8")
+def reduce_out_of_memory(megabytes):
+    """Medians for a mean of an array of twice what two workers may have together, in chunks of so
+    many MB."""
+    columns = megabytes << 17
+    rows = 2 * 2 * LIMIT // (8 * columns)
+    ours = mempager.Array((rows, columns), "f8", chunk_bytes=8 * columns)
     for number, block in ours.blocks():
         block[...] = np.random.default_rng(number.start).random(block.shape)
 
@@ -172,10 +175,10 @@ def reduce_out_of_memory():
         mine = interleaved(
             {"mempager": lambda: (ours.to_dask() * next(factors)).mean().compute()}, 5)
     with cluster() as place, Client(place) as client:
-        x = client.persist(da.random.random((rows, 1 << 20), chunks=CHUNK))
+        x = client.persist(da.random.random((rows, columns), chunks=(1, columns)))
         wait(x)
         theirs = interleaved({"Dask's spilling": lambda: (x * next(factors)).mean().compute()}, 5)
-    return [("Dask's mean of 1.2 GB, workers of 600 MB", {**mine, **theirs})]
+    return [(f"Dask's mean of 1.2 GB, chunks of {megabytes} MB, workers of 600 MB", {**mine, **theirs})]
 
 
 # The page ----------------------------------------------------------------------------------------
@@ -220,7 +223,7 @@ def main():
         folder = pathlib.Path(tempfile.mkdtemp(dir="/dev/shm"))
         resources.callback(shutil.rmtree, folder)
         rows = [*on_a_mapped_chunk(), *Chunks(folder, resources).table()]
-    rows += [*hand_over(), *reduce_out_of_memory()]
+    rows += [*hand_over(), *reduce_out_of_memory(8), *reduce_out_of_memory(32)]
     table = ["| Case | mempager | beside | | ratio | to reach | reached |", "|---|---|---|---|---|---|---|"]
     table += [line(case, medians, peer) for case, medians in rows for peer in medians if peer != "mempager"]
     text = "\n".join([machine(), "", *table])

@@ -1,6 +1,7 @@
 """Hunts accesses to memory that isn't mapped any more, and failures that crash or leave something."""
 import logging
 import os
+import pathlib
 import threading
 import warnings
 import weakref
@@ -9,7 +10,7 @@ import numpy as np
 import pytest
 
 import mempager
-from conftest import run
+from conftest import run, until
 
 
 @pytest.mark.parametrize("shape, dtype", [
@@ -133,6 +134,37 @@ def test_address_space_that_ends_is_an_exception():
         """, cwd="/tmp")
     assert "no room to map it" in printed
     assert printed.endswith("0\n")
+
+
+def test_a_memory_limit_is_an_exception_and_no_kill():
+    root = next((path for path in map(pathlib.Path, ("/sys/fs/cgroup/memory", "/sys/fs/cgroup"))
+                 if path.is_dir()), None)
+    group = root / f"mempager_{os.getpid()}"
+    limit = "memory.limit_in_bytes" if root.name == "memory" else "memory.max"
+    try:
+        group.mkdir()
+        (group / limit).write_text(str(300 << 20))
+    except OSError:
+        pytest.skip("no control group can be made")
+    try:
+        printed = run("""
+            import os, sys, mempager
+            with open(sys.argv[1] + "/cgroup.procs", "w") as file:
+                file.write(str(os.getpid()))
+            mempager.config.set_temp_files(total_mb=0)
+            array = mempager.Array((10, 1 << 20))
+            try:
+                array.resize(1000)
+            except MemoryError as failure:
+                print(array.shape, failure)
+            array[9, -1] = 4
+            print(array[9].sum())
+            """, group, cwd="/tmp")
+    finally:
+        until(lambda: not (group / "cgroup.procs").read_text())
+        group.rmdir()
+    assert printed.startswith("(10, 1048576) piece: no memory left")
+    assert printed.endswith("4.0\n")
 
 
 def test_threads_share_pieces_and_run_while_the_library_works():
