@@ -1,5 +1,5 @@
-// Ends a hundred processes while threads of theirs are inside the library, as a host meets it: hunts
-// an end that waits for a lock which a thread that is no more has held.
+// Ends a hundred processes while threads of theirs are inside the library, as a host meets it:
+// hunts an end that waits for a lock which a thread that is no more has held.
 #include "Mem/Mem_MemPager.h"
 #include "NRVlog/Zor_LogFile.h"
 
