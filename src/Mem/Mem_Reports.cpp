@@ -22,7 +22,7 @@ namespace
 constexpr char kSource[] = "src/Mem/Mem_MemPager";
 constexpr char kSharedMemory[] = "MEM_MemPager::PrintSharedMemoryStatus";
 constexpr char kAddressSpace[] = "MEM_MemPager::PrintVirtualMemoryStatus";
-constexpr long long kLongestDump = 10485760;
+constexpr std::uint64_t kLongestDump = 10485760;
 const char kSeventyStars[] =
     "**********************************************************************";
 
@@ -59,10 +59,9 @@ struct DumpPath {
 void empty_dump_if_too_long(const char* function, const char* path)
 {
     constexpr auto& zor_log_source = kSource;
-    if (Platform::Process::Get().FileLength(path) <= kLongestDump)
-        return;
-    ZOR_LOG(function, 5, "mem_debug log file has reached it's maximal size. Truncating it...\n");
-    Platform::Process::Get().TruncateFile(path);
+    if (Platform::Process::Get().TruncateLongFile(path, kLongestDump))
+        ZOR_LOG(function, 5,
+                "mem_debug log file has reached it's maximal size. Truncating it...\n");
 }
 
 /// Writes the calls that led here to standard error, if the log's level asks for it.

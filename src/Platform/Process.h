@@ -129,15 +129,13 @@ public:
     /// Writes the system's text for an error's number in the same way.
     virtual void ErrorText(unsigned long error, char* text, std::size_t size) = 0;
 
-    // The following three are for a plain file. A link isn't followed: whoever may write to the
+    // The following two are for a plain file. A link isn't followed: whoever may write to the
     // folder could have it lead to a file of this user's. What isn't a plain file is a failure.
-    // None waits for another process, and none allocates.
+    // Neither waits for another process, and neither allocates.
 
-    /// Bytes of the file at `path`; -1 if it can't be opened.
-    virtual long long FileLength(const char* path) = 0;
-
-    /// Cuts the file at `path` to nothing. @return whether it was.
-    virtual bool TruncateFile(const char* path) = 0;
+    /// Cuts the file at `path` to nothing if it holds more than `most` bytes. @return whether it
+    /// did.
+    virtual bool TruncateLongFile(const char* path, std::uint64_t most) = 0;
 
     /// Adds `text` to the file at `path`, which is made if there is none. It arrives in one piece,
     /// whoever else adds to the file. @return false if it didn't, or not all of it.

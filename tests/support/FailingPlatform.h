@@ -114,8 +114,7 @@ public:
     FORWARD(void, ProcessName, (char* t, std::size_t s), (t, s))
     FORWARD(void, TimeAndDate, (char* t, std::size_t s), (t, s))
     FORWARD(void, ErrorText, (unsigned long e, char* t, std::size_t s), (e, t, s))
-    FORWARD_OR(-1, Write, long long, FileLength, (const char* p), (p))
-    FORWARD_OR(false, Write, bool, TruncateFile, (const char* p), (p))
+    FORWARD_OR(false, Write, bool, TruncateLongFile, (const char* p, std::uint64_t m), (p, m))
     FORWARD_OR(false, Write, bool, AppendToFile, (const char* p, const char* t, std::size_t s),
                (p, t, s))
     FORWARD(void, StackTrace, (), ())

@@ -120,18 +120,11 @@ void PosixProcess::StackTrace()
     backtrace_symbols_fd(calls, count, STDERR_FILENO);
 }
 
-long long PosixProcess::FileLength(const char* path)
-{
-    const NoFork whole;
-    PlainFile file(path, O_RDONLY);
-    return file ? static_cast<long long>(file.Length()) : -1;
-}
-
-bool PosixProcess::TruncateFile(const char* path)
+bool PosixProcess::TruncateLongFile(const char* path, std::uint64_t most)
 {
     const NoFork whole;
     PlainFile file(path, O_WRONLY);
-    return file && ftruncate(file.Get(), 0) == 0;
+    return file && file.Length() > most && ftruncate(file.Get(), 0) == 0;
 }
 
 void PosixProcess::ErrorText(unsigned long error, char* text, std::size_t size)

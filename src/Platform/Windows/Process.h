@@ -24,8 +24,7 @@ public:
     void ProcessName(char* text, std::size_t size) override;
     void TimeAndDate(char* text, std::size_t size) override;
     void ErrorText(unsigned long error, char* text, std::size_t size) override;
-    long long FileLength(const char* path) override;
-    bool TruncateFile(const char* path) override;
+    bool TruncateLongFile(const char* path, std::uint64_t most) override;
     bool AppendToFile(const char* path, const char* text, std::size_t size) override;
     void StackTrace() override;
     void WriteStandardError(const char* text, std::size_t size) override;

@@ -136,18 +136,13 @@ void WindowsProcess::ErrorText(unsigned long error, char* text, std::size_t size
     std::snprintf(text, size, "%s", buffer);
 }
 
-long long WindowsProcess::FileLength(const char* path)
-{
-    const PlainFile file(path, GENERIC_READ, OPEN_EXISTING);
-    LARGE_INTEGER length;
-    return file && GetFileSizeEx(file.Get(), &length) ? length.QuadPart : -1;
-}
-
-bool WindowsProcess::TruncateFile(const char* path)
+bool WindowsProcess::TruncateLongFile(const char* path, std::uint64_t most)
 {
     const PlainFile file(path, GENERIC_WRITE, OPEN_EXISTING);
-    return file && SetFilePointerEx(file.Get(), {}, nullptr, FILE_BEGIN) &&
-           SetEndOfFile(file.Get());
+    LARGE_INTEGER length;
+    return file && GetFileSizeEx(file.Get(), &length) &&
+           static_cast<std::uint64_t>(length.QuadPart) > most &&
+           SetFilePointerEx(file.Get(), {}, nullptr, FILE_BEGIN) && SetEndOfFile(file.Get());
 }
 
 bool WindowsProcess::AppendToFile(const char* path, const char* text, std::size_t size)
