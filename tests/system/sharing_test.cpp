@@ -149,6 +149,41 @@ TEST(SharedPieces, OutliveTheirMakerIfTheyWereMapped)
         }
 }
 
+/// Registers, maps and reads what the bytes promise. @return whether it could be mapped.
+bool IsMapped(const std::string& bytes)
+{
+    Zor_iBuffer in(bytes.data(), bytes.size());
+    MEM_MemInfo info;
+    in >> info;
+    MEM_PagerInfo piece = MEM_MemPager::GetHandle()->Register(info);
+    if (piece.Map() != 0)
+        return false;
+    const auto* const at = static_cast<volatile char*>(piece.Ptr());
+    return (at[0], at[piece.Size() - 1], true);
+}
+
+// Another's descriptor with single bits that are wrong, before and beside the true one.
+TEST(SharedPieces, AreNotHurtByForgedDescriptors)
+{
+    Maker maker;
+    const LogCapture quiet(0);
+    std::size_t mapped = 0;
+    const auto forge = [&] {
+        for (std::size_t bit = 0; bit < 8 * 120; ++bit) {
+            std::string forged = maker.descriptors;
+            forged[bit / 8] = static_cast<char>(forged[bit / 8] ^ 1 << bit % 8);
+            mapped += IsMapped(forged) ? 1 : 0;
+        }
+    };
+    forge();
+    Pieces pieces(maker.descriptors);
+    pieces.ExpectAllBytes();
+    forge();
+    pieces.ExpectAllBytes();
+    EXPECT_TRUE(pieces.HoldAnew());
+    EXPECT_GT(mapped, 0u); // a place within the region is no fault that can be seen
+}
+
 TEST(SharedPieces, AreHeldByBothPagersApart)
 {
     Maker maker;
