@@ -62,8 +62,9 @@ def without_memory():
 
 
 def test_a_worker_without_memory_says_so(client):
-    with pytest.raises(MemoryError, match="no memory left"):
+    with pytest.raises(mempager.OutOfMemoryError, match="no memory left") as failure:
         client.submit(without_memory).result()
+    assert failure.value.wanted == 1 << 30
 
 
 def die(array):
