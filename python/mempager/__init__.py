@@ -4,8 +4,8 @@ Data lies in shared memory, or beyond a limit in temp files, and takes address s
 is mapped. `empty`, `zeros` and `array` make a `Piece`, which is one stretch of memory; `Array` has
 any size, in chunks. Both can be pickled to other processes, which read them where they lie.
 
-Without memory an operation raises OutOfMemoryError, a MemoryError that tells the cause. Any thread may call
-anything; the interpreter's lock is free while the library works.
+Without memory an operation raises OutOfMemoryError, a MemoryError that tells the cause. Any thread
+may call anything; the interpreter's lock is free while the library works.
 """
 import importlib as _importlib
 
