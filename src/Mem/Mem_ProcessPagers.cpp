@@ -37,6 +37,7 @@ int pagers_to_clear()
 
 WindowUnixMutex MEM_MemPager::mutex;
 WindowUnixMutex MEM_MemPager::mutex_vec;
+std::atomic<int> MEM_MemPager::s_hits_held_off = 0;
 MEM_MemPager::ProcessSlot MEM_MemPager::s_general;
 MEM_MemPager::ProcessSlot MEM_MemPager::s_second;
 std::atomic<bool> MEM_MemPager::s_single_handle = false;
@@ -118,10 +119,14 @@ const bool MEM_MemPager::s_forks_are_guarded = guard_forks();
 // The guard holds the locks here, which the analysis can't see.
 FIBREX_NO_THREAD_SAFETY_ANALYSIS void MEM_MemPager::after_fork_in_child()
 {
-    if (!fork_guard().InChild())
-        for (MEM_MemPager* const pager : {s_general.Living(), s_second.Living()})
-            if (pager != nullptr)
-                std::fill_n(pager->m_stripe_held, MEM_PagerInfo::kStripes, false);
+    const bool in_guard = fork_guard().InChild();
+    for (MEM_MemPager* const pager : {s_general.Living(), s_second.Living()}) {
+        if (pager == nullptr)
+            continue;
+        pager->m_rooms->views.GatherAll();
+        if (!in_guard)
+            std::fill_n(pager->m_stripe_held, MEM_PagerInfo::kStripes, false);
+    }
     if (s_general.pager != nullptr || s_second.pager != nullptr)
         RetireInheritedBlocks();
     fork_guard().AfterInParent();

@@ -219,7 +219,7 @@ void LogBlocks(const Mem_BlockTable& blocks)
         else
             say(kSource, function, "<%Iu> %s,ref <%d>, m_ref <%d>, stat <%d>\n",
                 static_cast<std::uint64_t>(id), block->owner->Name().data(), block->ref,
-                block->m_ref, block->stat);
+                block->m_ref(), block->stat());
     }
     say(kSource, function, "END ***debug_print_status*** \n");
 }
