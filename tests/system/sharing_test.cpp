@@ -180,7 +180,7 @@ TEST(SharedPieces, AreNotHurtByForgedDescriptors)
     pieces.ExpectAllBytes();
     forge();
     pieces.ExpectAllBytes();
-    EXPECT_TRUE(pieces.HoldAnew());
+    pieces.ExpectThereAnew();
     EXPECT_GT(mapped, 0u); // a place within the region is no fault that can be seen
 }
 
