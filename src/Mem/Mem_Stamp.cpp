@@ -14,7 +14,7 @@ PLATFORM_PER_THREAD PerThread<std::uint64_t> t_last{0};
 
 /// The latest turn: twice the time at which a thread has taken it.
 struct alignas(64) Turn {
-    std::atomic<std::uint64_t> number = 0;
+    std::atomic<std::uint64_t> number = 1; // nobody's
 };
 constinit Turn s_turn;
 
