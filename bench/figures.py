@@ -389,7 +389,8 @@ SECTIONS.append(Section("From Python", python_rows(), [
     "The mean is of an array of twice what both workers may have together. By Dask's spilling it "
     "is of a persisted array, a part of which Dask has written to `/var/tmp`. The machine has memory "
     "for these files, so hardly any disk is waited for; under a limit for the whole machine it "
-    "would be. With chunks of 8 MB Dask's own work for its tasks is more than half of our time.",
+    "would be. A worker that goes over its limit isn't ended for it. With chunks of 8 MB Dask's own "
+    "work for its tasks is more than half of our time.",
 ]))
 
 PEERS = {"stxxl": "STXXL (libstxxl-dev)", "vigra": "VIGRA (libvigraimpex-dev)",

@@ -191,6 +191,11 @@ def hand_over(runs):
 # Dask --------------------------------------------------------------------------------------------
 
 
+def result(lazy):
+    """What Dask computes; an exception if that takes too long."""
+    return distributed.get_client().compute(lazy).result(timeout=100)
+
+
 def reduce_out_of_memory(runs, megabytes):
     """A mean of an array of twice what two workers may have together, in chunks of so many MB."""
     columns = megabytes << 17
@@ -198,6 +203,9 @@ def reduce_out_of_memory(runs, megabytes):
     ours = mempager.Array((rows, columns), "f8", chunk_bytes=8 * columns)
     for number, block in ours.blocks():
         block[...] = np.random.default_rng(number.start).random(block.shape)
+
+    # Where Dask doesn't spill fast enough, its worker isn't ended for it.
+    optional("dask").config.set({"distributed.worker.memory.terminate": False})
 
     def cluster():
         return distributed.LocalCluster(2, threads_per_worker=1, memory_limit=LIMIT,
@@ -208,12 +216,12 @@ def reduce_out_of_memory(runs, megabytes):
     factors = itertools.count(1)
     with cluster() as place, distributed.Client(place):
         runs.interleaved(f"python/reduce_{megabytes}", {
-            "mempager": lambda: (ours.to_dask() * next(factors)).mean().compute()}, 5)
+            "mempager": lambda: result((ours.to_dask() * next(factors)).mean())}, 5)
     with cluster() as place, distributed.Client(place) as client:
         x = client.persist(dask_array.random.random((rows, columns), chunks=(1, columns)))
-        distributed.wait(x)
+        distributed.wait(x, timeout=100)
         runs.interleaved(f"python/reduce_{megabytes}", {
-            "dask": lambda: (x * next(factors)).mean().compute()}, 5)
+            "dask": lambda: result((x * next(factors)).mean())}, 5)
 
 
 def main():
@@ -228,9 +236,11 @@ def main():
             resources.callback(shutil.rmtree, folder)
             Chunks(folder, resources).measure(runs)
         hand_over(runs)
-        if distributed:
-            reduce_out_of_memory(runs, 8)
-            reduce_out_of_memory(runs, 32)
+        for megabytes in (8, 32) if distributed else ():
+            try:
+                reduce_out_of_memory(runs, megabytes)
+            except distributed.TimeoutError:
+                print(f"Dask with chunks of {megabytes} MB didn't come to an end", file=sys.stderr)
     runs.write(sys.argv[1])
 
 

@@ -33,6 +33,10 @@ from ._errors import FreedError
 
 TOKEN_BYTES = 16
 
+# What a request may have. Arrays are of fewer chunks, or have to be sent with larger ones.
+MOST_TOKENS = 1 << 20
+MOST_INDEX_BYTES = 1 << 16
+
 # How long the end of a process waits for receivers that are still to come.
 LINGER_SECONDS = 5.0
 
@@ -63,6 +67,11 @@ def _read_into(connection: socket.socket, to: memoryview) -> None:
         if count == 0:
             raise EOFError
         to = to[count:]
+
+
+def _refuse_more_than(most: int, count: int) -> None:
+    if count > most:
+        raise ValueError(f"{count} is more than a request may have")
 
 
 def _split(tokens: bytes) -> List[bytes]:
@@ -124,18 +133,34 @@ class Keeper:
                 del self._leases[token]
 
     def _run(self) -> None:
+        poll = select.poll()  # takes descriptors of any number
+        for end in (self._listener, self._woken):
+            poll.register(end, select.POLLIN)
         while True:
-            ready, _, _ = select.select([self._listener, self._woken], [], [], self._expire())
-            if self._woken in ready:
+            ready = [descriptor for descriptor, _ in poll.poll(self._expire())]
+            if self._woken.fileno() in ready:
                 self._woken.recv(4096)
-            if self._listener in ready:
-                guest, _ = self._listener.accept()
-                self._guests[guest] = None
-                threading.Thread(target=self._serve, args=(guest,), name="mempager-keeper-guest",
-                                 daemon=True).start()
+            if self._listener.fileno() in ready:
+                self._admit()
+
+    def _admit(self) -> None:
+        """Has a receiver served. Without a descriptor for it, it waits; without a thread, its
+        connection ends."""
+        try:
+            guest, _ = self._listener.accept()
+        except OSError:
+            time.sleep(.1)
+            return
+        self._guests[guest] = None
+        try:
+            threading.Thread(target=self._serve, args=(guest,), name="mempager-keeper-guest",
+                             daemon=True).start()
+        except RuntimeError:
+            del self._guests[guest]
+            guest.close()
 
     def _expire(self) -> Optional[float]:
-        """Ends the leases whose time is over; returns the time until the next one's is."""
+        """Ends the leases whose time is over; returns the milliseconds until the next one's is."""
         now = time.monotonic()
         with self._changed:
             for token, (_, until) in list(self._leases.items()):
@@ -144,11 +169,13 @@ class Keeper:
                 if not until:
                     del self._leases[token]
             self._changed.notify_all()
-            return min((until[0] - now for _, until in self._leases.values()), default=None)
+            return min(((until[0] - now) * 1000 + 1 for _, until in self._leases.values()),
+                       default=None)
 
     def _serve(self, connection: socket.socket) -> None:
         guest = _Guest(self, connection)
-        with contextlib.suppress(EOFError, OSError), connection:
+        # It has ended; or it sends what makes no sense, as any user of the machine can.
+        with contextlib.suppress(Exception), connection:
             guest.serve()
         self._guests.pop(connection, None)
         guest.leave()
@@ -164,7 +191,8 @@ class _Guest:
         self._arriving: Deque[bytes] = collections.deque()
 
     def serve(self) -> None:
-        """Answers until the receiver is gone: EOFError or OSError."""
+        """Answers until the receiver is gone: EOFError or OSError; or until it sends what isn't a
+        request: LookupError or ValueError."""
         answers = {
             Operation.CLAIM: self._claim, Operation.ARRIVED: self._arrived,
             Operation.RELEASE: self._release, Operation.LEASE: self._lease,
@@ -172,6 +200,7 @@ class _Guest:
         }
         while True:
             operation, count = _HEAD.unpack(_read(self._connection, _HEAD.size))
+            _refuse_more_than(MOST_TOKENS, count)
             tokens = _split(bytes(_read(self._connection, count * TOKEN_BYTES)))
             answers[operation](tokens)
 
@@ -216,11 +245,14 @@ class _Guest:
         self._connection.sendall(self._claims[tokens[0]][0].map(True))  # type: ignore[arg-type]
 
     def _write(self, tokens: List[bytes]) -> None:
+        memory = self._claims[tokens[0]][0]
         length, size = _SIZES.unpack(_read(self._connection, _SIZES.size))
+        _refuse_more_than(memory.size, size)
+        _refuse_more_than(MOST_INDEX_BYTES, length)
         where = json.loads(_read(self._connection, length))
         values = _read(self._connection, size)
         try:
-            self._put(self._claims[tokens[0]][0], where, values)
+            self._put(memory, where, values)
             said = b""
         except Exception as failure:  # whatever it is, the receiver has to know
             said = str(failure).encode()

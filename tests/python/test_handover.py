@@ -1,9 +1,11 @@
 """Hunts memory that goes too early or never, readers that see another's bytes, and makers that wait
 for the dead."""
+import contextlib
 import copy
 import os
 import pickle
 import signal
+import socket
 import subprocess
 import sys
 import textwrap
@@ -147,7 +149,9 @@ def test_what_nobody_fetches_is_kept_for_the_time_that_is_set():
 
 def test_a_maker_that_ends_waits_for_its_receiver_and_its_bytes_outlive_it():
     maker = """
-        import pickle, sys, numpy, mempager
+        import os, pickle, resource, sys, numpy, mempager
+        resource.setrlimit(resource.RLIMIT_NOFILE, (2000, 2000))
+        files = [os.dup(0) for _ in range(1100)]  # more than some calls can count
         pickle.dump(mempager.array(numpy.arange(100_000)), sys.stdout.buffer)
         """
     command = f"{sys.executable} -c '{{}}' | (sleep .5; {sys.executable} -c '{{}}')"
@@ -159,6 +163,23 @@ def test_a_maker_that_ends_waits_for_its_receiver_and_its_bytes_outlive_it():
                              "print(pickle.dumps(mempager.zeros(9)).hex(), flush=True); os._exit(0)"))
     with pytest.raises(mempager.FreedError, match="ended, or is on another machine"):
         pickle.loads(sent)
+
+
+@pytest.mark.parametrize("request_", [
+    b"X" + bytes(4), _keeper._HEAD.pack(b"F", 0), _keeper._HEAD.pack(b"C", 2**32 - 1),
+    _keeper._HEAD.pack(b"W", 1) + bytes(16) + _keeper._SIZES.pack(9, 2**60)])
+def test_a_stranger_at_the_socket_is_shown_out(request_):
+    piece = mempager.array(np.arange(10))
+    sent = pickle.dumps(piece)
+    with socket.socket(socket.AF_UNIX) as stranger:
+        stranger.settimeout(10)
+        stranger.connect(_keeper.own().address)
+        stranger.sendall(request_)
+        with contextlib.suppress(ConnectionResetError):  # where it was shown out amid its words
+            assert stranger.recv(1) == b""
+    told = run("import pickle, mempager\nprint(pickle.loads(bytes.fromhex(input())).mapped().sum())",
+               input=sent.hex())
+    assert told == "45\n"
 
 
 def test_a_receiver_that_sends_on_may_be_gone_then():
@@ -255,7 +276,8 @@ def test_workers_without_memory_end_in_an_exception_and_leave_nothing():
         small = ["unshare", "-m", "sh", "-c",
                  'mount -t tmpfs -o size=64m tmpfs /dev/shm && '
                  'mount -t tmpfs -o size=8m tmpfs /var/tmp && cd /var/tmp && "$@" && '
-                 f'{sys.executable} -c "{NEXT_PROCESS}" && ls -A /dev/shm',
+                 f'{sys.executable} -c "{NEXT_PROCESS}" && '
+                 "find /dev/shm /var/tmp -type f ! -name mem_dump.log",
                  "sh"]
         told = run(script, prefix=small)
     assert told.startswith("True ")
