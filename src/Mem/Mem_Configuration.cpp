@@ -1,9 +1,9 @@
 #include "Mem/Mem_Configuration.h"
 
 #include "Mem/Mem_TempFolder.h"
-#include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
 #include "Platform/Process.h"
+#include "Platform/Units.h"
 
 #include <algorithm>
 #include <atomic>

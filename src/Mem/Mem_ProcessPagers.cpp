@@ -8,6 +8,7 @@
 #include "Mem/Mem_Refusal.h"
 #include "Mem/Mem_Repeats.h"
 #include "Mem/Mem_Reports.h"
+#include "Mem/Mem_Settings.h"
 #include "Mem/Mem_ShmmHeap.h"
 #include "NRVlog/Zor_Log.h"
 #include "Platform/Process.h"
@@ -162,8 +163,8 @@ bool MEM_MemPager::has_local_block(const RWCString& name) const
 void MEM_MemPager::set_new_memory_handler()
 {
     s_new_handler_handled = true;
-    static const bool unwanted = std::getenv("VORTELIX_DIS_NEW_HANDLER") != nullptr;
-    if (unwanted)
+    static const bool wanted = ReclaimIsWanted();
+    if (!wanted)
         return;
     ZOR_LOG("MEM_MemPager::set_new_memory_handler", 5,
             "MEM_MemPager::MEM_MemPager() setting new handler\n");
@@ -225,18 +226,18 @@ unsigned long long MEM_MemPager::clear_for_handler(MEM_MemPager* pager, bool rep
     return freed;
 }
 
-/// An allocation that throws is told as the end, since most hosts don't expect it; one that answers
-/// null the host may well survive. Where malloc is hooked, operator new fails behind it: then the
-/// report has been written.
+/// An allocation that throws is reported as the end, since most hosts don't expect it; one that
+/// answers null the host may well survive. Where malloc is hooked, operator new fails behind it:
+/// then the report has been written.
 void MEM_MemPager::report_exhaustion(const Mem_FailedAllocation& failed)
 {
     constexpr char function[] = "clear_cache_handler";
     static Mem_Repeats repeats[2];
     Refuse(Mem_Reason::Operation::HostAllocation, Mem_Reason::Limit::Memory, "", failed.size);
-    Mem_Repeats& told = repeats[failed.throws ? 1 : 0];
-    if (!told.IsNews(0))
+    Mem_Repeats& reports = repeats[failed.throws ? 1 : 0];
+    if (!reports.IsNews(0))
         return;
-    told.TellCount(function);
+    reports.TellCount(function);
     if (failed.throws)
         Mem_PagerLog::AllocationIsRefused(failed.size);
     else

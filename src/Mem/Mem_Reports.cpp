@@ -5,9 +5,9 @@
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_Settings.h"
 #include "Mem/Mem_ShmmHeap.h"
-#include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
 #include "Platform/Process.h"
+#include "Platform/Units.h"
 #include "Zor/Zor_StackTrace.h"
 #include "Zor/Zor_System.h"
 
