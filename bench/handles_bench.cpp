@@ -7,6 +7,9 @@
 
 #include <benchmark/benchmark.h>
 
+#include <array>
+#include <atomic>
+#include <cstdint>
 #include <memory>
 
 namespace
@@ -40,6 +43,73 @@ void FourLockPairs(benchmark::State& state)
     }
 }
 BENCHMARK(FourLockPairs)->Name("handles/four_lock_pairs");
+
+/// The floor for a hit: pages of a buffer pool that are pinned and unpinned, in the style of the
+/// field. A frame is found in a hash table that nobody changes meanwhile, and counted up and down
+/// by one atomic step each; whatever takes the frame away would have to count on its pins being 0.
+/// It keeps no order of eviction, no handle's counts and no limit.
+class BufferPool
+{
+public:
+    BufferPool()
+    {
+        for (std::uint64_t page = 0; page < kPages; ++page) {
+            std::size_t at = hash(page);
+            while (m_frames[at].page != kNone)
+                at = (at + 1) % kFrames;
+            m_frames[at].page = page;
+        }
+    }
+
+    char* Pin(std::uint64_t page)
+    {
+        Frame& frame = find(page);
+        std::uint32_t pins = frame.pins.load(std::memory_order_acquire);
+        while (!frame.pins.compare_exchange_weak(pins, pins + 1, std::memory_order_acquire)) {
+        }
+        return frame.bytes;
+    }
+    void Unpin(std::uint64_t page) { find(page).pins.fetch_sub(1, std::memory_order_release); }
+
+private:
+    static constexpr std::size_t kFrames = 1024;
+    static constexpr std::uint64_t kPages = 512;
+    static constexpr std::uint64_t kNone = ~std::uint64_t{0};
+
+    struct alignas(128) Frame {
+        std::uint64_t page = kNone;
+        std::atomic<std::uint32_t> pins = 0;
+        char bytes[64] = {};
+    };
+
+    static std::size_t hash(std::uint64_t page)
+    {
+        return (page * 0x9E3779B97F4A7C15u) >> 54; // one of kFrames
+    }
+    Frame& find(std::uint64_t page)
+    {
+        std::size_t at = hash(page);
+        while (m_frames[at].page != page)
+            at = (at + 1) % kFrames;
+        return m_frames[at];
+    }
+
+    std::array<Frame, kFrames> m_frames;
+};
+
+void PinAndUnpin(benchmark::State& state)
+{
+    static const std::unique_ptr<BufferPool> pool = std::make_unique<BufferPool>();
+    std::uint64_t page = 17 + static_cast<std::uint64_t>(state.thread_index());
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(page);
+        benchmark::DoNotOptimize(pool->Pin(page));
+        pool->Unpin(page);
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(PinAndUnpin)->Name("handles/floor");
+BENCHMARK(PinAndUnpin)->Name("handles/threads_floor")->Threads(1)->Threads(2)->UseRealTime();
 
 void MapAndUnmap(benchmark::State& state, MEM_PagerInfo& piece)
 {
