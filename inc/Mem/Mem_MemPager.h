@@ -143,6 +143,15 @@ public:
     /// Fills `status` with this pager's accounting, a consistent picture. @return 0.
     int GetCurrentStatus(Mem_Status& status);
 
+    /// Fills `status` with where the memory of this process's pieces lies, both pagers' together: a
+    /// consistent picture. Takes a walk over all regions, and makes no pager.
+    /// @param with_resident tell also how much of the views is in physical memory, which takes the
+    ///        system some 40 ms for each mapped GB. Every other thread that needs the pagers waits
+    ///        as long.
+    /// @return 0.
+    /// @throws std::bad_alloc if nothing was allocated before.
+    static int GetStoreStatus(Mem_StoreStatus& status, bool with_resident = false);
+
     /// Writes the pager's totals and its heap's blocks to standard output, and one line per
     /// block to the log at level 2.
     void PrintDebugStatus();
@@ -238,6 +247,8 @@ private:
     static void report_exhaustion(const Mem_FailedAllocation& failed) FIBREX_REQUIRES(mutex);
 
     // Diagnostics
+    static bool add_resident(const MEM_MemPager* pager, unsigned long long& bytes)
+        FIBREX_REQUIRES(mutex);
     static void print_virtual_memory_status() FIBREX_REQUIRES(mutex);
 
     void check_invariants() const FIBREX_REQUIRES(mutex);

@@ -302,6 +302,11 @@ RWCString ShmmHeap::Name()
     return m_undefined;
 }
 
+Mem_StoreStatus::Store& ShmmHeap::StoreOf(BaseInfo&, Mem_StoreStatus& status) const
+{
+    return status.shared_memory;
+}
+
 namespace
 {
 /// Sums over the blocks of one kind, in bytes.
@@ -409,6 +414,22 @@ int Memory_ShmmHeap::destroy_element(Block* block)
             "Destroyed %d bytes in <%s>. Current Shmm size is %d Mb.\n", static_cast<int>(size),
             source->Name().data(), static_cast<int>(source->GetSizeInMb()));
     return result;
+}
+
+/// Temp files are taken as wholes, so what regions take of them isn't what they take of the disk.
+void Memory_ShmmHeap::Tell(Mem_StoreStatus& status) const
+{
+    for (const Block& block : m_blocks) {
+        unsigned int size = 0;
+        unsigned int used = 0;
+        unsigned int always_mapped = 0;
+        block.GetSpaceStatus(&size, &used, &always_mapped);
+        Mem_StoreStatus::Store& store =
+            block.GetSourceHeapOfBlock()->StoreOf(*block.GetMapInfo(), status);
+        store.reserved += size;
+        store.used += used;
+    }
+    status.temp_files.reserved = the_file_heap != nullptr ? the_file_heap->BytesOfFiles() : 0;
 }
 
 namespace

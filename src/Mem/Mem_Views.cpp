@@ -4,6 +4,7 @@
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_Settings.h"
 #include "NRVlog/Zor_Log.h"
+#include "Platform/Inspection.h"
 #include "Platform/LastError.h"
 #include "Platform/Mappings.h"
 
@@ -161,6 +162,16 @@ void Mem_Views::Trim()
     if (!Platform::Mappings::Get().TrimWorkingSet(views))
         ZOR_LOG("MEM_MemPager::ReduceWorkingSet", 3, "failed to reduce working set (error=%d)!!\n",
                 static_cast<int>(Platform::LastError()));
+}
+
+bool Mem_Views::AddResident(unsigned long long& bytes) const
+{
+    Walk views(m_blocks);
+    std::uint64_t resident = 0;
+    if (!Platform::Inspection::Get().ResidentBytes(views, resident))
+        return false;
+    bytes += resident;
+    return true;
 }
 
 const char* Mem_Views::Broken() const

@@ -88,6 +88,10 @@ public:
     /// Asks the system to take back the resident pages of all views. A failure goes to the log.
     void Trim();
 
+    /// Adds to `bytes` those of all views that are in physical memory as this process's.
+    /// @return false, with nothing added, if the system doesn't tell.
+    bool AddResident(unsigned long long& bytes) const;
+
     unsigned long long TotalMapped() const { return m_total_mapped; }
     unsigned long long TotalCached() const { return m_total_cached; }
     unsigned long long HeldByClients() const { return m_total_mapped - m_total_cached; }

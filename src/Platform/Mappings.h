@@ -36,9 +36,10 @@ public:
     /// mapping lies in a file in `spare_folder` instead, if that is on a disk; only processes of
     /// the same user can open it then.
     ///
+    /// @param is_spare becomes whether the mapping lies in such a file; may be null.
     /// @return a handle for MapView() and CloseMapping(); null on failure, with nothing left.
     virtual void* CreateSharedMapping(const char* name, std::uint64_t size,
-                                      const char* spare_folder) = 0;
+                                      const char* spare_folder, bool* is_spare = nullptr) = 0;
 
     /// What of a mapping over a file could not be had.
     enum class FileFault { None, File, Mapping };

@@ -47,7 +47,7 @@ PosixMappings& PosixMappings::Instance()
 }
 
 void* PosixMappings::CreateSharedMapping(const char* name, std::uint64_t size,
-                                         const char* spare_folder)
+                                         const char* spare_folder, bool* is_spare)
 {
     ForgetLimits();
     MappingOwner mapping = PrepareMapping(name, size);
@@ -56,7 +56,11 @@ void* PosixMappings::CreateSharedMapping(const char* name, std::uint64_t size,
     clean_up_at_exit();
 
     const NoFork whole;
-    return Reported(MakeInSharedMemory(*mapping, spare_folder)) ? handed_out(mapping) : nullptr;
+    if (!Reported(MakeInSharedMemory(*mapping, spare_folder)))
+        return nullptr;
+    if (is_spare != nullptr)
+        *is_spare = mapping->IsSpare();
+    return handed_out(mapping);
 }
 
 void* PosixMappings::CreateMappingOverFile(const char* path, const char* name, std::uint64_t size,
