@@ -3,6 +3,7 @@
 
 #include "Fibrex/WindowUnixMutex.h"
 #include "Mem/Mem_MemPagerInfo.h"
+#include "Mem/Mem_Notice.h"
 #include "Mem/Mem_Reason.h"
 #include "Mem/Mem_Status.h"
 #include "Rw/RWBoundsErr.h"
@@ -37,7 +38,7 @@ struct RegisteredBlock;
 /// When memory runs short, the cache is given up and the operation tried once more. What still
 /// fails is told by the result, after log lines that say what was asked and what is in use, and by
 /// Mem_Reason::Last(). What fails for the same cause within a second is told in the log once, with
-/// a count.
+/// a count. What only takes longer than it should is told to SetNoticeHook()'s function.
 ///
 /// Threads: any thread may call any public operation. Three kinds of lock, all recursive and
 /// class-wide, taken in this order: `mutex_vec` (vector operations), a stripe of the handles,
@@ -152,6 +153,12 @@ public:
     /// @throws std::bad_alloc if nothing was allocated before.
     static int GetStoreStatus(Mem_StoreStatus& status, bool with_resident = false);
 
+    /// Has `hook` called with `context` when the process's regions go to files, or views are given
+    /// up faster than the cache is large: each at most once a second, with a count. It takes the
+    /// place of the last one; null for none. A call of the last one that another thread is in may
+    /// end later than this, so `context` has to live on. See Mem_Notice and Mem_NoticeHook.
+    static void SetNoticeHook(Mem_NoticeHook hook, void* context);
+
     /// Writes the pager's totals and its heap's blocks to standard output, and one line per
     /// block to the log at level 2.
     void PrintDebugStatus();
@@ -172,6 +179,7 @@ private:
     friend class MEM_PagerInfo;
     friend class Mem_PagerInfoVecLockGuard;
     friend class Mem_MemFragmentsAllocator;
+    friend class Mem_NoticesAtEnd;
     friend struct Mem_ProcessPager;
 
     /// @cond

@@ -2,6 +2,7 @@
 
 #include "Mem/Mem_Limits.h"
 #include "Mem/Mem_MemInfo.h"
+#include "Mem/Mem_Notices.h"
 #include "Mem/Mem_PagerLog.h"
 #include "Mem/Mem_PagerRooms.h"
 #include "Mem/Mem_Refusal.h"
@@ -70,6 +71,7 @@ int MEM_MemPager::Allocate(unsigned int size, MEM_PagerInfo* info, int alignment
         Refuse(Operation::Allocate, Limit::Request, "it is of 0 bytes");
         return -1;
     }
+    const Mem_NoticesAtEnd notices;
     WindowUnixGuard lock(&mutex);
     if (m_ended)
         return RefuseAtTheEnd(Operation::Allocate);
@@ -296,13 +298,17 @@ void MEM_MemPager::keep_or_drop(int id, RegisteredBlock& block)
     const Mem_Counter to_shared =
         m_rooms->counters.Get(Mem_PagerCounters::UNMAP_TO_SHARED_COUNTER_NAME);
     to_cache.Mark();
-    if (views.TotalMapped() > CacheLimit() && !views.EvictAtLeast(block.owner->Size(), to_shared)) {
+    const unsigned long long limit = CacheLimit();
+    const unsigned long long mapped = views.TotalMapped();
+    if (mapped > limit && !views.EvictAtLeast(block.owner->Size(), to_shared)) {
         views.Drop(block); // the older views are not large enough
         to_shared.Close();
     } else {
         views.EnterCache(id, block);
         to_cache.Close();
     }
+    if (mapped > limit)
+        m_rooms->evictions.Evicted(mapped - views.TotalMapped(), limit);
 }
 
 // Cache and reclaim -----------------------------------------------------------------------------

@@ -2,6 +2,7 @@
 
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_MemPager.h"
+#include "Mem/Mem_Notices.h"
 #include "Mem/Mem_Refusal.h"
 #include "NRVlog/Zor_Log.h"
 
@@ -251,6 +252,7 @@ int MEM_PagerInfo::Unmap()
 {
     if (!may_unmap("MEM_PagerInfo::Unmap"))
         return -1;
+    const Mem_NoticesAtEnd notices;
     WindowUnixGuard lock(&stripe());
     if (!holds_mapping()) // another thread was faster
         return -1;

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <utility>
 
 /// Keeps failures of one cause that come again within a second from being told again and again: a
 /// host that tries on would fill its log, and each report takes its time.
@@ -17,6 +18,9 @@ public:
     /// Logs at level 3, in the name of `function`, how many weren't told since the last that was,
     /// if any: before the next that is told, and when the operation succeeds again.
     void TellCount(const char* function);
+
+    /// How many weren't told since the last that was, which are forgotten by this.
+    unsigned TakeCount() { return std::exchange(m_untold, 0u); }
 
     /// Tells the next one whatever was told before.
     void Forget() { *this = {}; }

@@ -4,6 +4,7 @@
 #include "Mem/Mem_FirstBreak.h"
 #include "Mem/Mem_Leftovers.h"
 #include "Mem/Mem_Limits.h"
+#include "Mem/Mem_Notices.h"
 #include "Mem/Mem_ShmmHeap_Windows.h"
 #include "Mem/Mem_TempFolder.h"
 #include "Mem/Mem_Units.h"
@@ -389,6 +390,8 @@ int Memory_ShmmHeap::create_result_element(unsigned int size, Block** result,
     if (failure != 0)
         return failure;
     RegionLimits.Ended();
+    if (Mem_StoreStatus stores; &source->StoreOf(*region, stores) != &stores.shared_memory)
+        Mem_Notices::Spilled(region->Size());
     try {
         *result = new MemoryBlock(region, source);
     } catch (...) {

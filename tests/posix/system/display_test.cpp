@@ -1,12 +1,17 @@
-// What a host shows its users. Hunts bytes that are counted in another store than they lie in.
+// What a host shows its users. Hunts bytes that are counted in another store than they lie in, and
+// notices that are lost, come too often, or come where a lock is held.
 
 #include "mempager/mempager.h"
 
 #include "posix/support/Children.h"
+#include "support/Mem_TestAccess.h"
 #include "support/PagerWorld.h"
 #include "support/ThisProcess.h"
 
 #include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
 
 namespace
 {
@@ -35,6 +40,57 @@ CHILD_TEST(Display, TellsWhereMemoryLies, InChildAmongOwnMounts)
     const Mem_StoreStatus after = stores(true);
     CHILD_CHECK(Holds(after.shared_memory, 0, 0), Holds(after.spare_files, 0, 0));
     CHILD_CHECK(Holds(after.temp_files, 0, 0), after.resident_is_known, after.resident == 0);
+    return 0;
+}
+
+/// Counts what it is told, by kind, and uses the library meanwhile.
+struct Told {
+    static void Take(const Mem_Notice& notice, void* context) noexcept
+    {
+        auto& own = static_cast<Told*>(context)[static_cast<int>(notice.kind)];
+        ++own.notices;
+        own.count += notice.count;
+        own.bytes += notice.bytes;
+        std::thread([&own] { own.met_a_lock |= !Mem_TestAccess::TryAllLocks(); }).join();
+        const piece<char> another(9 * MiB);
+    }
+    long notices = 0;
+    unsigned count = 0;
+    unsigned long long bytes = 0;
+    bool met_a_lock = false;
+};
+
+CHILD_TEST(Display, IsToldOfSpillingAndOfStormsOnceASecond, InChild)
+{
+    const TempFolder temp;
+    Configure(0, temp.path);
+    Told told[2];
+    MEM_MemPager::SetNoticeHook(Told::Take, told);
+    const auto begin = std::chrono::steady_clock::now();
+    MEM_PagerInfo infos[3], *all[] = {infos, infos + 1, infos + 2};
+    for (MEM_PagerInfo* info : all)
+        CHILD_CHECK(MEM_MemPager::GetHandle()->Allocate(9 * MiB, info, 0) == 0, info->Unmap() == 0);
+    for (int i = 0; i < 30; ++i) // 27 MB, where 20 may be mapped
+        CHILD_CHECK(infos[i % 3].Map() == 0, infos[i % 3].Unmap() == 0);
+    const auto seconds = std::chrono::steady_clock::now() - begin;
+    const long most = 1 + std::chrono::floor<std::chrono::seconds>(seconds).count();
+    CHILD_CHECK(told[0].notices >= 1, told[0].notices <= most, told[0].bytes >= 9 * MiB);
+    CHILD_CHECK(told[1].notices >= 1, told[1].notices <= most, told[1].bytes > 20 * MiB);
+
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    const Told before = told[1];
+    {
+        const Mem_PagerInfoVecLockGuard locks(MEM_MemPager::GetHandle(), all, 3);
+        for (int i = 0; i < 9; ++i)
+            CHILD_CHECK(infos[i % 3].Map() == 0, infos[i % 3].Unmap() == 0);
+        CHILD_CHECK(told[1].notices == before.notices);
+    }
+    CHILD_CHECK(told[1].notices == before.notices + 1, told[1].count > before.count + 1);
+    infos[0].Release();
+    CHILD_CHECK(MEM_MemPager::GetHandle()->Allocate(9 * MiB, infos, 0) == 0);
+    CHILD_CHECK(told[0].count >= 4, told[0].count * 9ull * MiB == told[0].bytes);
+    CHILD_CHECK(!told[0].met_a_lock, !told[1].met_a_lock);
+    MEM_MemPager::SetNoticeHook(nullptr, nullptr);
     return 0;
 }
 
