@@ -238,6 +238,7 @@ private:
     int Map(MEM_PagerInfo& info);
     int Unmap(MEM_PagerInfo& info);
     int Cache(MEM_PagerInfo& info);
+    int trim(MEM_PagerInfo& info);
     int MapWithoutLocks(MEM_PagerInfo& info) FIBREX_REQUIRES(mutex);
     int UnmapWithoutLocks(MEM_PagerInfo& info) FIBREX_REQUIRES(mutex);
     int private_map(RegisteredBlock& block, bool try_clear) FIBREX_REQUIRES(mutex);

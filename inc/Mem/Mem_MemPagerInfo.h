@@ -133,6 +133,15 @@ public:
     ///         exceeds the limit, or if there is no room: the cache isn't cleared for this.
     int Cache();
 
+    /// Asks the system to take the piece's resident pages back, as MEM_MemPager's operation of that
+    /// name does for all pieces: contents and mappings stay, and the next touch brings a page
+    /// back. Needs no mapping. Neighbours in the same pages are concerned as well; on Windows,
+    /// which has no call for a part, the whole process.
+    /// @return 0, also if the piece has no view and so no pages here; -1 if the handle is empty,
+    ///         or if the system refuses, which a line in the log tells.
+    /// @throws RWBoundsErr if the piece was freed.
+    int ReduceWorkingSet();
+
     /// Gives up what the handle held and makes it empty, as the destructor does.
     void Release();
 

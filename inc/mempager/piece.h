@@ -220,6 +220,15 @@ public:
         return detail::told(code, [this] { return map_const(); });
     }
 
+    /// Asks the system to take the physical memory of the elements back, where they are mapped or
+    /// wait in the cache: they keep their values, and the next touch brings a page back. For what
+    /// won't be used for a while. Not done if the system refuses; the log says so then.
+    void reduce_working_set() const noexcept
+    {
+        if (m_handle != nullptr)
+            m_handle->handle.ReduceWorkingSet();
+    }
+
     /// Some 150 bytes by which another process finds the elements: see foreign. Send them after
     /// the last write, and keep the piece until the other process has mapped it once. Empty for
     /// an empty piece.

@@ -370,6 +370,14 @@ void MEM_MemPager::ReduceWorkingSet()
     m_rooms->views.Trim();
 }
 
+int MEM_MemPager::trim(MEM_PagerInfo& info)
+{
+    WindowUnixGuard lock(&mutex);
+    if (m_ended)
+        return RefuseAtTheEnd(Operation::Other);
+    return Mem_Views::Trim(block_of(info.Block()), *info.GetMemInfoPtr());
+}
+
 // Diagnostics -----------------------------------------------------------------------------------
 
 int MEM_MemPager::GetCurrentStatus(Mem_Status& status)

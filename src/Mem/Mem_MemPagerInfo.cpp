@@ -274,6 +274,14 @@ int MEM_PagerInfo::Cache()
     return m_state != nullptr ? m_pager->Cache(*this) : -1;
 }
 
+int MEM_PagerInfo::ReduceWorkingSet()
+{
+    if (m_state == nullptr)
+        return RefuseEmptyHandle(Mem_Reason::Operation::Other);
+    WindowUnixGuard lock(&stripe());
+    return m_state != nullptr ? m_pager->trim(*this) : -1;
+}
+
 MEM_RESPONSE MEM_PagerInfo::ReleaseIfUnmapped(bool force_detach, bool last_counts_as_released)
 {
     if (m_state == nullptr)

@@ -4,8 +4,11 @@
 #include "Mem/Mem_BlockTable.h"
 #include "Mem/Mem_Counter.h"
 #include "Mem/Mem_FifoQueue.h"
+#include "Platform/Mappings.h"
 
 #include <cstdint>
+
+class MEM_MemInfo;
 
 /// The views of a pager's blocks: which blocks have one, who holds it, which of them wait in the
 /// cache, and how many bytes that makes. Nobody else writes a block's `stat` and `m_ref`.
@@ -88,6 +91,9 @@ public:
     /// Asks the system to take back the resident pages of all views. A failure goes to the log.
     void Trim();
 
+    /// The same for one piece of a block. @return 0, also if there is no view; -1 on failure.
+    static int Trim(const RegisteredBlock& block, MEM_MemInfo& piece);
+
     /// Adds to `bytes` those of all views that are in physical memory as this process's.
     /// @return false, with nothing added, if the system doesn't tell.
     bool AddResident(unsigned long long& bytes) const;
@@ -107,6 +113,7 @@ private:
 
     static constexpr char zor_log_source[] = "src/Mem/Mem_MemPager";
 
+    static int trim(Platform::Mappings::Views& views);
     unsigned int end_view(RegisteredBlock& block);
     void trim_if_due(unsigned int unmapped);
 

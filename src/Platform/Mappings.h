@@ -95,8 +95,9 @@ public:
     };
 
     /// Asks the system to take the resident pages of this process back. A system that trims
-    /// single views trims those of `views`, which must be views of shared mappings; one that
-    /// only trims whole processes need not read them. Mappings and contents stay.
+    /// single views trims those of `views`, which must be views of shared mappings, or stretches of
+    /// such: each page that they touch. One that only trims whole processes need not read them.
+    /// Mappings and contents stay.
     virtual bool TrimWorkingSet(Views& views) = 0;
 
     // What stands in the way ----------------------------------------------------------------

@@ -149,8 +149,12 @@ bool PosixMappings::TrimWorkingSet(Views& views)
     bool all = true;
     void* view = nullptr;
     // The pages leave the process and stay in shared memory.
-    for (std::uint64_t size = 0; views.Next(view, size);)
-        all = Reported(madvise(view, size, MADV_DONTNEED) == 0) && all;
+    for (std::uint64_t size = 0; views.Next(view, size);) {
+        const std::uint64_t front =
+            reinterpret_cast<std::uintptr_t>(view) % AllocationGranularity();
+        void* const page = static_cast<char*>(view) - front;
+        all = Reported(madvise(page, front + size, MADV_DONTNEED) == 0) && all;
+    }
     return all;
 }
 
