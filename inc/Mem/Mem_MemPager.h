@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 
 class MEM_MemInfo;
 class Mem_Counter;
@@ -123,6 +124,12 @@ public:
     /// @throws std::bad_alloc; nothing has changed then.
     MEM_PagerInfo Register(MEM_MemInfo& info);
 
+    /// The same from the bytes that StreamMemInfo() wrote, all of them: a reader needs no other
+    /// header than this one. They stay the caller's. Refused as above are also bytes that hold no
+    /// whole descriptor; what lies behind one plays no part.
+    /// @throws std::bad_alloc; nothing has changed then.
+    MEM_PagerInfo Register(std::span<const std::byte> descriptor);
+
     /// Writes what another process needs for Register() to `out`. The piece has to live until
     /// the other process has mapped it; the stream holds nothing. Nobody may free the piece during
     /// the call.
@@ -224,6 +231,7 @@ private:
     void report_refused_piece(unsigned int size) FIBREX_REQUIRES(mutex);
     int register_or_give_back(MEM_MemInfo* piece, MEM_PagerInfo* out) FIBREX_REQUIRES(mutex);
     void give_back(MEM_MemInfo* piece) FIBREX_REQUIRES(mutex);
+    static int refuse_descriptor(const char* fault);
     int internal_register(MEM_MemInfo& info, MEM_PagerInfo* out) FIBREX_REQUIRES(mutex);
     int register_local(MEM_MemInfo& info) FIBREX_REQUIRES(mutex);
     int register_on_block(int id, MEM_MemInfo& info) FIBREX_REQUIRES(mutex);

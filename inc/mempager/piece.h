@@ -1,7 +1,6 @@
 #ifndef MEMPAGER_PIECE_H
 #define MEMPAGER_PIECE_H
 
-#include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_MemPager.h"
 #include "Zor/Zor_Buffer.h"
 #include "mempager/error.h"
@@ -301,12 +300,8 @@ public:
     ///         whole number of elements, or was made by this process or a parent of it.
     explicit foreign(std::span<const std::byte> descriptor)
     {
-        Zor_iBuffer in(descriptor.data(), descriptor.size());
-        MEM_MemInfo info;
-        in >> info;
         m_handle.reset(new detail::held);
-        if (in)
-            m_handle->handle.GetUnmappedInfo(MEM_MemPager::GetHandle()->Register(info));
+        m_handle->handle.GetUnmappedInfo(MEM_MemPager::GetHandle()->Register(descriptor));
         if (!m_handle->handle.IsValid() || m_handle->handle.GetAllocatedSize() % sizeof(T) != 0)
             detail::fail(errc::bad_descriptor, "foreign");
     }

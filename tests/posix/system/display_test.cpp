@@ -46,24 +46,24 @@ CHILD_TEST(Display, TellsWhereMemoryLies, InChildAmongOwnMounts)
 CHILD_TEST(Display, TellsOfPagesThatWereGivenBack, InChild)
 {
     const piece<char> keeper(MiB); // the pieces share a region
-    piece<char> piece(MiB);
+    piece<char> given(MiB);
     const unsigned long long both = stores(true).resident;
     CHILD_CHECK(both >= 2 * MiB);
     {
-        const auto bytes = piece.map();
+        const auto bytes = given.map();
         std::ranges::fill(bytes, 'x');
-        piece.reduce_working_set();
+        given.reduce_working_set();
         const unsigned long long left = both - stores(true).resident;
         CHILD_CHECK(left >= MiB, left <= MiB + 8192, bytes[MiB - 1] == 'x');
     }
-    CHILD_CHECK(piece.map_const()[5000] == 'x');
-    piece.reduce_working_set(); // as it waits in the cache
+    CHILD_CHECK(given.map_const()[5000] == 'x');
+    given.reduce_working_set(); // as it waits in the cache
     CHILD_CHECK(both - stores(true).resident >= MiB);
     MEM_MemPager::GetHandle()->ClearCache();
     MEM_PagerInfo empty;
-    CHILD_CHECK((piece.reduce_working_set(), stores(true).resident == 0));
+    CHILD_CHECK((given.reduce_working_set(), stores(true).resident == 0));
     CHILD_CHECK(empty.ReduceWorkingSet() == -1);
-    return std::ranges::count(piece.map_const(), 'x') == MiB ? 0 : 2;
+    return std::ranges::count(given.map_const(), 'x') == MiB ? 0 : 2;
 }
 
 /// Counts what it is told, by kind, and uses the library meanwhile.
