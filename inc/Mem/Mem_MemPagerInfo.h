@@ -77,7 +77,15 @@ public:
     /// between handles on the same piece.
     MEM_PagerInfo& operator=(const MEM_PagerInfo& other);
 
-    /// The same, for a copy that holds no mapping.
+    /// Takes over what the other holds, mappings included, and leaves it as Release() does: so a
+    /// vector of handles that grows copies none. For one thread, as releasing is.
+    MEM_PagerInfo(MEM_PagerInfo&& other) noexcept;
+
+    /// Gives up what this handle held, then takes over as the above does. Nothing happens between
+    /// handles on the same piece.
+    MEM_PagerInfo& operator=(MEM_PagerInfo&& other) noexcept;
+
+    /// The same as the copy's, for a copy that holds no mapping.
     void GetUnmappedInfo(const MEM_PagerInfo& other);
 
     /// Gives up the handle. The last one on a piece frees it, mapped or not. Mappings that the
@@ -166,6 +174,7 @@ private:
     int map_count() const { return m_map_count.load(std::memory_order_relaxed); }
     void set_map_count(int count) { m_map_count.store(count, std::memory_order_relaxed); }
     void copy(const MEM_PagerInfo& other, bool map);
+    void take(MEM_PagerInfo& other) noexcept;
     void release();
     int detach();
     void free_piece();

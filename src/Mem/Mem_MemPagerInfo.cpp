@@ -7,6 +7,7 @@
 #include "NRVlog/Zor_Log.h"
 
 #include <memory>
+#include <utility>
 
 WindowUnixMutex MEM_PagerInfo::mutex[MEM_PagerInfo::kStripes];
 std::atomic<unsigned int> MEM_PagerInfo::m_MutexCounter = 0;
@@ -37,6 +38,31 @@ MEM_PagerInfo& MEM_PagerInfo::operator=(const MEM_PagerInfo& other)
         copy(other, true);
     }
     return *this;
+}
+
+MEM_PagerInfo::MEM_PagerInfo(MEM_PagerInfo&& other) noexcept
+{
+    take(other);
+}
+
+MEM_PagerInfo& MEM_PagerInfo::operator=(MEM_PagerInfo&& other) noexcept
+{
+    if (m_state != other.m_state) {
+        release();
+        take(other);
+    }
+    return *this;
+}
+
+/// The piece's counts stay: it has as many handles and mappings as before.
+void MEM_PagerInfo::take(MEM_PagerInfo& other) noexcept
+{
+    m_state = std::exchange(other.m_state, nullptr);
+    m_mutex_index = other.m_mutex_index;
+    set_map_count(other.map_count());
+    other.set_map_count(0);
+    m_allocated_size = other.m_allocated_size;
+    m_pager = std::exchange(other.m_pager, nullptr);
 }
 
 void MEM_PagerInfo::GetUnmappedInfo(const MEM_PagerInfo& other)
