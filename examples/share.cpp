@@ -1,12 +1,12 @@
 // One piece, two processes: the parent fills it, the child reads it where it lies. What goes from
 // one to the other is a descriptor of a few dozen bytes.
 #include "ChildProcess.h"
-#include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_MemPager.h"
 #include "Zor/Zor_Buffer.h"
 
 #include <cstdint>
 #include <cstdio>
+#include <span>
 #include <string>
 
 namespace
@@ -19,10 +19,8 @@ int Read()
         Receive(bytes, size) != size)
         return 1; // the creator has failed
 
-    Zor_iBuffer in(bytes, size);
-    MEM_MemInfo info;
-    in >> info;
-    MEM_PagerInfo piece = MEM_MemPager::GetHandle()->Register(info);
+    const auto descriptor = std::as_bytes(std::span(bytes, size));
+    MEM_PagerInfo piece = MEM_MemPager::GetHandle()->Register(descriptor);
     if (piece.Map() != 0)
         return 1; // refused, or its creator is gone; the log says why
 

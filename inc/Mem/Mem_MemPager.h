@@ -3,6 +3,7 @@
 
 #include "Fibrex/WindowUnixMutex.h"
 #include "Mem/Mem_MemPagerInfo.h"
+#include "Mem/Mem_Notice.h"
 #include "Mem/Mem_Reason.h"
 #include "Mem/Mem_Status.h"
 #include "Rw/RWBoundsErr.h"
@@ -14,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 
 class MEM_MemInfo;
 class Mem_Counter;
@@ -38,7 +40,7 @@ struct RegisteredBlock;
 /// When memory runs short, the cache is given up and the operation tried once more. What still
 /// fails is told by the result, after log lines that say what was asked and what is in use, and by
 /// Mem_Reason::Last(). What fails for the same cause within a second is told in the log once, with
-/// a count.
+/// a count. What only takes longer than it should is told to SetNoticeHook()'s function.
 ///
 /// Threads: any thread may call any public operation. Three kinds of lock, all recursive and
 /// class-wide, taken in this order: `mutex_vec` (vector operations), a stripe of the handles,
@@ -125,6 +127,12 @@ public:
     /// @throws std::bad_alloc; nothing has changed then.
     MEM_PagerInfo Register(MEM_MemInfo& info);
 
+    /// The same from the bytes that StreamMemInfo() wrote, all of them: a reader needs no other
+    /// header than this one. They stay the caller's. Refused as above are also bytes that hold no
+    /// whole descriptor; what lies behind one plays no part.
+    /// @throws std::bad_alloc; nothing has changed then.
+    MEM_PagerInfo Register(std::span<const std::byte> descriptor);
+
     /// Writes what another process needs for Register() to `out`. The piece has to live until
     /// the other process has mapped it; the stream holds nothing. Nobody may free the piece during
     /// the call.
@@ -146,6 +154,21 @@ public:
     /// Fills `status` with this pager's accounting, a consistent picture. @return 0.
     int GetCurrentStatus(Mem_Status& status);
 
+    /// Fills `status` with where the memory of this process's pieces lies, both pagers' together: a
+    /// consistent picture. Takes a walk over all regions, and makes no pager.
+    /// @param with_resident tell also how much of the views is in physical memory, which takes the
+    ///        system some 40 ms for each mapped GB. Every other thread that needs the pagers waits
+    ///        as long.
+    /// @return 0.
+    /// @throws std::bad_alloc if nothing was allocated before.
+    static int GetStoreStatus(Mem_StoreStatus& status, bool with_resident = false);
+
+    /// Has `hook` called with `context` when the process's regions go to files, or views are given
+    /// up faster than the cache is large: each at most once a second, with a count. It takes the
+    /// place of the last one; null for none. A call of the last one that another thread is in may
+    /// end later than this, so `context` has to live on. See Mem_Notice and Mem_NoticeHook.
+    static void SetNoticeHook(Mem_NoticeHook hook, void* context);
+
     /// Writes the pager's totals and its heap's blocks to standard output, and one line per
     /// block to the log at level 2.
     void PrintDebugStatus();
@@ -166,6 +189,7 @@ private:
     friend class MEM_PagerInfo;
     friend class Mem_PagerInfoVecLockGuard;
     friend class Mem_MemFragmentsAllocator;
+    friend class Mem_NoticesAtEnd;
     friend struct Mem_ProcessPager;
 
     /// @cond
@@ -210,6 +234,7 @@ private:
     void report_refused_piece(unsigned int size) FIBREX_REQUIRES(mutex);
     int register_or_give_back(MEM_MemInfo* piece, MEM_PagerInfo* out) FIBREX_REQUIRES(mutex);
     void give_back(MEM_MemInfo* piece) FIBREX_REQUIRES(mutex);
+    static int refuse_descriptor(const char* fault);
     int internal_register(MEM_MemInfo& info, MEM_PagerInfo* out) FIBREX_REQUIRES(mutex);
     int register_local(MEM_MemInfo& info) FIBREX_REQUIRES(mutex);
     int register_on_block(int id, MEM_MemInfo& info) FIBREX_REQUIRES(mutex);
@@ -224,6 +249,7 @@ private:
     int Map(MEM_PagerInfo& info);
     int Unmap(MEM_PagerInfo& info);
     int Cache(MEM_PagerInfo& info);
+    int trim(MEM_PagerInfo& info);
     int MapWithoutLocks(MEM_PagerInfo& info) FIBREX_REQUIRES(mutex);
     int UnmapWithoutLocks(MEM_PagerInfo& info) FIBREX_REQUIRES(mutex);
     int private_map(RegisteredBlock& block, bool try_clear) FIBREX_REQUIRES(mutex);
@@ -243,6 +269,8 @@ private:
     static void report_exhaustion(const Mem_FailedAllocation& failed) FIBREX_REQUIRES(mutex);
 
     // Diagnostics
+    static bool add_resident(const MEM_MemPager* pager, unsigned long long& bytes)
+        FIBREX_REQUIRES(mutex);
     static void print_virtual_memory_status() FIBREX_REQUIRES(mutex);
 
     void check_invariants() const FIBREX_REQUIRES(mutex);

@@ -82,7 +82,15 @@ public:
     /// between handles on the same piece.
     MEM_PagerInfo& operator=(const MEM_PagerInfo& other);
 
-    /// The same, for a copy that holds no mapping.
+    /// Takes over what the other holds, mappings included, and leaves it as Release() does: so a
+    /// vector of handles that grows copies none. For one thread, as releasing is.
+    MEM_PagerInfo(MEM_PagerInfo&& other) noexcept;
+
+    /// Gives up what this handle held, then takes over as the above does. Nothing happens between
+    /// handles on the same piece.
+    MEM_PagerInfo& operator=(MEM_PagerInfo&& other) noexcept;
+
+    /// The same as the copy's, for a copy that holds no mapping.
     void GetUnmappedInfo(const MEM_PagerInfo& other);
 
     /// Gives up the handle. The last one on a piece frees it, mapped or not. Mappings that the
@@ -138,6 +146,15 @@ public:
     ///         exceeds the limit, or if there is no room: the cache isn't cleared for this.
     int Cache();
 
+    /// Asks the system to take the piece's resident pages back, as MEM_MemPager's operation of that
+    /// name does for all pieces: contents and mappings stay, and the next touch brings a page
+    /// back. Needs no mapping. Neighbours in the same pages are concerned as well; on Windows,
+    /// which has no call for a part, the whole process.
+    /// @return 0, also if the piece has no view and so no pages here; -1 if the handle is empty,
+    ///         or if the system refuses, which a line in the log tells.
+    /// @throws RWBoundsErr if the piece was freed.
+    int ReduceWorkingSet();
+
     /// Gives up what the handle held and makes it empty, as the destructor does.
     void Release();
 
@@ -162,6 +179,7 @@ private:
     int map_count() const { return m_map_count.load(std::memory_order_relaxed); }
     void set_map_count(int count) { m_map_count.store(count, std::memory_order_relaxed); }
     void copy(const MEM_PagerInfo& other, bool map);
+    void take(MEM_PagerInfo& other) noexcept;
     void release();
     int detach();
     void free_piece();

@@ -1,7 +1,6 @@
 #ifndef MEMPAGER_PIECE_H
 #define MEMPAGER_PIECE_H
 
-#include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_MemPager.h"
 #include "Zor/Zor_Buffer.h"
 #include "mempager/error.h"
@@ -220,6 +219,15 @@ public:
         return detail::told(code, [this] { return map_const(); });
     }
 
+    /// Asks the system to take the physical memory of the elements back, where they are mapped or
+    /// wait in the cache: they keep their values, and the next touch brings a page back. For what
+    /// won't be used for a while. Not done if the system refuses; the log says so then.
+    void reduce_working_set() const noexcept
+    {
+        if (m_handle != nullptr)
+            m_handle->handle.ReduceWorkingSet();
+    }
+
     /// Some 150 bytes by which another process finds the elements: see foreign. Send them after
     /// the last write, and keep the piece until the other process has mapped it once. Empty for
     /// an empty piece.
@@ -292,12 +300,8 @@ public:
     ///         whole number of elements, or was made by this process or a parent of it.
     explicit foreign(std::span<const std::byte> descriptor)
     {
-        Zor_iBuffer in(descriptor.data(), descriptor.size());
-        MEM_MemInfo info;
-        in >> info;
         m_handle.reset(new detail::held);
-        if (in)
-            m_handle->handle.GetUnmappedInfo(MEM_MemPager::GetHandle()->Register(info));
+        m_handle->handle.GetUnmappedInfo(MEM_MemPager::GetHandle()->Register(descriptor));
         if (!m_handle->handle.IsValid() || m_handle->handle.GetAllocatedSize() % sizeof(T) != 0)
             detail::fail(errc::bad_descriptor, "foreign");
     }

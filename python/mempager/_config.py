@@ -1,7 +1,7 @@
 """What the process has, and how it is to be configured."""
 from __future__ import annotations
 
-from typing import Any, NamedTuple
+from typing import Any, NamedTuple, Optional
 
 from . import _core
 
@@ -17,11 +17,19 @@ class Status(NamedTuple):
     foreign_piece_bytes: int
     mapped_bytes: int  #: in the address space, cached ones included
     cached_bytes: int  #: of these, views that nobody uses and that wait to be used again
+    shared_memory_bytes: int  #: that this process's regions take of shared memory
+    spare_file_bytes: int  #: of regions in the temp folder, as shared memory had no room for them
+    temp_file_bytes: int  #: of the files that regions beyond `config.shared_memory_mb` lie in
+    resident_bytes: Optional[int]  #: of mapped bytes, in physical memory; None if not asked for
 
 
-def status() -> Status:
-    """A consistent picture of what the process holds. Threads: any."""
-    return Status(*_core.status())
+def status(resident: bool = False) -> Status:
+    """A picture of what the process holds. Threads: any.
+
+    With `resident` it also counts what is in physical memory, some 40 ms for each mapped GB; None
+    where the system doesn't tell.
+    """
+    return Status(*_core.status(resident))
 
 
 def clear_cache() -> int:

@@ -17,13 +17,20 @@ namespace
 {
 constexpr int kLibraryCode = 5610000; // of the library's own lines
 
-py::tuple status()
+py::tuple status(bool with_resident)
 {
     Mem_Status now;
-    unlocked([&] { return MEM_MemPager::GetHandle()->GetCurrentStatus(now); });
+    Mem_StoreStatus stores;
+    unlocked([&] {
+        MEM_MemPager::GetHandle()->GetCurrentStatus(now);
+        return MEM_MemPager::GetStoreStatus(stores, with_resident);
+    });
+    const py::object resident =
+        stores.resident_is_known ? py::object(py::int_(stores.resident)) : py::none();
     return py::make_tuple(now.blocks_count, now.local_blocks_count, now.local_blocks_size,
                           now.local_pieces_size, now.foreign_blocks_size, now.foreign_pieces_size,
-                          now.total_mapped, now.total_cached);
+                          now.total_mapped, now.total_cached, stores.shared_memory.reserved,
+                          stores.spare_files.reserved, stores.temp_files.reserved, resident);
 }
 
 unsigned long long clear_cache()

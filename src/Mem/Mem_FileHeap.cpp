@@ -158,6 +158,16 @@ int File_ShmmHeap::create_result_element(unsigned int size, Block** result)
     return create_result_element(size, result, 0, 0);
 }
 
+std::uint64_t File_ShmmHeap::BytesOfFiles() const
+{
+    return BytesOfMb(m_current_space);
+}
+
+Mem_StoreStatus::Store& File_ShmmHeap::StoreOf(BaseInfo&, Mem_StoreStatus& status) const
+{
+    return status.temp_files;
+}
+
 bool File_ShmmHeap::HasMapping(const RWCString& name) const
 {
     return std::any_of(m_blocks.begin(), m_blocks.end(), [&name](const Block& block) {

@@ -104,6 +104,10 @@ public:
     /// Ends the block's file, which counts no more, also if it couldn't be deleted.
     int destroy_element(Block* block) override;
 
+    /// Bytes of all living temp files.
+    std::uint64_t BytesOfFiles() const;
+    Mem_StoreStatus::Store& StoreOf(BaseInfo& region, Mem_StoreStatus& status) const override;
+
     /// Whether `name` is the mapping's name of one of the living temp files.
     bool HasMapping(const RWCString& name) const;
 

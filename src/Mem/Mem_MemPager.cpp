@@ -2,6 +2,7 @@
 
 #include "Mem/Mem_Limits.h"
 #include "Mem/Mem_MemInfo.h"
+#include "Mem/Mem_Notices.h"
 #include "Mem/Mem_PagerLog.h"
 #include "Mem/Mem_PagerRooms.h"
 #include "Mem/Mem_Refusal.h"
@@ -74,6 +75,7 @@ int MEM_MemPager::Allocate(unsigned int size, MEM_PagerInfo* info, int alignment
         Refuse(Operation::Allocate, Limit::Request, "it is of 0 bytes");
         return -1;
     }
+    const Mem_NoticesAtEnd notices;
     WindowUnixGuard lock(&mutex);
     if (m_ended)
         return RefuseAtTheEnd(Operation::Allocate);
@@ -323,13 +325,17 @@ void MEM_MemPager::keep_or_drop(RegisteredBlock& block)
     const Mem_Counter to_shared =
         m_rooms->counters.Get(Mem_PagerCounters::UNMAP_TO_SHARED_COUNTER_NAME);
     to_cache.Mark();
-    if (views.TotalMapped() > CacheLimit() && !views.EvictAtLeast(block.owner->Size(), to_shared)) {
+    const unsigned long long limit = CacheLimit();
+    const unsigned long long mapped = views.TotalMapped();
+    if (mapped > limit && !views.EvictAtLeast(block.owner->Size(), to_shared)) {
         views.Drop(block); // the older views are not large enough
         to_shared.Close();
     } else {
         m_hits->LetGoToCache(block);
         to_cache.Close();
     }
+    if (mapped > limit)
+        m_rooms->evictions.Evicted(mapped - views.TotalMapped(), limit);
 }
 
 // Cache and reclaim -----------------------------------------------------------------------------
@@ -388,6 +394,14 @@ void MEM_MemPager::ReduceWorkingSet()
 {
     WindowUnixGuard lock(&mutex);
     m_rooms->views.Trim();
+}
+
+int MEM_MemPager::trim(MEM_PagerInfo& info)
+{
+    WindowUnixGuard lock(&mutex);
+    if (m_ended)
+        return RefuseAtTheEnd(Operation::Other);
+    return Mem_Views::Trim(block_of(info.Block()), *info.GetMemInfoPtr());
 }
 
 // Diagnostics -----------------------------------------------------------------------------------

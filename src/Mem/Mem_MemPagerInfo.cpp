@@ -2,10 +2,12 @@
 
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_MemPager.h"
+#include "Mem/Mem_Notices.h"
 #include "Mem/Mem_Refusal.h"
 #include "NRVlog/Zor_Log.h"
 
 #include <memory>
+#include <utility>
 
 WindowUnixMutex MEM_PagerInfo::mutex[MEM_PagerInfo::kStripes];
 std::atomic<unsigned int> MEM_PagerInfo::m_MutexCounter = 0;
@@ -36,6 +38,31 @@ MEM_PagerInfo& MEM_PagerInfo::operator=(const MEM_PagerInfo& other)
         copy(other, true);
     }
     return *this;
+}
+
+MEM_PagerInfo::MEM_PagerInfo(MEM_PagerInfo&& other) noexcept
+{
+    take(other);
+}
+
+MEM_PagerInfo& MEM_PagerInfo::operator=(MEM_PagerInfo&& other) noexcept
+{
+    if (m_state != other.m_state) {
+        release();
+        take(other);
+    }
+    return *this;
+}
+
+/// The piece's counts stay: it has as many handles and mappings as before.
+void MEM_PagerInfo::take(MEM_PagerInfo& other) noexcept
+{
+    m_state = std::exchange(other.m_state, nullptr);
+    m_mutex_index = other.m_mutex_index;
+    set_map_count(other.map_count());
+    other.set_map_count(0);
+    m_allocated_size = other.m_allocated_size;
+    m_pager = std::exchange(other.m_pager, nullptr);
 }
 
 void MEM_PagerInfo::GetUnmappedInfo(const MEM_PagerInfo& other)
@@ -253,6 +280,7 @@ int MEM_PagerInfo::Unmap()
 {
     if (!may_unmap("MEM_PagerInfo::Unmap"))
         return -1;
+    const Mem_NoticesAtEnd notices;
     WindowUnixGuard lock(&stripe());
     if (!holds_mapping()) // another thread was faster
         return -1;
@@ -272,6 +300,14 @@ int MEM_PagerInfo::Cache()
         return RefuseEmptyHandle(Mem_Reason::Operation::Cache);
     WindowUnixGuard lock(&stripe());
     return m_state != nullptr ? m_pager->Cache(*this) : -1;
+}
+
+int MEM_PagerInfo::ReduceWorkingSet()
+{
+    if (m_state == nullptr)
+        return RefuseEmptyHandle(Mem_Reason::Operation::Other);
+    WindowUnixGuard lock(&stripe());
+    return m_state != nullptr ? m_pager->trim(*this) : -1;
 }
 
 MEM_RESPONSE MEM_PagerInfo::ReleaseIfUnmapped(bool force_detach, bool last_counts_as_released)

@@ -1,5 +1,6 @@
 #include "Mem/Mem_LocksByHand.h"
 #include "Mem/Mem_MemPager.h"
+#include "Mem/Mem_Notices.h"
 
 Mem_PagerInfoVecLockGuard::Mem_PagerInfoVecLockGuard(MEM_MemPager* pager, MEM_PagerInfo** infos,
                                                      int count)
@@ -13,6 +14,7 @@ Mem_PagerInfoVecLockGuard::Mem_PagerInfoVecLockGuard(MEM_MemPager* pager, MEM_Pa
 
 Mem_PagerInfoVecLockGuard::~Mem_PagerInfoVecLockGuard()
 {
+    const Mem_NoticesAtEnd notices;
     --MEM_MemPager::s_hits_held_off;
     MEM_MemPager::mutex.ReleaseMutex();
     release_stripes();

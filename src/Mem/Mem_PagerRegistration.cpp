@@ -6,6 +6,7 @@
 #include "Mem/Mem_Refusal.h"
 #include "Mem/Mem_ShmmHeap.h"
 #include "NRVlog/Zor_Log.h"
+#include "Zor/Zor_Buffer.h"
 
 #include <memory>
 #include <utility>
@@ -15,6 +16,13 @@ namespace
 using Operation = Mem_Reason::Operation;
 using Limit = Mem_Reason::Limit;
 } // namespace
+
+int MEM_MemPager::refuse_descriptor(const char* fault)
+{
+    ZOR_LOG("MEM_MemPager::Register", 3, "Register: Refused a descriptor: %s\n", fault);
+    Refuse(Operation::Register, Limit::Descriptor, fault);
+    return -1;
+}
 
 int MEM_MemPager::internal_register(MEM_MemInfo& info, MEM_PagerInfo* out)
 {
@@ -98,6 +106,17 @@ MEM_PagerInfo MEM_MemPager::Register(MEM_MemInfo& info)
     return handle;
 }
 
+MEM_PagerInfo MEM_MemPager::Register(std::span<const std::byte> descriptor)
+{
+    Zor_iBuffer in(descriptor.data(), descriptor.size());
+    MEM_MemInfo info;
+    in >> info;
+    if (in)
+        return Register(info);
+    refuse_descriptor("it isn't whole");
+    return {};
+}
+
 bool MEM_MemPager::made_here(MEM_MemInfo& info) const
 {
     return has_local_block(info.GetInfoName()) || has_local_block(info.GetMappingName()) ||
@@ -109,11 +128,8 @@ int MEM_MemPager::register_foreign(MEM_MemInfo& info, MEM_PagerInfo* out)
     const char* fault = FaultOfDescriptor(info);
     if (fault == nullptr && made_here(info))
         fault = "this process made the memory";
-    if (fault != nullptr) {
-        ZOR_LOG("MEM_MemPager::Register", 3, "Register: Refused a descriptor: %s\n", fault);
-        Refuse(Operation::Register, Limit::Descriptor, fault);
-        return -1;
-    }
+    if (fault != nullptr)
+        return refuse_descriptor(fault);
     auto state = std::make_unique<PagerInfoState>();
     auto piece = std::make_unique<MEM_MemInfo>(info);
     const int id = register_foreign_piece(info, *piece);
@@ -130,12 +146,8 @@ int MEM_MemPager::register_foreign_piece(MEM_MemInfo& info, MEM_MemInfo& piece)
     if (id < 0)
         return register_foreign_block(info, piece);
     RegisteredBlock& block = m_rooms->blocks.At(id);
-    if (!LiesIn(piece, *block.owner)) {
-        ZOR_LOG("MEM_MemPager::Register", 3,
-                "Register: Refused a descriptor: the piece lies outside its region\n");
-        Refuse(Operation::Register, Limit::Descriptor, "the piece lies outside its region");
-        return -1;
-    }
+    if (!LiesIn(piece, *block.owner))
+        return refuse_descriptor("the piece lies outside its region");
     piece.SetOwner(block.owner);
     m_rooms->blocks.AddPiece(block, piece.Size());
     return id;

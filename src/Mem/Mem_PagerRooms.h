@@ -5,6 +5,7 @@
 #include "Mem/Mem_FirstBreak.h"
 #include "Mem/Mem_ForeignOwners.h"
 #include "Mem/Mem_MemPager.h"
+#include "Mem/Mem_Notices.h"
 #include "Mem/Mem_PagerCounters.h"
 #include "Mem/Mem_Views.h"
 
@@ -27,6 +28,7 @@ struct MEM_MemPager::Rooms {
     Mem_Views views;
     Mem_ForeignOwners foreign;
     Mem_PagerCounters counters;
+    Mem_EvictionRate evictions;
 };
 
 #endif

@@ -271,3 +271,19 @@ void MEM_MemPager::print_virtual_memory_status()
                          pagers[i]->m_rooms->views.TotalCached()};
     ReportAddressSpace(mapped);
 }
+
+int MEM_MemPager::GetStoreStatus(Mem_StoreStatus& status, bool with_resident)
+{
+    WindowUnixGuard lock(&mutex);
+    status = {};
+    Memory_ShmmHeap::GetInstance()->Tell(status);
+    if (with_resident)
+        status.resident_is_known = add_resident(s_general.Living(), status.resident) &&
+                                   add_resident(s_second.Living(), status.resident);
+    return 0;
+}
+
+bool MEM_MemPager::add_resident(const MEM_MemPager* pager, unsigned long long& bytes)
+{
+    return pager == nullptr || pager->m_rooms->views.AddResident(bytes);
+}

@@ -2,8 +2,6 @@
 
 #include "NRVlog/Zor_Log.h"
 
-#include <utility>
-
 bool Mem_Repeats::IsNews(std::uint64_t cause)
 {
     constexpr std::chrono::seconds at_least{1};
@@ -20,6 +18,6 @@ bool Mem_Repeats::IsNews(std::uint64_t cause)
 
 void Mem_Repeats::TellCount(const char* function)
 {
-    if (const unsigned untold = std::exchange(m_unreported, 0u))
+    if (const unsigned untold = TakeCount())
         ZOR_LOG(function, 3, "\tThe last failure came %u times more within a second\n", untold);
 }

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <utility>
 
 /// Keeps failures of one cause that come again within a second from being reported again and again:
 /// a host that tries on would fill its log, and each report takes its time.
@@ -17,6 +18,9 @@ public:
     /// Logs at level 3, in the name of `function`, how many weren't reported since the last that
     /// was, if any: before the next that is reported, and when the operation succeeds again.
     void TellCount(const char* function);
+
+    /// How many weren't reported since the last that was, which are forgotten by this.
+    unsigned TakeCount() { return std::exchange(m_unreported, 0u); }
 
     /// Has the next one reported whatever was reported before.
     void Forget() { *this = {}; }

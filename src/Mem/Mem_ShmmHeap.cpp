@@ -4,6 +4,7 @@
 #include "Mem/Mem_FirstBreak.h"
 #include "Mem/Mem_Leftovers.h"
 #include "Mem/Mem_Limits.h"
+#include "Mem/Mem_Notices.h"
 #include "Mem/Mem_ShmmHeap_Windows.h"
 #include "Mem/Mem_TempFolder.h"
 #include "NRVlog/Zor_Log.h"
@@ -302,6 +303,11 @@ RWCString ShmmHeap::Name()
     return m_undefined;
 }
 
+Mem_StoreStatus::Store& ShmmHeap::StoreOf(BaseInfo&, Mem_StoreStatus& status) const
+{
+    return status.shared_memory;
+}
+
 namespace
 {
 /// Sums over the blocks of one kind, in bytes.
@@ -384,6 +390,8 @@ int Memory_ShmmHeap::create_result_element(unsigned int size, Block** result,
     if (failure != 0)
         return failure;
     RegionLimits.Ended();
+    if (Mem_StoreStatus stores; &source->StoreOf(*region, stores) != &stores.shared_memory)
+        Mem_Notices::Spilled(region->Size());
     try {
         *result = new MemoryBlock(region, source);
     } catch (...) {
@@ -409,6 +417,22 @@ int Memory_ShmmHeap::destroy_element(Block* block)
             "Destroyed %d bytes in <%s>. Current Shmm size is %d Mb.\n", static_cast<int>(size),
             source->Name().data(), static_cast<int>(source->GetSizeInMb()));
     return result;
+}
+
+/// Temp files are taken as wholes, so what regions take of them isn't what they take of the disk.
+void Memory_ShmmHeap::Tell(Mem_StoreStatus& status) const
+{
+    for (const Block& block : m_blocks) {
+        unsigned int size = 0;
+        unsigned int used = 0;
+        unsigned int always_mapped = 0;
+        block.GetSpaceStatus(&size, &used, &always_mapped);
+        Mem_StoreStatus::Store& store =
+            block.GetSourceHeapOfBlock()->StoreOf(*block.GetMapInfo(), status);
+        store.reserved += size;
+        store.used += used;
+    }
+    status.temp_files.reserved = the_file_heap != nullptr ? the_file_heap->BytesOfFiles() : 0;
 }
 
 namespace

@@ -4,6 +4,7 @@
 #include "Mem/Mem_BlockIndex.h"
 #include "Mem/Mem_BlockSpaceLogic.h"
 #include "Mem/Mem_MemInfo.h"
+#include "Mem/Mem_Status.h"
 #include "Rw/RWCString.h"
 
 #include <boost/intrusive/list.hpp>
@@ -153,6 +154,9 @@ public:
     virtual void PrintStatus(std::ostream& os);
     virtual RWCString Name();
 
+    /// Which of the stores a region of this heap, as a source heap, lies in: shared memory.
+    virtual Mem_StoreStatus::Store& StoreOf(BaseInfo& region, Mem_StoreStatus& status) const;
+
     /// Makes a block of at least `size` bytes, outside the list. -1 if that can't be had.
     virtual int create_result_element(unsigned int size, Block** result, unsigned int always_mapped,
                                       unsigned int group_id) = 0;
@@ -205,6 +209,9 @@ public:
                               unsigned int group_id) override;
     int create_result_element(unsigned int size, Block** result) override;
     int destroy_element(Block* block) override;
+
+    /// Adds what the regions of this heap take of each store, and what their pieces take of them.
+    void Tell(Mem_StoreStatus& status) const;
 
 private:
     friend struct Mem_TestAccess;

@@ -54,7 +54,8 @@ SwapMapInfo::SwapMapInfo(RWCString name, unsigned int size)
 int SwapMapInfo::AllocateSwap()
 {
     const RWCString spare = TempFolder();
-    m_handle = Platform::Mappings::Get().CreateSharedMapping(m_name.data(), Size(), spare.data());
+    m_handle = Platform::Mappings::Get().CreateSharedMapping(m_name.data(), Size(), spare.data(),
+                                                             &m_is_spare);
     if (m_handle != nullptr)
         return 0;
     RegionLimits.Met();
@@ -153,6 +154,11 @@ int Swap_ShmmHeap::Free(BaseInfo* info)
 RWCString Swap_ShmmHeap::Name()
 {
     return m_name;
+}
+
+Mem_StoreStatus::Store& Swap_ShmmHeap::StoreOf(BaseInfo& region, Mem_StoreStatus& status) const
+{
+    return static_cast<SwapMapInfo&>(region).IsSpare() ? status.spare_files : status.shared_memory;
 }
 
 int Swap_ShmmHeap::create_result_element(unsigned int, Block**, unsigned int, unsigned int)

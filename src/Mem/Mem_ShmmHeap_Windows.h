@@ -38,10 +38,14 @@ public:
     /// Closes the mapping. @return 0.
     virtual int FreeSwap();
 
+    /// Whether shared memory had no room, so that the region lies in the temp folder.
+    bool IsSpare() const { return m_is_spare; }
+
 private:
     friend struct Mem_TestAccess;
 
     void* m_handle = nullptr;
+    bool m_is_spare = false;
     RWCString m_name;
 };
 
@@ -62,6 +66,7 @@ public:
     /// Takes a region back whose view has ended, and destroys `info`.
     int Free(BaseInfo* info) override;
     RWCString Name() override;
+    Mem_StoreStatus::Store& StoreOf(BaseInfo& region, Mem_StoreStatus& status) const override;
 
     // This heap has no blocks: -1.
     int create_result_element(unsigned int size, Block** result, unsigned int always_mapped,

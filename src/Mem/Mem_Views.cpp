@@ -4,10 +4,12 @@
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_Settings.h"
 #include "NRVlog/Zor_Log.h"
+#include "Platform/Inspection.h"
 #include "Platform/LastError.h"
 #include "Platform/Mappings.h"
 
 #include <cassert>
+#include <utility>
 
 bool Mem_Views::HasView(const RegisteredBlock& block)
 {
@@ -206,13 +208,59 @@ private:
     int m_next = 0;
 };
 
+namespace
+{
+/// A walk over one stretch of a view.
+class Stretch final : public Platform::Mappings::Views
+{
+public:
+    Stretch(void* begin, std::uint64_t size) : m_begin(begin), m_size(size) {}
+
+    bool Next(void*& view, std::uint64_t& size) override
+    {
+        view = m_begin;
+        size = std::exchange(m_size, 0);
+        return size != 0;
+    }
+
+private:
+    void* const m_begin;
+    std::uint64_t m_size;
+};
+} // namespace
+
+int Mem_Views::trim(Platform::Mappings::Views& views)
+{
+    if (Platform::Mappings::Get().TrimWorkingSet(views))
+        return 0;
+    ZOR_LOG("MEM_MemPager::ReduceWorkingSet", 3, "failed to reduce working set (error=%d)!!\n",
+            static_cast<int>(Platform::LastError()));
+    return -1;
+}
+
 void Mem_Views::Trim()
 {
     ZOR_LOG("MEM_MemPager::ReduceWorkingSet", 6, "MEM_MemPager::ReduceWorkingSet()\n");
     Walk views(m_blocks);
-    if (!Platform::Mappings::Get().TrimWorkingSet(views))
-        ZOR_LOG("MEM_MemPager::ReduceWorkingSet", 3, "failed to reduce working set (error=%d)!!\n",
-                static_cast<int>(Platform::LastError()));
+    trim(views);
+}
+
+int Mem_Views::Trim(const RegisteredBlock& block, MEM_MemInfo& piece)
+{
+    if (!HasView(block))
+        return 0;
+    Stretch stretch(static_cast<char*>(block.owner->Ptr()) + piece.Offset(), piece.Size());
+    return trim(stretch);
+}
+
+bool Mem_Views::AddResident(unsigned long long& bytes) const
+{
+    Walk views(m_blocks);
+    std::uint64_t resident = 0;
+    if (!Platform::Inspection::Get().ResidentBytes(views, resident))
+        return false;
+    bytes += resident;
+    return true;
 }
 
 const char* Mem_Views::Broken() const

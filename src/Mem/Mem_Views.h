@@ -5,8 +5,11 @@
 #include "Mem/Mem_Counter.h"
 #include "Mem/Mem_FifoQueue.h"
 #include "Mem/Mem_Hits.h"
+#include "Platform/Mappings.h"
 
 #include <cstdint>
+
+class MEM_MemInfo;
 
 /// The views of a pager's blocks: which blocks have one, who holds it, which of them wait in the
 /// cache, and how many bytes that makes. With Mem_Hits, which works beside it, nobody else writes a
@@ -96,6 +99,13 @@ public:
     /// Asks the system to take back the resident pages of all views. A failure goes to the log.
     void Trim();
 
+    /// The same for one piece of a block. @return 0, also if there is no view; -1 on failure.
+    static int Trim(const RegisteredBlock& block, MEM_MemInfo& piece);
+
+    /// Adds to `bytes` those of all views that are in physical memory as this process's.
+    /// @return false, with nothing added, if the system doesn't tell.
+    bool AddResident(unsigned long long& bytes) const;
+
     unsigned long long TotalMapped() const { return m_hits.TotalMapped(); }
     unsigned long long TotalCached();
     unsigned long long HeldByClients();
@@ -111,6 +121,7 @@ private:
 
     static constexpr char zor_log_source[] = "src/Mem/Mem_MemPager";
 
+    static int trim(Platform::Mappings::Views& views);
     RegisteredBlock* claim_oldest();
     unsigned int end_view(RegisteredBlock& block);
     void trim_if_due(unsigned int unmapped);

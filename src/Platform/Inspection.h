@@ -67,6 +67,11 @@ public:
     /// Removes a link to the file of a mapping if that file is gone.
     virtual bool RemoveLostLink(const char* path) = 0;
 
+    /// Tells how many bytes of the views are in physical memory as this process's: pages that it
+    /// has touched and the system hasn't taken back since. Allocates nothing.
+    /// @return false if that can't be found out.
+    virtual bool ResidentBytes(Mappings::Views& views, std::uint64_t& bytes) = 0;
+
     /// What is found about one subject at this moment.
     struct Fact {
         enum class State {

@@ -37,9 +37,10 @@ public:
     /// mapping lies in a file in `spare_folder` instead, if that is on a disk; only processes of
     /// the same user can open it then.
     ///
+    /// @param is_spare becomes whether the mapping lies in such a file; may be null.
     /// @return a handle for MapView() and CloseMapping(); null on failure, with nothing left.
     virtual void* CreateSharedMapping(const char* name, std::uint64_t size,
-                                      const char* spare_folder) = 0;
+                                      const char* spare_folder, bool* is_spare = nullptr) = 0;
 
     /// What of a mapping over a file could not be had.
     enum class FileFault { None, File, Mapping };
@@ -95,8 +96,9 @@ public:
     };
 
     /// Asks the system to take the resident pages of this process back. A system that trims
-    /// single views trims those of `views`, which must be views of shared mappings; one that
-    /// only trims whole processes need not read them. Mappings and contents stay.
+    /// single views trims those of `views`, which must be views of shared mappings, or stretches of
+    /// such: each page that they touch. One that only trims whole processes need not read them.
+    /// Mappings and contents stay.
     virtual bool TrimWorkingSet(Views& views) = 0;
 
     // What stands in the way ----------------------------------------------------------------

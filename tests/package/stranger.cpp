@@ -1,6 +1,11 @@
-// Fails to build if the package misses a header or an exported symbol that clients use.
+// Fails to build if the package misses a header or an exported symbol that clients use, or takes
+// names that are theirs.
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_MemPager.h"
+#include "mempager/mempager.h"
+
+enum class Block { Mine };
+enum class BaseInfo { Mine };
 
 int main()
 {

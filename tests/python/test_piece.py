@@ -252,6 +252,9 @@ def test_settings_and_status_say_what_is():
     status = mempager.status()
     assert status.local_piece_bytes >= piece.nbytes
     assert status.cached_bytes == status.mapped_bytes
+    assert status.shared_memory_bytes == status.local_block_bytes
+    assert status.resident_bytes is None
+    assert mempager.status(resident=True).resident_bytes >= piece.nbytes
     assert mempager.clear_cache() == status.cached_bytes
     assert mempager.status().mapped_bytes == 0
     gone = weakref.ref(piece)

@@ -61,7 +61,7 @@ class ForwardingMappings : public InFront<Platform::Mappings>
 {
 public:
     FORWARD_OR(nullptr, Create, void*, CreateSharedMapping,
-               (const char* n, std::uint64_t s, const char* f), (n, s, f))
+               (const char* n, std::uint64_t s, const char* f, bool* p), (n, s, f, p))
     FORWARD_OR((*f = FileFault::Mapping, nullptr), Create, void*, CreateMappingOverFile,
                (const char* p, const char* n, std::uint64_t s, FileFault* f), (p, n, s, f))
     FORWARD_OR(nullptr, Create, void*, OpenMapping, (const char* n, const char* f), (n, f))
@@ -94,6 +94,8 @@ public:
     FORWARD_OR(false, Ask, bool, Inspect, (const char* p, FileFacts& f), (p, f))
     FORWARD(void, ProgramOf, (const char* p, long i, char* t, std::size_t s), (p, i, t, s))
     FORWARD_OR(false, Remove, bool, RemoveLostLink, (const char* p), (p))
+    FORWARD_OR(false, Ask, bool, ResidentBytes, (Platform::Mappings::Views & v, std::uint64_t& b),
+               (v, b))
     FORWARD_OR(throw std::bad_alloc(), Ask, std::vector<Fact>, Look, (const char* f), (f))
 };
 

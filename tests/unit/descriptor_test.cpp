@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <span>
 
 namespace
 {
@@ -41,10 +42,7 @@ const std::string valid = Descriptor(96, 100, grain, 2 * grain);
 
 MEM_PagerInfo Adopt(MEM_MemPager& pager, const std::string& bytes)
 {
-    Zor_iBuffer in(bytes.data(), bytes.size());
-    MEM_MemInfo info;
-    in >> info;
-    return pager.Register(info);
+    return pager.Register(std::as_bytes(std::span(bytes)));
 }
 
 enum Fate { Refused, Unmapped, Mapped };

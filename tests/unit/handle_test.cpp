@@ -139,6 +139,26 @@ TEST_F(Pagers, TrimAfterTheSetAmountAndLoseNothing)
     EXPECT_EQ(log.Count(3, "MEM_MemPager::ReduceWorkingSet|"), 0);
 }
 
+TEST_F(Pagers, AreLeftByMovedHandlesAsTheyWere)
+{
+    MEM_PagerInfo first = Piece(1000);
+    EXPECT_EQ(first.Map(), 0);
+    void* const place = first.Ptr();
+    MEM_PagerInfo second = std::move(first);
+    EXPECT_FALSE(first.IsValid());
+    EXPECT_EQ(second.Ptr(), place);
+    MEM_PagerInfo copy = second;
+    second = std::move(copy); // on the same piece: nothing happens
+    EXPECT_TRUE(copy.IsValid());
+    copy = Piece(2000);
+    EXPECT_EQ(copy.GetAllocatedSize(), 2000u);
+    EXPECT_EQ(second.Unmap(), 0);
+    EXPECT_EQ(second.Ptr(), place) << "it holds the second mapping, too";
+    EXPECT_EQ(second.Unmap(), 0);
+    EXPECT_EQ(second.Ptr(), nullptr);
+    static_assert(std::is_nothrow_move_constructible_v<MEM_PagerInfo>);
+}
+
 TEST(Configuration, TakesWhatItIsGiven)
 {
     auto* const settings = MEM_MemoryConfiguration::GetInstance();

@@ -21,6 +21,8 @@ public:
     void ProgramOf(const char* path, long process, char* text, std::size_t size) override;
     bool RemoveLostLink(const char* path) override;
 
+    bool ResidentBytes(Platform::Mappings::Views& views, std::uint64_t& bytes) override;
+
     std::vector<Fact> Look(const char* temp_folder) override;
 };
 

@@ -47,7 +47,7 @@ PosixMappings& PosixMappings::Instance()
 }
 
 void* PosixMappings::CreateSharedMapping(const char* name, std::uint64_t size,
-                                         const char* spare_folder)
+                                         const char* spare_folder, bool* is_spare)
 {
     ForgetLimits();
     MappingOwner mapping = PrepareMapping(name, size);
@@ -56,7 +56,11 @@ void* PosixMappings::CreateSharedMapping(const char* name, std::uint64_t size,
     clean_up_at_exit();
 
     const NoFork whole;
-    return Reported(MakeInSharedMemory(*mapping, spare_folder)) ? handed_out(mapping) : nullptr;
+    if (!Reported(MakeInSharedMemory(*mapping, spare_folder)))
+        return nullptr;
+    if (is_spare != nullptr)
+        *is_spare = mapping->IsSpare();
+    return handed_out(mapping);
 }
 
 void* PosixMappings::CreateMappingOverFile(const char* path, const char* name, std::uint64_t size,
@@ -145,8 +149,12 @@ bool PosixMappings::TrimWorkingSet(Views& views)
     bool all = true;
     void* view = nullptr;
     // The pages leave the process and stay in shared memory.
-    for (std::uint64_t size = 0; views.Next(view, size);)
-        all = Reported(madvise(view, size, MADV_DONTNEED) == 0) && all;
+    for (std::uint64_t size = 0; views.Next(view, size);) {
+        const std::uint64_t front =
+            reinterpret_cast<std::uintptr_t>(view) % AllocationGranularity();
+        void* const page = static_cast<char*>(view) - front;
+        all = Reported(madvise(page, front + size, MADV_DONTNEED) == 0) && all;
+    }
     return all;
 }
 

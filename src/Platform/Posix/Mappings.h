@@ -20,8 +20,8 @@ public:
     /// Leaves the names of all mappings to the parent of this forked child; under that mutex.
     void Disown();
 
-    void* CreateSharedMapping(const char* name, std::uint64_t size,
-                              const char* spare_folder) override;
+    void* CreateSharedMapping(const char* name, std::uint64_t size, const char* spare_folder,
+                              bool* is_spare) override;
     void* CreateMappingOverFile(const char* path, const char* name, std::uint64_t size,
                                 FileFault* fault) override;
     void* OpenMapping(const char* name, const char* spare_folder) override;

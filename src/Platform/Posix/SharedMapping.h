@@ -15,6 +15,8 @@ struct SharedMapping {
     OwnName spare_name; ///< of the file in the spare folder
     std::uint64_t size = 0;
     pid_t creator = 0; ///< 0 where the names are another process's business
+    bool IsSpare() const { return spare_name.identity != FileIdentity(); }
+
     SharedMapping* previous = nullptr;
     SharedMapping* next = nullptr;
 

@@ -6,6 +6,10 @@
 #include "Platform/Windows/Scoped.h"
 #include "Platform/Windows/Security.h"
 
+#include <algorithm>
+
+#include <psapi.h>
+
 namespace
 {
 
@@ -79,6 +83,21 @@ bool read_facts(const char* path, Facts& facts)
     return true;
 }
 
+constexpr std::uint64_t pages_at_once = 256;
+
+/// At most so many pages, from `first` on.
+bool count_resident(char* first, std::uint64_t page, std::uint64_t pages, std::uint64_t& resident)
+{
+    PSAPI_WORKING_SET_EX_INFORMATION found[pages_at_once] = {};
+    for (std::uint64_t at = 0; at < pages; ++at)
+        found[at].VirtualAddress = first + at * page;
+    if (!QueryWorkingSetEx(GetCurrentProcess(), found, static_cast<DWORD>(pages * sizeof *found)))
+        return false;
+    resident = static_cast<std::uint64_t>(std::count_if(
+        found, found + pages, [](const auto& one) { return one.VirtualAttributes.Valid != 0; }));
+    return true;
+}
+
 } // namespace
 
 Platform::Inspection& Platform::SystemInspection()
@@ -146,6 +165,22 @@ void WindowsInspection::ProgramOf(const char* path, long process, char* text, st
         return;
     if (QueryFullProcessImageNameA(opened.Get(), 0, program, &length))
         std::snprintf(text, size, "%s", LastPart(program));
+}
+
+bool WindowsInspection::ResidentBytes(Platform::Mappings::Views& views, std::uint64_t& bytes)
+{
+    constexpr std::uint64_t page = 4096;
+    void* view = nullptr;
+    bytes = 0;
+    for (std::uint64_t size = 0; views.Next(view, size);)
+        for (std::uint64_t done = 0; done < size; done += pages_at_once * page) {
+            const std::uint64_t pages = std::min((size - done + page - 1) / page, pages_at_once);
+            std::uint64_t resident = 0;
+            if (!Reported(count_resident(static_cast<char*>(view) + done, page, pages, resident)))
+                return false;
+            bytes += resident * page;
+        }
+    return true;
 }
 
 /// No links are made here.

@@ -115,9 +115,13 @@ Platform::Mappings& Platform::SystemMappings()
     return OnlyOne<WindowsMappings>();
 }
 
-void* WindowsMappings::CreateSharedMapping(const char* name, std::uint64_t size, const char*)
+/// There is no spare folder: the paging file is one.
+void* WindowsMappings::CreateSharedMapping(const char* name, std::uint64_t size, const char*,
+                                           bool* is_spare)
 {
     ForgetLimits();
+    if (is_spare != nullptr)
+        *is_spare = false;
     MappingOwner mapping = allocate_mapping();
     const bool made = mapping != nullptr && is_plain(name) &&
                       make_section(*mapping, INVALID_HANDLE_VALUE, Rights::AllRead(), name, size);

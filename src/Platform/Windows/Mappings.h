@@ -9,8 +9,8 @@
 class WindowsMappings final : public Platform::Mappings
 {
 public:
-    void* CreateSharedMapping(const char* name, std::uint64_t size,
-                              const char* spare_folder) override;
+    void* CreateSharedMapping(const char* name, std::uint64_t size, const char* spare_folder,
+                              bool* is_spare) override;
     void* CreateMappingOverFile(const char* path, const char* name, std::uint64_t size,
                                 FileFault* fault) override;
     void* OpenMapping(const char* name, const char* spare_folder) override;
