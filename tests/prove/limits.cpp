@@ -83,15 +83,17 @@ bool TakeMapsBut(unsigned left)
 int AtEnds()
 {
     MEM_MemPager* const pager = MEM_MemPager::GetHandle();
-    for (const unsigned size : {0u, 1u, 1u << 31, UINT_MAX - 4096, UINT_MAX})
-        for (const int alignment : {0, 1, 3, 4096, 1 << 30, INT_MAX, INT_MIN, -1}) {
-            MEM_PagerInfo info;
-            if (pager->Allocate(size, &info, alignment) != 0)
-                continue;
-            CHILD_CHECK(info.GetAllocatedSize() == size);
-            auto* const bytes = static_cast<char*>(info.Ptr());
-            bytes[0] = bytes[size - 1] = 1;
-        }
+    std::vector<std::pair<unsigned, int>> requests{{0, 0}, {UINT_MAX, 0}, {UINT_MAX, 4096}};
+    for (const int alignment : {1, 3, 4096, 1 << 30, INT_MAX, INT_MIN, -1})
+        requests.emplace_back(1, alignment);
+    for (const auto& [size, alignment] : requests) {
+        MEM_PagerInfo info;
+        if (pager->Allocate(size, &info, alignment) != 0)
+            continue;
+        CHILD_CHECK(info.GetAllocatedSize() == size);
+        auto* const bytes = static_cast<char*>(info.Ptr());
+        bytes[0] = bytes[size - 1] = 1;
+    }
     return Bounded(MiB, 20, 20, Reason::Unknown);
 }
 
@@ -132,7 +134,7 @@ const Case cases[] = {
     {"a piece beyond the address space",
      [] { return Limit(RLIMIT_AS, 300 * MiB), Bounded(400 * MiB, 2, 0, Reason::AddressSpace); }},
     {"the most mappings",
-     [] { return TakeMapsBut(500) ? Bounded(65536, 600, 150, Reason::Maps) : not_permitted; }},
+     [] { return TakeMapsBut(100) ? Bounded(65536, 200, 30, Reason::Maps) : not_permitted; }},
     {"a disk without names",
      [] {
          CHILD_CHECK(Mount("tmpfs", settings().FileHeap_TempPath().data(), "nr_inodes=1"));
