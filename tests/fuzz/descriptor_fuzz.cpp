@@ -7,6 +7,7 @@
 #include "Zor/Zor_Buffer.h"
 #include "support/Mem_TestAccess.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -14,6 +15,13 @@
 namespace
 {
 constexpr char name[] = "NorvaneMemoryBlock_1_2_3";
+constexpr unsigned region_size = 65536;
+
+/// How many descriptors could be mapped, told at the end.
+struct Mapped {
+    ~Mapped() { std::fprintf(stderr, "mapped: %llu\n", number); }
+    unsigned long long number = 0;
+} all_mapped;
 } // namespace
 
 /// Makes a region, and in the corpus's folder the first input: two descriptors that can map it.
@@ -28,7 +36,7 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
         (good << int{sizeof name - 1}) << text;
     std::ofstream((*argv)[*argc - 1] + std::string("/good")) << good.Bytes() << good.Bytes();
     Platform::Mappings::Get().RemoveDeadMapping("/dev/shm", name);
-    if (Platform::Mappings::Get().CreateSharedMapping(name, 65536, "/var/tmp") == nullptr)
+    if (Platform::Mappings::Get().CreateSharedMapping(name, region_size, "/var/tmp") == nullptr)
         std::abort(); // another fuzzer runs
     return 0;
 }
@@ -43,7 +51,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
         piece = (in >> info, pager.Register(info));
         const bool mapped = piece.Map() == 0;
         const auto* const bytes = static_cast<const volatile char*>(piece.Ptr());
-        if (mapped != (bytes != nullptr) ||
+        all_mapped.number += mapped ? 1 : 0;
+        if (mapped != (bytes != nullptr) || piece.Size() > region_size ||
             (mapped && bytes[0] + bytes[piece.Size() - 1] + piece.Unmap() != 0))
             std::abort();
     }

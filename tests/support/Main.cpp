@@ -3,6 +3,7 @@
 #include "support/Child.h"
 #include "support/Seeds.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 
 int main(int argc, char** argv)
@@ -10,8 +11,11 @@ int main(int argc, char** argv)
     if (const auto code = Child::PlayRole(argc, argv))
         return *code;
     testing::InitGoogleTest(&argc, argv);
-    if (argc == 1 || (argc == 2 && TakeSeed(argv[1])))
-        return RUN_ALL_TESTS();
-    std::fputs("Beside googletest's own arguments there is only --seed=N.\n", stderr);
-    return 2;
+    if (!std::all_of(argv + 1, argv + argc, TakeSeed)) {
+        std::fputs("Beside googletest's own arguments: --seed=N and --times=N.\n", stderr);
+        return 2;
+    }
+    const int code = RUN_ALL_TESTS();
+    TellSteps();
+    return code;
 }

@@ -62,7 +62,7 @@ CHILD_ROLE(EndsWithThreadsInside)
 TEST(End, OfAProcessLeavesThreadsInsideInPeace)
 {
     SKIP_UNDER_A_SANITIZER();
-    ForEachSeed(60, [](unsigned seed) {
+    ForEachSeed(60, 1, [](unsigned seed) {
         EXPECT_EQ(Child("EndsWithThreadsInside", std::to_string(seed)).End(), 0);
     });
 }

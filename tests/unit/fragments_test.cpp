@@ -158,7 +158,7 @@ TYPED_TEST_SUITE(Fragments, Kinds);
 
 TYPED_TEST(Fragments, LiveLikeAVector)
 {
-    ForEachSeed(150, [](unsigned seed) {
+    ForEachSeed(150, 60, [](unsigned seed) {
         std::minstd_rand random(seed);
         const auto below = [&random](size_t bound) { return random() % bound; };
         TestConfiguration::base_block_size = seed % 5 == 0 ? 1 : 65536;

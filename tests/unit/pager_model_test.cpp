@@ -384,7 +384,7 @@ TEST(PagerModel, TwoPagersOnOneHeapLiveLikeTheirModels)
 {
     LogCapture log;
     const Footprint before = Footprint::Now();
-    ForEachSeed(25, [&log](unsigned seed) {
+    ForEachSeed(25, 600, [&log](unsigned seed) {
         TestConfiguration::Scope configuration;
         Memory_ShmmHeap heap;
         Life first(&heap, seed, log), second(&heap, seed + 1000, log);

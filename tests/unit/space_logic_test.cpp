@@ -107,7 +107,7 @@ TEST(SpaceLogic, LivesLikeTwoSortedVectors)
 {
     const u32 alignments[] = {0, 0, 1, 7, 64, 64, 100, 4096, 1u << 31, UINT32_MAX};
     const u32 regions[] = {1, 5, 40, 1000, 1u << 16, 8u << 20, 3u << 30, UINT32_MAX};
-    ForEachSeed(160, [&](unsigned seed) {
+    ForEachSeed(160, 300, [&](unsigned seed) {
         std::mt19937 random(seed);
         const auto below = [&](u64 end) { return static_cast<u32>(random() % end); };
         const u32 region = regions[seed % 8];
@@ -207,7 +207,7 @@ TEST(Heap, ChoosesTheBlockThatAWalkOverAllOfThemWould)
     const TestConfiguration::Scope configuration;
     u32& threshold = TestConfiguration::block_size_threshold;
     constexpr u32 pieces_at_a_time[] = {2, 30, 300};
-    ForEachSeed(3, [&](unsigned seed) {
+    ForEachSeed(3, 3000, [&](unsigned seed) {
         std::mt19937 random(seed);
         const auto below = [&](u64 end) { return static_cast<u32>(random() % end); };
         const u32 usual = pieces_at_a_time[seed % 3];

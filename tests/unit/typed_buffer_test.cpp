@@ -150,7 +150,7 @@ struct Pair {
 
 TEST_F(TypedBuffer, LivesLikeAVector)
 {
-    ForEachSeed(12, [](unsigned seed) {
+    ForEachSeed(12, 60, [](unsigned seed) {
         Pair pair(seed);
         for (int step = 0; step < 60 && !HasFailure(); ++step) {
             pair.Step();

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
@@ -102,14 +103,43 @@ bool read_facts(const char* path, Facts& facts, uid_t& owner)
     return true;
 }
 
+/// Looks among the users of this machine, in their file.
+bool write_local_name(uid_t user, char* text, std::size_t size)
+{
+    char number[24];
+    std::snprintf(number, sizeof number, "%lu", static_cast<unsigned long>(user));
+    Lines lines("/etc/passwd");
+    for (std::string_view line; lines.Next(line);) {
+        const std::string_view name = take(line, ":");
+        take(line, ":"); // the password
+        if (take(line, ":") != number)
+            continue;
+        std::snprintf(text, size, "%.*s", static_cast<int>(name.size()), name.data());
+        return true;
+    }
+    return false;
+}
+
+/// The C library's look-up, which knows other sources of users too, ends the process where it gets
+/// no memory (glibc 2.36), so it is asked only if there is more than it needs.
+bool may_look_up_users()
+{
+    void* volatile const some = std::malloc(65536); // volatile, lest the pair be left out
+    std::free(some);
+    return some != nullptr;
+}
+
 } // namespace
 
 void WriteUserName(uid_t user, char* text, std::size_t size)
 {
+    if (write_local_name(user, text, size))
+        return;
     char buffer[4096];
     passwd entry{};
     passwd* found = nullptr;
-    if (getpwuid_r(user, &entry, buffer, sizeof buffer, &found) == 0 && found != nullptr)
+    if (may_look_up_users() && getpwuid_r(user, &entry, buffer, sizeof buffer, &found) == 0 &&
+        found != nullptr)
         std::snprintf(text, size, "%s", found->pw_name);
     else
         std::snprintf(text, size, "%lu", static_cast<unsigned long>(user));
