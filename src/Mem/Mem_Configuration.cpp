@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
-#include <memory>
 #include <new>
 #include <optional>
 #include <utility>
@@ -60,9 +59,13 @@ MEM_MemoryConfiguration* MEM_MemoryConfiguration::GetInstance()
     const std::atomic_ref<MEM_MemoryConfiguration*> current(s_MemConfig);
     if (MEM_MemoryConfiguration* const instance = current.load(std::memory_order_acquire))
         return instance;
-    auto fresh = std::unique_ptr<MEM_MemoryConfiguration>(new MEM_MemoryConfiguration);
+    auto* const fresh = new MEM_MemoryConfiguration;
     MEM_MemoryConfiguration* other = nullptr;
-    return current.compare_exchange_strong(other, fresh.get()) ? fresh.release() : other;
+    if (current.compare_exchange_strong(other, fresh))
+        return fresh;
+    fresh->MEM_MemoryConfiguration::~MEM_MemoryConfiguration(); // it isn't virtual
+    ::operator delete(fresh);
+    return other;
 }
 
 void MEM_MemoryConfiguration::SetInstance(MEM_MemoryConfiguration* instance)
