@@ -12,37 +12,61 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+using Stat = struct stat;
+using Statx = struct statx;
+using Statvfs = struct statvfs;
+using Size = std::size_t;
+using Path = const char*;
+
 // clang-format off
-/// Each kind with what a failure of it tells.
-#define KINDS(KIND)                                                                                \
-    KIND(open, EMFILE) KIND(close, EIO) KIND(mmap, ENOMEM) KIND(mremap, ENOMEM)                    \
-    KIND(munmap, ENOMEM) KIND(madvise, EAGAIN) KIND(fallocate, ENOSPC) KIND(ftruncate, EIO)        \
-    KIND(fstat, EIO) KIND(stat, EACCES) KIND(lstat, EACCES) KIND(statx, EACCES)                    \
-    KIND(statvfs, EIO) KIND(fstatvfs, EIO) KIND(fcntl, ENOLCK) KIND(linkat, ENOSPC)                \
-    KIND(link, ENOSPC) KIND(symlink, ENOSPC) KIND(unlink, EACCES) KIND(rename, EACCES)             \
-    KIND(renameat2, EACCES) KIND(access, EACCES) KIND(faccessat, EACCES) KIND(readlink, EACCES)    \
-    KIND(read, EIO) KIND(write, EIO) KIND(getdents64, EIO) KIND(lseek, EIO) KIND(fchmod, EPERM)    \
-    KIND(getrandom, EAGAIN) KIND(kill, EPERM) KIND(malloc, ENOMEM)
+/// What is only passed on: its result, failure, error, name, parameters and arguments.
+#define PLAIN(X) \
+    X(void*, MAP_FAILED, ENOMEM, mmap, (void* a, Size s, int p, int f, int d, off_t o) noexcept, (a, s, p, f, d, o)) \
+    X(int, -1, ENOMEM, munmap, (void* a, Size s) noexcept, (a, s)) \
+    X(int, -1, EAGAIN, madvise, (void* a, Size s, int v) noexcept, (a, s, v)) \
+    X(int, -1, ENOSPC, fallocate, (int d, int m, off_t o, off_t s), (d, m, o, s)) \
+    X(int, -1, EIO, ftruncate, (int d, off_t s) noexcept, (d, s)) \
+    X(int, -1, EIO, fstat, (int d, Stat* s) noexcept, (d, s)) \
+    X(int, -1, EACCES, stat, (Path p, Stat* s) noexcept, (p, s)) \
+    X(int, -1, EACCES, lstat, (Path p, Stat* s) noexcept, (p, s)) \
+    X(int, -1, EACCES, statx, (int d, Path p, int f, unsigned m, Statx* s) noexcept, (d, p, f, m, s)) \
+    X(int, -1, EIO, statvfs, (Path p, Statvfs* s) noexcept, (p, s)) \
+    X(int, -1, EIO, fstatvfs, (int d, Statvfs* s) noexcept, (d, s)) \
+    X(int, -1, ENOSPC, linkat, (int d, Path p, int e, Path q, int f) noexcept, (d, p, e, q, f)) \
+    X(int, -1, ENOSPC, link, (Path p, Path q) noexcept, (p, q)) \
+    X(int, -1, ENOSPC, symlink, (Path p, Path q) noexcept, (p, q)) \
+    X(int, -1, EACCES, unlink, (Path p) noexcept, (p)) \
+    X(int, -1, EACCES, rename, (Path p, Path q) noexcept, (p, q)) \
+    X(int, -1, EACCES, renameat2, (int d, Path p, int e, Path q, unsigned f) noexcept, (d, p, e, q, f)) \
+    X(int, -1, EACCES, access, (Path p, int m) noexcept, (p, m)) \
+    X(int, -1, EACCES, faccessat, (int d, Path p, int m, int f) noexcept, (d, p, m, f)) \
+    X(ssize_t, -1, EACCES, readlink, (Path p, char* b, Size s) noexcept, (p, b, s)) \
+    X(ssize_t, -1, EIO, read, (int d, void* b, Size s), (d, b, s)) \
+    X(ssize_t, -1, EIO, write, (int d, const void* b, Size s), (d, b, s)) \
+    X(ssize_t, -1, EIO, getdents64, (int d, void* b, Size s) noexcept, (d, b, s)) \
+    X(off_t, -1, EIO, lseek, (int d, off_t o, int w) noexcept, (d, o, w)) \
+    X(int, -1, EPERM, fchmod, (int d, mode_t m) noexcept, (d, m)) \
+    X(ssize_t, -1, EAGAIN, getrandom, (void* b, Size s, unsigned f), (b, s, f)) \
+    X(int, -1, EPERM, kill, (pid_t p, int s) noexcept, (p, s))
+#define OTHERS(X) X(, , EMFILE, open, , ) X(, , EIO, close, , ) X(, , ENOLCK, fcntl, , ) X(, , ENOMEM, mremap, , ) X(, , ENOMEM, malloc, , )
+#define KIND(result, failure, error, name, parameters, arguments) kind_##name,
+#define NAME(result, failure, error, name, parameters, arguments) #name,
+#define ERROR(result, failure, error, name, parameters, arguments) error,
 // clang-format on
 
 namespace
 {
-#define ENUMERATOR(name, error) kind_##name,
-enum Kind { KINDS(ENUMERATOR) count };
-#define ERROR(name, error) error,
-constexpr int errors[] = {KINDS(ERROR)};
+enum Kind { PLAIN(KIND) OTHERS(KIND) count };
+constexpr int errors[] = {PLAIN(ERROR) OTHERS(ERROR)};
 
 bool armed = false;
 int failing_kind = -1;
-std::uint64_t failing_first = 0, failing_last = 0;
-std::uint64_t calls[count], failed = 0;
+std::uint64_t first = 0, last = 0, calls[count], failed = 0;
 
 bool fails(Kind kind)
 {
-    if (!armed)
-        return false;
-    const std::uint64_t now = ++calls[kind];
-    if (kind != failing_kind || now < failing_first || now > failing_last)
+    if (!armed || (++calls[kind], kind != failing_kind) || calls[kind] < first ||
+        calls[kind] > last)
         return false;
     ++failed;
     errno = errors[kind];
@@ -58,15 +82,14 @@ Function* next(Function*, const char* name)
 
 namespace Below
 {
-#define NAME(name, error) #name,
-const char* const Names[] = {KINDS(NAME)};
+const char* const Names[] = {PLAIN(NAME) OTHERS(NAME)};
 const int Kinds = count;
 
 void Arm(int kind, std::uint64_t n, bool lasting)
 {
     failing_kind = kind;
-    failing_first = n;
-    failing_last = lasting ? UINT64_MAX : n;
+    first = n;
+    last = lasting ? UINT64_MAX : n;
     failed = 0;
     for (std::uint64_t& number : calls)
         number = 0;
@@ -86,21 +109,24 @@ std::uint64_t Failed()
 }
 } // namespace Below
 
-#define PASS(result, failure, name, parameters, arguments)                                         \
+extern "C" {
+
+#define DEFINE(result, failure, error, name, parameters, arguments)                                \
     result name parameters                                                                         \
     {                                                                                              \
         static auto* const real = next(&name, #name);                                              \
         return fails(kind_##name) ? failure : real arguments;                                      \
     }
+ssize_t getdents64(int d, void* b, Size s) noexcept;
+PLAIN(DEFINE)
 
-extern "C" {
-
-int open(const char* path, int flags, ...)
+// A caller that gives no further argument has something else there, which nobody looks at.
+int open(Path path, int flags, ...)
 {
     static auto* const real = next(&open, "open");
     va_list rest;
     va_start(rest, flags);
-    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
+    const mode_t mode = va_arg(rest, mode_t);
     va_end(rest);
     return fails(kind_open) ? -1 : real(path, flags, mode);
 }
@@ -113,12 +139,12 @@ int fcntl(int file, int command, ...)
     va_end(rest);
     return fails(kind_fcntl) ? -1 : real(file, command, argument);
 }
-void* mremap(void* old, std::size_t old_size, std::size_t size, int flags, ...) noexcept
+void* mremap(void* old, Size old_size, Size size, int flags, ...) noexcept
 {
     static auto* const real = next(&mremap, "mremap");
     va_list rest;
     va_start(rest, flags);
-    void* const place = (flags & MREMAP_FIXED) != 0 ? va_arg(rest, void*) : nullptr;
+    void* const place = va_arg(rest, void*);
     va_end(rest);
     return fails(kind_mremap) ? MAP_FAILED : real(old, old_size, size, flags, place);
 }
@@ -129,52 +155,15 @@ int close(int file)
     return fails(kind_close) ? -1 : result;
 }
 
-using Stat = struct stat;
-using Statx = struct statx;
-using Statvfs = struct statvfs;
-// clang-format off
-PASS(void*, MAP_FAILED, mmap, (void* a, std::size_t s, int p, int f, int d, off_t o) noexcept, (a, s, p, f, d, o))
-PASS(int, -1, munmap, (void* a, std::size_t s) noexcept, (a, s))
-PASS(int, -1, madvise, (void* a, std::size_t s, int v) noexcept, (a, s, v))
-PASS(int, -1, fallocate, (int d, int m, off_t o, off_t s), (d, m, o, s))
-PASS(int, -1, ftruncate, (int d, off_t s) noexcept, (d, s))
-PASS(int, -1, fstat, (int d, Stat* s) noexcept, (d, s))
-PASS(int, -1, stat, (const char* p, Stat* s) noexcept, (p, s))
-PASS(int, -1, lstat, (const char* p, Stat* s) noexcept, (p, s))
-PASS(int, -1, statx, (int d, const char* p, int f, unsigned m, Statx* s) noexcept, (d, p, f, m, s))
-PASS(int, -1, statvfs, (const char* p, Statvfs* s) noexcept, (p, s))
-PASS(int, -1, fstatvfs, (int d, Statvfs* s) noexcept, (d, s))
-PASS(int, -1, linkat, (int d, const char* p, int e, const char* q, int f) noexcept, (d, p, e, q, f))
-PASS(int, -1, link, (const char* p, const char* q) noexcept, (p, q))
-PASS(int, -1, symlink, (const char* p, const char* q) noexcept, (p, q))
-PASS(int, -1, unlink, (const char* p) noexcept, (p))
-PASS(int, -1, rename, (const char* p, const char* q) noexcept, (p, q))
-PASS(int, -1, renameat2, (int d, const char* p, int e, const char* q, unsigned f) noexcept, (d, p, e, q, f))
-PASS(int, -1, access, (const char* p, int m) noexcept, (p, m))
-PASS(int, -1, faccessat, (int d, const char* p, int m, int f) noexcept, (d, p, m, f))
-PASS(ssize_t, -1, readlink, (const char* p, char* b, std::size_t s) noexcept, (p, b, s))
-PASS(ssize_t, -1, read, (int d, void* b, std::size_t s), (d, b, s))
-PASS(ssize_t, -1, write, (int d, const void* b, std::size_t s), (d, b, s))
-PASS(off_t, -1, lseek, (int d, off_t o, int w) noexcept, (d, o, w))
-PASS(int, -1, fchmod, (int d, mode_t m) noexcept, (d, m))
-PASS(ssize_t, -1, getrandom, (void* b, std::size_t s, unsigned f), (b, s, f))
-PASS(int, -1, kill, (pid_t p, int s) noexcept, (p, s))
-
-ssize_t getdents64(int d, void* b, std::size_t s) noexcept;
-PASS(ssize_t, -1, getdents64, (int d, void* b, std::size_t s) noexcept, (d, b, s))
-
 // The allocator's own, since to look for them by name may allocate.
-void* __libc_malloc(std::size_t);
-void* __libc_calloc(std::size_t, std::size_t);
-void* __libc_realloc(void*, std::size_t);
-void* __libc_memalign(std::size_t, std::size_t);
-void* malloc(std::size_t s) noexcept { return fails(kind_malloc) ? nullptr : __libc_malloc(s); }
-void* calloc(std::size_t n, std::size_t s) noexcept { return fails(kind_malloc) ? nullptr : __libc_calloc(n, s); }
-void* realloc(void* p, std::size_t s) noexcept { return s != 0 && fails(kind_malloc) ? nullptr : __libc_realloc(p, s); }
-void* aligned_alloc(std::size_t a, std::size_t s) noexcept { return fails(kind_malloc) ? nullptr : __libc_memalign(a, s); }
-int posix_memalign(void** p, std::size_t a, std::size_t s) noexcept
-{
-    return fails(kind_malloc) || (*p = __libc_memalign(a, s)) == nullptr ? ENOMEM : 0;
-}
+// clang-format off
+void* __libc_malloc(Size);
+void* __libc_calloc(Size, Size);
+void* __libc_realloc(void*, Size);
+void* __libc_memalign(Size, Size);
+void* malloc(Size s) noexcept { return fails(kind_malloc) ? nullptr : __libc_malloc(s); }
+void* calloc(Size n, Size s) noexcept { return fails(kind_malloc) ? nullptr : __libc_calloc(n, s); }
+void* realloc(void* p, Size s) noexcept { return s != 0 && fails(kind_malloc) ? nullptr : __libc_realloc(p, s); }
+void* aligned_alloc(Size a, Size s) noexcept { return fails(kind_malloc) ? nullptr : __libc_memalign(a, s); }
 // clang-format on
 }

@@ -2,14 +2,10 @@
 // types hold. Hunts a signal, a lost byte, a refusal with the wrong reason, and what is left.
 //     prove_limits 0 0
 
-#include "Mem/Mem_MemPager.h"
 #include "prove/prove.h"
 #include "support/Footprint.h"
-#include "support/PagerWorld.h"
 
-#include <algorithm>
 #include <climits>
-#include <cstring>
 #include <fstream>
 #include <vector>
 
@@ -23,129 +19,110 @@ MEM_MemoryConfiguration& settings()
     return *MEM_MemoryConfiguration::GetInstance();
 }
 
-/// Allocates up to `count` pieces, looks at all of them and frees them.
-/// @param most gets how many there were before the first refusal.
-int Life(unsigned size, unsigned count, Reason expected, unsigned& most)
+/// Allocates up to `count` pieces, at least `least`, looks at all of them and frees them.
+int Life(unsigned size, unsigned count, unsigned least, Reason expected)
 {
     const Footprint before = Footprint::Now();
     std::vector<MEM_PagerInfo> pieces(count);
-    MEM_MemPager* const pager = MEM_MemPager::GetHandle();
-    for (most = 0; most < count; ++most) {
-        if (pager->Allocate(size, &pieces[most], 0) != 0) {
-            CHILD_CHECK(Mem_Reason::Last().limit == expected);
+    unsigned all = 0;
+    for (; all < count; ++all) {
+        if (MEM_MemPager::GetHandle()->Allocate(size, &pieces[all], 0) != 0)
             break;
-        }
-        static_cast<unsigned*>(pieces[most].Ptr())[size / 4 - 1] = most;
-        pieces[most].Unmap();
+        Prove::Fill(pieces[all], all);
+        pieces[all].Unmap();
     }
-    for (unsigned i = 0; i < most; ++i) {
+    CHILD_CHECK(all >= least);
+    CHILD_CHECK(all == count || Mem_Reason::Last().limit == expected);
+    for (unsigned i = 0; i < all; ++i) {
         CHILD_CHECK(pieces[i].Map() == 0);
-        CHILD_CHECK(static_cast<unsigned*>(pieces[i].Ptr())[size / 4 - 1] == i);
+        CHILD_CHECK(Prove::IsFullOf(pieces[i], i));
         CHILD_CHECK(pieces[i].Unmap() == 0);
     }
     pieces.clear();
-    CHILD_CHECK(Footprint::Now().names == before.names, Footprint::Now().maps == before.maps,
-                Footprint::Now().descriptors == before.descriptors);
-    return 0;
+    CHILD_CHECK(Footprint::Now().names == before.names);
+    CHILD_CHECK(Footprint::Now().maps == before.maps);
+    return Footprint::Now().descriptors == before.descriptors ? 0 : 2;
 }
 
-/// A life that is refused only if `may_be_refused`, and has room for `least` pieces.
-int Bounded(unsigned size, unsigned count, unsigned least, Reason expected)
+/// Takes all mappings that there may be but 100: each second page differs from the next.
+int AtTheMostMappings()
 {
-    unsigned most = 0;
-    const int code = Life(size, count, expected, most);
-    CHILD_CHECK(code == 0, most >= least, most < count || least == count);
-    return 0;
-}
-
-void Open(unsigned keep)
-{
-    Limit(RLIMIT_NOFILE, keep);
-}
-
-/// Takes all mappings that the process may have but so many: each second page differs from the
-/// next.
-bool TakeMapsBut(unsigned left)
-{
-    unsigned long most = 0;
+    std::size_t most = 0;
     std::ifstream("/proc/sys/vm/max_map_count") >> most;
-    const std::size_t pages = most - left;
     if (most > 300000)
-        return false;
-    auto* const first = static_cast<char*>(
-        mmap(nullptr, pages * 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
-    for (std::size_t page = 0; page < pages; page += 2)
+        return not_permitted;
+    constexpr int flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
+    auto* const first = static_cast<char*>(mmap(nullptr, most * 4096, PROT_NONE, flags, -1, 0));
+    for (std::size_t page = 0; page < most - 100; page += 2)
         mprotect(first + page * 4096, 4096, PROT_READ);
-    settings().SetBaseBlockSize(0);
-    return true;
+    return Life(65536, 200, 30, Reason::Maps);
 }
 
-int AtEnds()
+int WithNumbersAtTheirEnds()
 {
-    MEM_MemPager* const pager = MEM_MemPager::GetHandle();
     std::vector<std::pair<unsigned, int>> requests{{0, 0}, {UINT_MAX, 0}, {UINT_MAX, 4096}};
     for (const int alignment : {1, 3, 4096, 1 << 30, INT_MAX, INT_MIN, -1})
         requests.emplace_back(1, alignment);
     for (const auto& [size, alignment] : requests) {
         MEM_PagerInfo info;
-        if (pager->Allocate(size, &info, alignment) != 0)
+        if (MEM_MemPager::GetHandle()->Allocate(size, &info, alignment) != 0)
             continue;
         CHILD_CHECK(info.GetAllocatedSize() == size);
-        auto* const bytes = static_cast<char*>(info.Ptr());
-        bytes[0] = bytes[size - 1] = 1;
+        static_cast<char*>(info.Ptr())[size - 1] = 1;
     }
-    return Bounded(MiB, 20, 20, Reason::Unknown);
+    return Life(MiB, 20, 20, Reason::Unknown);
 }
 
-int WithSettings(unsigned all)
+template <unsigned All>
+int WithSettings()
 {
-    settings().SetBaseBlockSize(all);
-    settings().SetBlockSizeThreshold(all);
-    settings().SetCacheSize(all);
-    settings().SetUnmapWorkingSetLimit(all);
-    unsigned most = 0;
-    return Life(MiB, 20, Reason::Setting, most);
+    settings().SetInstance(nullptr); // not the tests' own, which have numbers of theirs
+    settings().SetBaseBlockSize(All);
+    settings().SetBlockSizeThreshold(All);
+    settings().SetCacheSize(All);
+    settings().SetUnmapWorkingSetLimit(All);
+    return Life(MiB, 20, 0, Reason::Setting);
 }
 
-struct Case {
+constexpr struct {
     const char* name;
     int (*body)();
-};
-const Case cases[] = {
-    {"64 descriptors", [] { return Open(64), Bounded(3 * MiB, 200, 200, Reason::Descriptors); }},
-    {"8 descriptors", [] { return Open(8), Bounded(3 * MiB, 200, 200, Reason::Descriptors); }},
-    {"8 descriptors and files only",
+} cases[] = {
+    {"64 descriptors",
+     [] { return Limit(RLIMIT_NOFILE, 64), Life(3 * MiB, 99, 99, Reason::Descriptors); }},
+    {"8 descriptors",
+     [] { return Limit(RLIMIT_NOFILE, 8), Life(3 * MiB, 99, 99, Reason::Descriptors); }},
+    {"8 descriptors, files only",
      [] {
-         return Open(8), settings().SetSwapMaxSizeInMb(0),
-                Bounded(60 * MiB, 9, 1, Reason::Descriptors);
+         Limit(RLIMIT_NOFILE, 8);
+         settings().SetSwapMaxSizeInMb(0);
+         return Life(60 * MiB, 9, 1, Reason::Descriptors);
      }},
     {"no further process or thread",
      [] {
          CHILD_CHECK(GiveUpRights());
-         Limit(RLIMIT_NPROC, 0);
-         return Bounded(3 * MiB, 20, 20, Reason::Unknown);
+         return Limit(RLIMIT_NPROC, 0), Life(3 * MiB, 20, 20, Reason::Unknown);
      }},
     {"files of 9 MB",
-     [] { return Limit(RLIMIT_FSIZE, 9 * MiB), Bounded(12 * MiB, 9, 0, Reason::FileSize); }},
+     [] { return Limit(RLIMIT_FSIZE, 9 * MiB), Life(12 * MiB, 9, 0, Reason::FileSize); }},
     {"no locked memory",
-     [] { return Limit(RLIMIT_MEMLOCK, 0), Bounded(3 * MiB, 20, 20, Reason::Unknown); }},
+     [] { return Limit(RLIMIT_MEMLOCK, 0), Life(3 * MiB, 20, 20, Reason::Unknown); }},
     {"address space of 300 MB",
-     [] { return Limit(RLIMIT_AS, 300 * MiB), Bounded(3 * MiB, 200, 200, Reason::AddressSpace); }},
-    {"a piece beyond the address space",
-     [] { return Limit(RLIMIT_AS, 300 * MiB), Bounded(400 * MiB, 2, 0, Reason::AddressSpace); }},
-    {"the most mappings",
-     [] { return TakeMapsBut(100) ? Bounded(65536, 200, 30, Reason::Maps) : not_permitted; }},
+     [] { return Limit(RLIMIT_AS, 300 * MiB), Life(3 * MiB, 200, 200, Reason::AddressSpace); }},
+    {"a piece beyond that",
+     [] { return Limit(RLIMIT_AS, 300 * MiB), Life(400 * MiB, 2, 0, Reason::AddressSpace); }},
+    {"the most mappings", AtTheMostMappings},
     {"a disk without names",
      [] {
          CHILD_CHECK(Mount("tmpfs", settings().FileHeap_TempPath().data(), "nr_inodes=1"));
          settings().SetSwapMaxSizeInMb(0);
-         return Bounded(3 * MiB, 9, 0, Reason::DiskNames);
+         return Life(3 * MiB, 9, 0, Reason::DiskNames);
      }},
-    {"numbers at their ends", AtEnds},
-    {"settings of nothing", [] { return WithSettings(0); }},
-    {"settings of 1", [] { return WithSettings(1); }},
-    {"settings of 2^31", [] { return WithSettings(1u << 31); }},
-    {"settings of 2^32-1", [] { return WithSettings(UINT_MAX); }},
+    {"numbers at their ends", WithNumbersAtTheirEnds},
+    {"settings of nothing", WithSettings<0>},
+    {"settings of 1", WithSettings<1>},
+    {"settings of 2^31", WithSettings<1u << 31>},
+    {"settings of 2^32-1", WithSettings<UINT_MAX>},
 };
 } // namespace
 
@@ -153,18 +130,15 @@ int main()
 {
     std::setvbuf(stdout, nullptr, _IONBF, 0);
     const TempFolder temp;
-    int failed = 0, skipped = 0;
-    long left = 0;
     if (!Prove::MountOwn())
         return not_permitted;
-    for (const Case& now : cases) {
-        const int code = InChildAmongOwnMounts([&] {
-            Configure(1500, temp.path);
-            Prove::QuietLog(temp.path);
-            return now.body();
-        });
-        failed += code != 0 && code != not_permitted ? 1 : 0;
-        skipped += code == not_permitted ? 1 : 0;
+    int failed = 0, skipped = 0;
+    long left = 0;
+    for (const auto& now : cases) {
+        const int code =
+            InChildAmongOwnMounts([&] { return Prove::Settle(1500, temp.path), now.body(); });
+        skipped += code == not_permitted;
+        failed += code != 0 && code != not_permitted;
         const long names = Prove::NamesAfterASweep(temp.path);
         left += names;
         if (code != 0 || names != 0)

@@ -6,79 +6,43 @@
 
 #include "Mem/Mem_MemFragmentsAllocator.h"
 #include "Mem/Mem_MemInfo.h"
-#include "Mem/Mem_MemPager.h"
 #include "Zor/Zor_Buffer.h"
 #include "prove/below.h"
 #include "prove/prove.h"
 #include "support/Footprint.h"
 #include "support/Mem_TestAccess.h"
-#include "support/PagerWorld.h"
 
-#include <algorithm>
-#include <cstring>
-#include <map>
-#include <numeric>
 #include <optional>
 #include <random>
 #include <thread>
 
 namespace
 {
-struct Point {
-    std::size_t scenario;
-    int kind;
-    std::uint64_t n;
-    bool lasting;
-};
+std::string temp, descriptors; ///< the latter of a process that lives on
+long names_of_maker = 0, own_names = 0;
 
-const std::string* temp_folder;
-std::string descriptors_of_maker; ///< a process that lives on
-long names_of_maker = 0;
-std::optional<Point> only; ///< to be seen once more
-
-/// What has been promised and not kept, by name; the number is the child's exit code.
-const char* const broken_promises[] = {"",
-                                       "an operation was refused without a failure",
-                                       "a piece has lost bytes",
-                                       "a piece can't be mapped any more",
-                                       "a room is at odds with itself",
-                                       "a lock is kept",
-                                       "the pager has pieces or views when all are freed",
-                                       "a descriptor is left",
-                                       "a view is left",
-                                       "the library can't go on when calls succeed again",
-                                       "an exception that isn't std::bad_alloc",
-                                       "a child of a fork has lost its pieces",
-                                       "a living process's name was taken"};
-enum Promise {
-    kept,
-    refused,
-    bytes,
-    unmappable,
-    room,
-    lock,
-    rest,
-    descriptor,
-    view,
-    goes_on,
-    odd,
-    forked,
-    name
-};
+struct Shared {
+    std::uint64_t calls[100];
+    const char* broken; ///< the promise, for who hasn't crashed
+    long points, failed, left;
+} * shared;
 
 struct Broken {
-    Promise promise;
+    const char* promise;
 };
-void Expect(bool holds, Promise promise)
+void Expect(bool holds, const char* promise)
 {
     if (!holds)
         throw Broken{promise};
 }
 
-/// A process's pieces, each full of a number of its own.
-class World
+MEM_MemPager* Pager()
 {
-public:
+    return MEM_MemPager::GetHandle();
+}
+
+/// A process's pieces, each full of a number of its own, and a buffer.
+struct World {
     /// Runs a step that may be refused, by its result or for want of memory.
     bool Try(auto step)
     {
@@ -86,396 +50,298 @@ public:
             if (step() == 0)
                 return true;
         } catch (const std::bad_alloc&) {
-        } catch (const Broken&) {
-            throw;
-        } catch (...) {
-            throw Broken{odd};
         }
         ++refusals;
         return false;
     }
     void Add(unsigned size)
     {
-        MEM_PagerInfo& info = pieces[count];
-        if (!Try([&] { return pager()->Allocate(size, &info, 64); }))
-            return;
-        std::memset(info.Ptr(), static_cast<int>(++count), size);
+        if (Try([&] { return Pager()->Allocate(size, &pieces[count], 64); }))
+            Prove::Fill(pieces[count], count), ++count;
     }
-    void Take(Zor_iBuffer& in)
+    void Unmap()
     {
-        MEM_PagerInfo& piece = pieces[count++];
-        Try([&] {
-            MEM_MemInfo info;
-            piece = (in >> info, pager()->Register(info));
-            return piece.IsValid() ? 0 : -1;
-        });
+        for (MEM_PagerInfo& piece : pieces)
+            while (piece.Ptr() != nullptr)
+                piece.Unmap();
     }
-    void ClearCache()
-    {
-        Try([] { return pager()->ClearCache(), 0; });
-    }
-    static bool Holds(const MEM_PagerInfo& info, std::size_t number)
-    {
-        const auto* const first = static_cast<const unsigned char*>(info.Ptr());
-        return std::all_of(first, first + info.Size(),
-                           [number](auto byte) { return byte == number; });
-    }
-    /// Maps a piece that may not be mappable now, and unmaps it.
-    void Look(std::size_t i)
-    {
-        if (!pieces[i].IsValid() || !Try([&] { return pieces[i].Map(); }))
-            return;
-        Expect(Holds(pieces[i], i + 1), bytes);
-        Try([&] { return pieces[i].Unmap(); });
-    }
-    void UnmapAll()
-    {
-        for (std::size_t i = 0; i < count; ++i)
-            while (pieces[i].Ptr() != nullptr)
-                pieces[i].Unmap();
-    }
-    void LookAtAll()
-    {
-        for (std::size_t i = 0; i < count; ++i)
-            Look(i);
-    }
-    /// Nothing fails any more: all have to be there.
-    void ExpectWhole()
+    /// Maps all. Where calls fail a piece may not be mappable, but what is there is right.
+    void Look(bool must_be = false)
     {
         for (std::size_t i = 0; i < count; ++i) {
-            if (!pieces[i].IsValid())
-                continue; // a descriptor that was refused
-            Expect(pieces[i].Map() == 0, unmappable);
-            Expect(Holds(pieces[i], i + 1), bytes);
-            pieces[i].Unmap();
+            const bool there = pieces[i].IsValid() && Try([&] { return pieces[i].Map(); });
+            Expect(there || !must_be || !pieces[i].IsValid(), "a piece can't be mapped any more");
+            Expect(!there || Prove::IsFullOf(pieces[i], i), "a piece has lost bytes");
+            if (there)
+                pieces[i].Unmap();
+        }
+        for (std::size_t at = 0; at < elements; ++at) {
+            const auto* const byte = static_cast<char*>(buffer->GetPointerAtIndex(at * 1000));
+            Expect(byte != nullptr || !must_be, "a fragment can't be mapped any more");
+            Expect(byte == nullptr || byte[999] == static_cast<char>(at), "a buffer's bytes");
         }
     }
-    static MEM_MemPager* pager() { return MEM_MemPager::GetHandle(); }
+    void ClearAndLook()
+    {
+        Unmap();
+        Try([] { return Pager()->ClearCache(), 0; });
+        Look();
+    }
 
     MEM_PagerInfo pieces[16];
-    std::size_t count = 0;
+    std::size_t count = 0, elements = 0; ///< elements of 1000 bytes that were filled
     int refusals = 0;
-    std::optional<Mem_MemFragmentsAllocator> fragments;
-    std::size_t elements = 0; ///< of 1000 bytes
+    std::optional<Mem_MemFragmentsAllocator> buffer;
 };
 
 // The scenarios ---------------------------------------------------------------------------------
 
-void Nothing(World&) {}
-void Settle(World& world)
+void Add(World& world)
 {
-    for (const unsigned size : {1000u, 1000u, 100000u, 60000u, 60000u})
+    for (const unsigned size : {1000u, 1000u, 100000u, 300000u, 60000u})
         world.Add(size);
-    world.UnmapAll();
+    world.Unmap();
 }
-
-void FirstUse(World& world)
+void Use(World& world)
 {
-    for (const unsigned size : {1000u, 1000u, 100000u})
-        world.Add(size);
-    world.UnmapAll();
-    world.LookAtAll();
+    Add(world);
+    world.ClearAndLook();
 }
-
 void Cached(World& world)
 {
-    world.LookAtAll();
+    world.Look();
     world.Try([&] { return world.pieces[0].Cache(); });
     MEM_PagerInfo* infos[] = {&world.pieces[0], &world.pieces[1], &world.pieces[2]};
-    if (world.Try([&] { return World::pager()->MapMemPagerInfoVec(infos, 3); }))
-        World::pager()->UnmapMemPagerInfoVec(infos, 3);
-    World::pager()->ReduceWorkingSet();
-    world.ClearCache();
-    world.LookAtAll();
+    if (world.Try([&] { return Pager()->MapMemPagerInfoVec(infos, 3); }))
+        Pager()->UnmapMemPagerInfoVec(infos, 3);
+    Pager()->ReduceWorkingSet();
+    world.ClearAndLook();
 }
-
-void Spilled(World& world)
+void MakeBuffer(World& world)
 {
-    for (const unsigned size : {100000u, 300000u, 1000u, 100000u})
-        world.Add(size);
-    world.UnmapAll();
-    world.ClearCache();
-    world.LookAtAll();
+    world.buffer.emplace(1000, 22, 4000);
+    for (; world.elements < 22; ++world.elements)
+        std::memset(world.buffer->GetPointerAtIndex(world.elements * 1000),
+                    static_cast<int>(world.elements), 1000);
 }
-
-void FragmentsMake(World& world)
-{
-    world.fragments.emplace(1000, world.elements = 22, 4000);
-    for (std::size_t at = 0; at < 22000; at += 1000)
-        std::memset(world.fragments->GetPointerAtIndex(at), static_cast<int>(at / 1000), 1000);
-}
-void FragmentsLook(World& world, bool may_miss)
-{
-    for (std::size_t at = 0; at < std::min<std::size_t>(world.elements, 22); ++at) {
-        const auto* const byte = static_cast<char*>(world.fragments->GetPointerAtIndex(at * 1000));
-        Expect(byte != nullptr || may_miss, unmappable);
-        Expect(byte == nullptr || byte[999] == static_cast<char>(at), bytes);
-    }
-}
-void Fragments(World& world)
+void Resize(World& world)
 {
     for (const std::size_t to : {31, 27, 8, 9}) {
-        if (world.Try([&] { return world.fragments->Reallocate(to); }))
-            world.elements = world.elements < to && world.elements < 22 ? world.elements : to;
-        FragmentsLook(world, true);
+        if (world.Try([&] { return world.buffer->Reallocate(to); }))
+            world.elements = std::min(world.elements, to);
+        world.Look();
     }
 }
-
 void SecondProcess(World& world)
 {
-    std::optional<Zor_iBuffer> in;
-    if (!world.Try([&] {
-            return in.emplace(descriptors_of_maker.data(), descriptors_of_maker.size()), 0;
-        }))
-        return;
-    for (int i = 0; i < 4; ++i)
-        world.Take(*in);
-    world.ClearCache();
-    world.LookAtAll();
+    world.count = 4;
+    for (std::size_t i = 0; i < 4; ++i)
+        world.Try([&] {
+            Zor_iBuffer in(descriptors.data(), descriptors.size());
+            MEM_MemInfo info;
+            for (std::size_t skipped = 0; skipped <= i; ++skipped)
+                in >> info;
+            world.pieces[i] = Pager()->Register(info);
+            return world.pieces[i].IsValid() ? 0 : -1;
+        });
+    world.ClearAndLook();
 }
-
 void Fork(World& world)
 {
     world.Add(1000);
-    const int refusals = world.refusals;
     const pid_t child = fork();
     if (child == 0) {
-        try {
-            world.LookAtAll();
-            world.Add(50000);
-            Below::Disarm();
-            world.UnmapAll();
-            world.ExpectWhole();
-        } catch (const Broken& broken) {
-            _exit(broken.promise);
-        }
-        std::exit(refusals == world.refusals || Below::Failed() > 0 ? kept : refused);
+        world.Look();
+        world.Add(50000);
+        Below::Disarm();
+        world.Unmap();
+        world.Look(true);
+        std::exit(0);
     }
-    Expect(EndOfChild(child) == 0, forked);
-    world.UnmapAll();
-    world.LookAtAll();
+    Expect(EndOfChild(child) == 0, "a child of a fork has lost its pieces");
+    world.ClearAndLook();
 }
-
 void LeaveADeadName(World& world)
 {
-    Settle(world);
-    EndOfChild(StartChild([] {
-        MEM_PagerInfo info;
-        World::pager()->Allocate(70000, &info, 0);
-        return 0;
-    }));
+    Add(world);
+    InChild([&] { return world.Add(70000), 0; });
+    own_names = Footprint::Now().names;
 }
-void Inspection(World& world)
+void Inspect(World& world)
 {
-    const std::string& temp = *temp_folder;
-    world.Try([&] { return Mem_Inspection::List(temp.c_str()).unread.empty() ? 0 : -1; });
-    world.Try([&] { return Mem_Inspection::Examine(temp.c_str()).empty() ? -1 : 0; });
-    world.Try([&] { return Mem_Inspection::Clean(false, temp.c_str()).unread.empty() ? 0 : -1; });
-    world.Try([&] { return MEM_MemPager::PrintVirtualMemoryStatus(), 0; });
-    world.Try([&] { return World::pager()->PrintSharedMemoryStatus(), 0; });
+    const char* const folder = temp.c_str();
+    world.Try([&] { return Mem_Inspection::List(folder).unread.empty() ? 0 : -1; });
+    world.Try([&] { return Mem_Inspection::Examine(folder).empty() ? -1 : 0; });
+    world.Try([&] { return Mem_Inspection::Clean(false, folder).unread.empty() ? 0 : -1; });
+    world.Try([] { return MEM_MemPager::PrintVirtualMemoryStatus(), 0; });
+    world.Try([] { return Pager()->PrintSharedMemoryStatus(), 0; });
+    Below::Disarm();
+    Expect(Footprint::Now().names == own_names, "a living process's name was taken");
 }
 
-struct Scenario {
-    const char* name;
-    const char* shared_memory;
+constexpr struct {
+    const char *name, *shared_memory;
     unsigned swap_mb;
     void (*prepare)(World&);
     void (*act)(World&);
-};
-constexpr Scenario scenarios[] = {
-    {"first use", "", 1500, Nothing, FirstUse},
-    {"cached", "", 1500, Settle, Cached},
-    {"spilled", "", 0, Nothing, Spilled},
-    {"small", "size=256k", 1500, Nothing, Spilled},
-    {"fragments", "", 1500, FragmentsMake, Fragments},
-    {"second process", "", 1500, Nothing, SecondProcess},
-    {"fork", "", 1500, Settle, Fork},
-    {"inspection", "", 1500, LeaveADeadName, Inspection},
+} scenarios[] = {
+    {"first use", "", 1500, [](World&) {}, Use},
+    {"cached", "", 1500, Add, Cached},
+    {"spilled", "", 0, [](World&) {}, Use},
+    {"small /dev/shm", "size=256k", 1500, [](World&) {}, Use},
+    {"fragments", "", 1500, MakeBuffer, Resize},
+    {"second process", "", 1500, [](World&) {}, SecondProcess},
+    {"fork", "", 1500, Add, Fork},
+    {"inspection", "", 1500, LeaveADeadName, Inspect},
 };
 
-// One point -------------------------------------------------------------------------------------
+// The points ------------------------------------------------------------------------------------
+
+struct Point {
+    std::size_t scenario;
+    int kind;
+    std::uint64_t n;
+    bool lasting;
+};
 
 void ExpectSound()
 {
-    for (MEM_MemPager* pager : {MEM_MemPager::GetHandle(), MEM_MemPager::GetHandleForMP()})
-        Expect(Mem_TestAccess::Broken(*pager) == nullptr, room);
+    for (MEM_MemPager* pager : {Pager(), MEM_MemPager::GetHandleForMP()})
+        Expect(Mem_TestAccess::Broken(*pager) == nullptr, "a room is at odds with itself");
     bool free = false; // asked from another thread, since a lock lets its own thread in
     std::thread([&free] { free = Mem_TestAccess::TryAllLocks(); }).join();
-    Expect(free, lock);
+    Expect(free, "a lock is kept");
 }
 
-/// @param calls gets how many of each kind there were, if it isn't null.
-void RunPoint(const Point& point, std::uint64_t* calls)
+void Run(const Point& point)
 {
-    const Scenario& scenario = scenarios[point.scenario];
     const Footprint before = Footprint::Now();
-    {
-        World world;
-        scenario.prepare(world);
-        Expect(world.refusals == 0, refused);
-        const long names = Footprint::Now().names;
+    if (World world; true) {
+        scenarios[point.scenario].prepare(world);
+        Expect(world.refusals == 0, "refused before anything failed");
         Below::Arm(point.kind, point.n, point.lasting);
-        scenario.act(world);
+        scenarios[point.scenario].act(world);
         Below::Disarm();
-        const std::uint64_t failed = Below::Failed();
-        for (int kind = 0; calls != nullptr && kind < Below::Kinds; ++kind)
-            calls[kind] = Below::Calls(kind);
-        Expect(world.refusals == 0 || failed > 0, refused);
+        for (int kind = 0; kind < Below::Kinds; ++kind)
+            shared->calls[kind] = Below::Calls(kind);
+        Expect(world.refusals == 0 || Below::Failed() > 0, "refused though nothing failed");
         ExpectSound();
-        Expect(scenario.act != Inspection || Footprint::Now().names == names, name);
-        world.UnmapAll();
-        world.ExpectWhole();
-        if (world.fragments)
-            FragmentsLook(world, false);
+        world.Unmap();
+        world.Look(true);
     }
-    World::pager()->ClearCache();
-    Mem_Status status;
-    World::pager()->GetCurrentStatus(status);
-    Expect(status.blocks_count == 0, rest);
-    Expect(status.total_mapped == 0, rest);
+    Pager()->ClearCache();
     ExpectSound();
+    Mem_Status status;
+    Pager()->GetCurrentStatus(status);
+    Expect(status.blocks_count == 0, "a block is left");
+    Expect(status.total_mapped == 0, "a mapping is left");
     const Footprint after = Footprint::Now();
-    Expect(after.descriptors <= before.descriptors, descriptor);
-    const bool stays = std::strcmp(Below::Names[std::max(point.kind, 0)], "munmap") == 0;
-    Expect(after.maps <= before.maps + (stays ? static_cast<long>(Below::Failed()) : 0), view);
+    Expect(after.descriptors <= before.descriptors, "a descriptor is left");
+    const bool stay = std::strcmp(Below::Names[std::max(point.kind, 0)], "munmap") == 0;
+    Expect(after.maps <= before.maps + (stay ? static_cast<long>(Below::Failed()) : 0), "a view");
     World once_more;
     once_more.Add(100000);
-    Expect(once_more.count == 1, goes_on);
+    Expect(once_more.count == 1, "it can't go on when calls succeed again");
 }
 
-int BodyOf(const Point& point, std::uint64_t* calls)
+/// Runs a point in a process of its own, whose end is part of it.
+void Judge(const Point& point)
 {
-    alarm(20);
-    TestConfiguration::Scope configuration;
-    TestConfiguration::cache_limit = 2 * 65536 - 1;
-    TestConfiguration::trim_limit = 1;
-    Configure(scenarios[point.scenario].swap_mb, *temp_folder);
-    Prove::QuietLog(*temp_folder);
-    try {
-        RunPoint(point, calls);
-        return kept;
-    } catch (const Broken& broken) {
-        return broken.promise;
-    }
-}
-
-/// The end of a process is part of it.
-int EndOf(const Point& point, std::uint64_t* calls = nullptr)
-{
-    return InChild([&] {
-        std::exit(BodyOf(point, calls));
+    shared->broken = nullptr;
+    const int end = InChild([&] {
+        alarm(20);
+        Prove::Settle(scenarios[point.scenario].swap_mb, temp);
+        try {
+            Run(point);
+        } catch (const Broken& broken) {
+            shared->broken = broken.promise;
+        }
+        std::exit(shared->broken != nullptr ? 1 : 0);
         return 0;
     });
+    ++shared->points;
+    const long names = Prove::Names(temp);
+    const bool left = names != names_of_maker && Prove::NamesAfterASweep(temp) != names_of_maker;
+    shared->left += left ? 1 : 0;
+    shared->failed += end != 0 ? 1 : 0;
+    if (end != 0 || left)
+        std::printf("%s, %s, seen once more by %zu %d %llu %d: ended with %d, %s%s\n",
+                    scenarios[point.scenario].name, Below::Names[std::max(point.kind, 0)],
+                    point.scenario, point.kind, static_cast<unsigned long long>(point.n),
+                    point.lasting, end, shared->broken != nullptr ? shared->broken : "",
+                    left ? ", a name is left" : "");
 }
 
-// All points ------------------------------------------------------------------------------------
-
-struct Sum {
-    long points = 0, broken = 0, left = 0;
-};
-
-void Tell(const Point& point, const std::string& what)
+/// Counts the calls of a scenario by a run where none fails, and takes some of them.
+std::vector<Point> PointsOf(std::size_t scenario, std::size_t most, unsigned seed)
 {
-    std::printf("%s, %s call %llu%s (%zu %d %llu %d): %s\n", scenarios[point.scenario].name,
-                Below::Names[point.kind], static_cast<unsigned long long>(point.n),
-                point.lasting ? " and all after it" : "", point.scenario, point.kind,
-                static_cast<unsigned long long>(point.n), point.lasting, what.c_str());
-}
-
-void Judge(const Point& point, Sum& sum)
-{
-    const int end = EndOf(point);
-    ++sum.points;
-    if (end != 0) {
-        ++sum.broken;
-        Tell(point, end < 0 ? "signal " + std::to_string(-end) : broken_promises[end]);
-    }
-    if (Prove::Names(*temp_folder) != names_of_maker &&
-        Prove::NamesAfterASweep(*temp_folder) != names_of_maker) {
-        ++sum.left;
-        Tell(point, "a name is left");
-    }
+    Judge({scenario, -1, 0, false});
+    std::vector<Point> points;
+    for (int kind = 0; kind < Below::Kinds; ++kind)
+        for (std::uint64_t n = 1; n <= shared->calls[kind]; ++n)
+            for (const bool lasting : {false, true})
+                points.push_back({scenario, kind, n, lasting});
+    std::shuffle(points.begin(), points.end(), std::mt19937(seed));
+    points.resize(std::min(points.size(), most));
+    return points;
 }
 
 /// Another process's pieces, for as long as it lives.
-int MakePieces(int output, int input)
+int MakePieces(int output)
 {
     alarm(0);
-    const TestConfiguration::Scope configuration;
-    Configure(1500, *temp_folder);
+    Prove::Settle(1500, temp);
     World world;
-    Settle(world);
+    Add(world);
     Zor_oBuffer out;
     for (std::size_t i = 0; i < 4; ++i)
-        World::pager()->StreamMemInfo(world.pieces[i], out);
-    char byte = 0;
-    return write(output, out.Bytes().data(), out.Bytes().size()) < 0 || read(input, &byte, 1) < 0;
+        Pager()->StreamMemInfo(world.pieces[i], out);
+    CHILD_CHECK(write(output, out.Bytes().data(), out.Bytes().size()) > 0);
+    return pause();
 }
 
-std::vector<Point> PointsOf(std::size_t scenario)
+int RunScenario(std::size_t scenario, std::size_t most, unsigned seed, std::optional<Point> only)
 {
-    auto* const calls = static_cast<std::uint64_t*>(Prove::SharedPage());
-    std::vector<Point> points;
-    const int end = EndOf({scenario, -1, 0, false}, calls);
-    if (end != 0)
-        std::printf("%s, with no failure: %d %s\n", scenarios[scenario].name, end,
-                    broken_promises[std::max(end, 0)]);
-    for (int kind = 0; end == 0 && kind < Below::Kinds; ++kind)
-        for (std::uint64_t n = 1; n <= calls[kind]; ++n)
-            for (const bool lasting : {false, true})
-                points.push_back({scenario, kind, n, lasting});
-    return points;
-}
-/// Sends the sum of a scenario's points to the parent, among mounts of its own.
-int RunScenario(std::size_t scenario, std::size_t most, unsigned seed, Sum& sum)
-{
+    alarm(0);
+    int ends[2];
+    char bytes[1000];
     if (!Prove::MountOwn(scenarios[scenario].shared_memory))
         return not_permitted;
-    int to_maker[2], from_maker[2];
-    char descriptors[1000];
-    CHILD_CHECK(pipe(to_maker) == 0, pipe(from_maker) == 0);
-    const pid_t maker = StartChild([&] { return MakePieces(from_maker[1], to_maker[0]); });
-    const ssize_t size = read(from_maker[0], descriptors, sizeof descriptors);
+    CHILD_CHECK(pipe(ends) == 0);
+    const pid_t maker = StartChild([&] { return MakePieces(ends[1]); });
+    const ssize_t size = read(ends[0], bytes, sizeof bytes);
     CHILD_CHECK(size > 0);
-    descriptors_of_maker.assign(descriptors, static_cast<std::size_t>(size));
-    names_of_maker = Prove::Names(*temp_folder);
-    std::vector<Point> points = PointsOf(scenario);
-    CHILD_CHECK(!points.empty());
-    if (only)
-        points.assign(1, *only);
-    std::shuffle(points.begin(), points.end(), std::mt19937(seed));
-    points.resize(std::min(points.size(), most));
-    for (const Point& point : points)
-        Judge(point, sum);
+    descriptors.assign(bytes, static_cast<std::size_t>(size));
+    names_of_maker = Prove::Names(temp);
+    for (const Point& point : only ? std::vector{*only} : PointsOf(scenario, most, seed))
+        Judge(point);
     return EndByKill(maker) ? 0 : 2;
 }
 } // namespace
 
 int main(int argc, char** argv)
 {
-    if (argc < 3)
-        return 2;
-    const TempFolder temp;
-    temp_folder = &temp.path;
     std::setvbuf(stdout, nullptr, _IONBF, 0); // children that exit have nothing to write twice
-    auto& sum = *static_cast<Sum*>(Prove::SharedPage());
-    const std::size_t most = std::stoul(argv[1]) / std::size(scenarios);
-    const auto seed = static_cast<unsigned>(std::stoul(argv[2]));
+    const TempFolder folder;
+    temp = folder.path;
+    shared = &Prove::Share<Shared>();
+    constexpr std::size_t all = std::size(scenarios);
+    std::optional<Point> only;
     if (argc == 7)
-        only = {std::stoul(argv[3]), std::stoi(argv[4]), std::stoul(argv[5]), *argv[6] == '1'};
-    for (std::size_t scenario = only ? only->scenario : 0;
-         scenario < (only ? only->scenario + 1 : std::size(scenarios)); ++scenario) {
-        const long before = sum.points;
-        const int code = InChild([&] {
-            alarm(0);
-            return RunScenario(scenario, most, seed, sum);
-        });
+        only = {Prove::Number(argv[3]), std::stoi(argv[4]), Prove::Number(argv[5]),
+                *argv[6] == '1'};
+    for (std::size_t scenario = 0; scenario < all; ++scenario) {
+        if (only && only->scenario != scenario)
+            continue;
+        const std::size_t most = Prove::Number(argv[1]) / all;
+        const int code =
+            InChild([&] { return RunScenario(scenario, most, Prove::Number(argv[2]), only); });
         if (code != 0)
-            return std::printf("%s: %d\n", scenarios[scenario].name, code), code;
-        std::printf("%s: %ld points\n", scenarios[scenario].name, sum.points - before);
+            return code;
+        std::printf("%ld points after %s\n", shared->points, scenarios[scenario].name);
     }
-    std::printf(
-        "= %ld points in %zu scenarios, %d kinds of calls: %ld with a broken promise\nleft %ld\n",
-        sum.points, std::size(scenarios), Below::Kinds, sum.broken, sum.left);
-    return sum.broken + sum.left == 0 ? 0 : 1;
+    std::printf("= %ld points in %zu scenarios, %d kinds of calls: %ld with a crash or a broken "
+                "promise\nleft %ld\n",
+                shared->points, all, Below::Kinds, shared->failed, shared->left);
+    return shared->failed + shared->left == 0 ? 0 : 1;
 }

@@ -2,18 +2,21 @@
 #define PROVE_PROVE_H
 
 #include "Mem/Mem_Inspection.h"
+#include "Mem/Mem_MemPager.h"
 #include "NRVlog/Zor_LogFile.h"
 #include "posix/support/Children.h"
+#include "support/PagerWorld.h"
 #include "support/ThisProcess.h"
 
-#include <cstdlib>
+#include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <string>
 
 #include <sys/mman.h>
 
 /// What the programs of scripts/prove have in common. Each is called as `PROGRAM AMOUNT SEED`, ends
-/// with 0 if what it shows holds, and prints a line "= figure" and a line "left NUMBER".
+/// with 0 if what it shows holds, and prints a line "= figure" and a line "left NAMES".
 namespace Prove
 {
 
@@ -25,7 +28,19 @@ inline bool MountOwn(const char* options = "mode=1777")
            Mount("tmpfs", "/dev/shm", options);
 }
 
-/// Names in both folders, those of dead processes and of living ones.
+/// Small regions, little cache, and a log where each line is put together and none is written.
+inline void Settle(unsigned swap_mb, const std::string& temp)
+{
+    static const TestConfiguration::Scope configuration;
+    TestConfiguration::cache_limit = 2 * 65536 - 1;
+    TestConfiguration::trim_limit = 1;
+    Configure(swap_mb, temp);
+    Zor_LogFile::SetLogConfigDir(temp.c_str());
+    ZorGLog.SetLogLevel(5);
+    ZorGLog.SetSink([](const Zor_LogRecord&) {});
+}
+
+/// Names in both folders, of dead processes and of living ones.
 inline long Names(const std::string& temp)
 {
     long names = 0;
@@ -42,18 +57,29 @@ inline long NamesAfterASweep(const std::string& temp)
     return Names(temp);
 }
 
-/// Memory that is shared with children, all 0.
-inline void* SharedPage()
+/// Memory that is shared with children that are forked later.
+template <class Content>
+Content& Share()
 {
-    return mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return *new (mmap(nullptr, sizeof(Content), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
+                      -1, 0)) Content{};
 }
 
-/// Nothing is written, but each line is put together.
-inline void QuietLog(const std::string& folder)
+inline unsigned Number(const char* text)
 {
-    Zor_LogFile::SetLogConfigDir(folder.c_str());
-    ZorGLog.SetLogLevel(5);
-    ZorGLog.SetSink([](const Zor_LogRecord&) {});
+    return static_cast<unsigned>(std::stoul(text));
+}
+
+/// A piece is full of one byte.
+inline void Fill(const MEM_PagerInfo& info, std::size_t byte)
+{
+    std::memset(info.Ptr(), static_cast<int>(byte), info.Size());
+}
+inline bool IsFullOf(const MEM_PagerInfo& info, std::size_t byte)
+{
+    const auto* const first = static_cast<const unsigned char*>(info.Ptr());
+    const auto is = [byte](unsigned char one) { return one == static_cast<unsigned char>(byte); };
+    return std::all_of(first, first + info.Size(), is);
 }
 
 } // namespace Prove
