@@ -104,6 +104,13 @@ public:
     /// the place of every argument; it is read once in the process.
     virtual void SetCacheSize(unsigned int mb);
 
+    /// The largest piece, in bytes, whose pages are found at once when its view is made, so that no
+    /// touch of it has to wait for them; 0 for none. See docs/misses.md for what is won and lost by
+    /// it, and MEM_PagerInfo::Prefetch() for single stretches. 0 unless set.
+    virtual unsigned int PrefetchSize();
+    /// Sets that size.
+    virtual void SetPrefetchSize(unsigned int bytes);
+
     /// Bytes really unmapped after which the working set is trimmed; 0, the default, for never.
     virtual unsigned long long UnmapWorkingSetLimit();
     /// Sets that limit.
@@ -128,6 +135,7 @@ private:
     unsigned int m_block_size_threshold = 128000;
     unsigned int m_base_block_size = 8454144;
     unsigned int m_swap_commit_adaptive_limit = 0;
+    unsigned int m_prefetch_size = 0;
 };
 
 #endif

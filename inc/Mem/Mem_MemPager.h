@@ -223,6 +223,7 @@ private:
     int Cache(MEM_PagerInfo& info);
     int MapWithoutLocks(MEM_PagerInfo& info) FIBREX_REQUIRES(mutex);
     int UnmapWithoutLocks(MEM_PagerInfo& info) FIBREX_REQUIRES(mutex);
+    int map_piece(MEM_PagerInfo& info, bool& is_anew) FIBREX_REQUIRES(mutex);
     int private_map(RegisteredBlock& block, bool try_clear) FIBREX_REQUIRES(mutex);
     int map_after_clearing(RegisteredBlock& block) FIBREX_REQUIRES(mutex);
     int report_refused_map(const RegisteredBlock& block) FIBREX_REQUIRES(mutex);

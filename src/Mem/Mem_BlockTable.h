@@ -19,6 +19,7 @@ struct RegisteredBlock {
     int ref = 0;          ///< pieces registered on this block
     int m_ref = 0;        ///< pieces that hold this block mapped
     int stat = kUnmapped; ///< one of the three states
+    unsigned views = 0;   ///< that it has had, the present one included
 };
 
 /// The block table: records by block id. Ids rise by one with each block and aren't given again

@@ -3,6 +3,7 @@
 #include "Mem/Mem_Limits.h"
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_PagerLog.h"
+#include "Mem/Mem_PagerMapping.h"
 #include "Mem/Mem_PagerRooms.h"
 #include "Mem/Mem_Refusal.h"
 #include "Mem/Mem_Reports.h"
@@ -188,13 +189,31 @@ int MEM_MemPager::Free(MEM_PagerInfo& info)
 
 // Mapping ---------------------------------------------------------------------------------------
 
+// The pages are found without the pager's lock: it can take long, and the handle keeps the view.
 int MEM_MemPager::Map(MEM_PagerInfo& info)
 {
-    WindowUnixGuard lock(&mutex);
-    return MapWithoutLocks(info);
+    bool is_anew = false;
+    {
+        WindowUnixGuard lock(&mutex);
+        if (map_piece(info, is_anew) != 0)
+            return -1;
+    }
+    if (is_anew)
+        MakeSmallReady(*info.GetMemInfoPtr(), Platform::Mappings::Access::Read);
+    return 0;
 }
 
 int MEM_MemPager::MapWithoutLocks(MEM_PagerInfo& info)
+{
+    bool is_anew = false;
+    const int result = map_piece(info, is_anew);
+    if (is_anew)
+        MakeSmallReady(*info.GetMemInfoPtr(), Platform::Mappings::Access::Read);
+    return result;
+}
+
+/// `is_anew` becomes whether a view was made for it.
+int MEM_MemPager::map_piece(MEM_PagerInfo& info, bool& is_anew)
 {
     if (info.Ptr() != nullptr)
         return 0;
@@ -204,8 +223,10 @@ int MEM_MemPager::MapWithoutLocks(MEM_PagerInfo& info)
     RegisteredBlock& block = block_of(id);
     const Mem_Counter counter = counter_of_map(block);
     counter.Mark();
+    const unsigned views = block.views;
     if (private_map(block, true) == -1)
         return -1;
+    is_anew = block.views != views;
     m_rooms->views.Hold(id, block);
     info.GetMemInfoPtr()->UpdatePtrByBase(block.owner->Ptr());
     counter.Close();

@@ -36,9 +36,11 @@ int Mem_Views::Open(RegisteredBlock& block)
 {
     assert(block.stat == RegisteredBlock::kUnmapped);
     const int failure = block.owner->Map();
-    if (failure == 0)
-        m_total_mapped += block.owner->Size();
-    return failure;
+    if (failure != 0)
+        return failure;
+    m_total_mapped += block.owner->Size();
+    ++block.views;
+    return 0;
 }
 
 void Mem_Views::Hold(int id, RegisteredBlock& block)

@@ -8,7 +8,8 @@
 #include <cstdint>
 
 /// The views of a pager's blocks: which blocks have one, who holds it, which of them wait in the
-/// cache, and how many bytes that makes. Nobody else writes a block's `stat` and `m_ref`.
+/// cache, and how many bytes that makes. Nobody else writes a block's `stat`, `m_ref`
+/// and `views`.
 ///
 /// A block's view goes these ways, each by one function that asserts where it comes from:
 ///

@@ -79,6 +79,24 @@ public:
     /// @return false on failure; the view then still exists.
     virtual bool UnmapView(void* view, std::uint64_t size) = 0;
 
+    /// What is about to be done with bytes of this process.
+    enum class Access {
+        Read, ///< of a view
+        Write,
+        First ///< to write to memory that nothing has been written to, of a view or not
+    };
+
+    /// Has the system find the pages of [bytes, bytes + size) now, in one call, instead of one by
+    /// one at their first touch. The bytes lie in one view, or, for Access::First, in any memory of
+    /// this process; they keep their values. Takes no memory that the touches wouldn't take.
+    /// Allocates nothing.
+    ///
+    /// No operation fails for want of it: the pages that aren't ready are found when they are
+    /// touched. A system that has no such call does nothing; once that is known, at no cost.
+    ///
+    /// @return whether the pages are ready.
+    virtual bool Prefetch(void* bytes, std::uint64_t size, Access access) = 0;
+
     /// Offsets of views, and the addresses that views get, are multiples of this.
     virtual std::uint32_t AllocationGranularity() = 0;
 

@@ -69,6 +69,7 @@ public:
     FORWARD_OR(nullptr, View, void*, MapView, (void* m, std::uint64_t o, std::uint64_t s),
                (m, o, s))
     FORWARD(bool, UnmapView, (void* v, std::uint64_t s), (v, s))
+    FORWARD(bool, Prefetch, (void* b, std::uint64_t s, Access a), (b, s, a))
     FORWARD(std::uint32_t, AllocationGranularity, (), ())
     FORWARD_OR(false, Trim, bool, TrimWorkingSet, (Views & v), (v))
     FORWARD(Cause, LastCause, (), ())
