@@ -140,7 +140,8 @@ public:
     /// @throws RWBoundsErr at the first whose piece was freed; those behind it stay mapped.
     void UnmapMemPagerInfoVec(MEM_PagerInfo** infos, int count);
 
-    /// Fills `status` with this pager's accounting, a consistent picture. @return 0.
+    /// Fills `status` with this pager's accounting, a consistent picture. Costs next to nothing,
+    /// but where regions are of huge pages the system is asked about every view. @return 0.
     int GetCurrentStatus(Mem_Status& status);
 
     /// Writes the pager's totals and its heap's blocks to standard output, and one line per
@@ -223,6 +224,7 @@ private:
     int Cache(MEM_PagerInfo& info);
     int MapWithoutLocks(MEM_PagerInfo& info) FIBREX_REQUIRES(mutex);
     int UnmapWithoutLocks(MEM_PagerInfo& info) FIBREX_REQUIRES(mutex);
+    unsigned int view_number(const MEM_PagerInfo& info);
     int map_piece(MEM_PagerInfo& info, bool& is_anew) FIBREX_REQUIRES(mutex);
     int private_map(RegisteredBlock& block, bool try_clear) FIBREX_REQUIRES(mutex);
     int map_after_clearing(RegisteredBlock& block) FIBREX_REQUIRES(mutex);

@@ -234,6 +234,13 @@ int MEM_MemPager::map_piece(MEM_PagerInfo& info, bool& is_anew)
     return 0;
 }
 
+/// The same as long as the block's view is: one that is made anew gets another number.
+unsigned int MEM_MemPager::view_number(const MEM_PagerInfo& info)
+{
+    WindowUnixGuard lock(&mutex);
+    return m_rooms->blocks.At(info.Block()).views;
+}
+
 /// The counter for a map of the block. A block that is mapped already costs nothing, and isn't
 /// counted.
 Mem_Counter MEM_MemPager::counter_of_map(const RegisteredBlock& block)
@@ -393,20 +400,21 @@ int MEM_MemPager::GetCurrentStatus(Mem_Status& status)
     m_rooms->blocks.Tell(status);
     status.total_cached = m_rooms->views.TotalCached();
     status.total_mapped = m_rooms->views.TotalMapped();
+    status.total_huge = m_rooms->views.HugeBytes();
     return 0;
 }
 
 void MEM_MemPager::PrintDebugStatus()
 {
     WindowUnixGuard lock(&mutex);
-    PrintStatus(*m_heap, {m_rooms->views.TotalMapped(), m_rooms->views.TotalCached()});
+    PrintStatus(*m_heap, m_rooms->views.Mapped());
     LogBlocks(m_rooms->blocks.Table());
 }
 
 void MEM_MemPager::PrintSharedMemoryStatus()
 {
     WindowUnixGuard lock(&mutex);
-    ReportSharedMemory(*m_heap, {m_rooms->views.TotalMapped(), m_rooms->views.TotalCached()});
+    ReportSharedMemory(*m_heap, m_rooms->views.Mapped());
 }
 
 void MEM_MemPager::check_invariants() const

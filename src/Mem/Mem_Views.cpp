@@ -165,6 +165,30 @@ void Mem_Views::Trim()
                 static_cast<int>(Platform::LastError()));
 }
 
+/// Tells this pager's views from others.
+class Mem_Views::All final : public Platform::Mappings::ViewSet
+{
+public:
+    explicit All(const Mem_BlockTable& blocks) : m_blocks(blocks) {}
+
+    bool Has(const void* view) const override
+    {
+        bool found = false;
+        m_blocks.ForEach([view, &found](int, const RegisteredBlock& block) {
+            found = found || block.owner->Ptr() == view;
+        });
+        return found;
+    }
+
+private:
+    const Mem_BlockTable& m_blocks;
+};
+
+unsigned long long Mem_Views::HugeBytes() const
+{
+    return Platform::Mappings::Get().HugeBytes(All(m_blocks));
+}
+
 const char* Mem_Views::Broken() const
 {
     Mem_FirstBreak check;

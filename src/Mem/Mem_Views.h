@@ -4,6 +4,7 @@
 #include "Mem/Mem_BlockTable.h"
 #include "Mem/Mem_Counter.h"
 #include "Mem/Mem_FifoQueue.h"
+#include "Mem/Mem_Reports.h"
 
 #include <cstdint>
 
@@ -93,6 +94,12 @@ public:
     unsigned long long TotalCached() const { return m_total_cached; }
     unsigned long long HeldByClients() const { return m_total_mapped - m_total_cached; }
 
+    /// Bytes of views that huge pages map at this moment.
+    unsigned long long HugeBytes() const;
+
+    /// The totals for a report.
+    Mem_Mapped Mapped() const { return {m_total_mapped, m_total_cached, HugeBytes()}; }
+
     /// Compares states, queue and totals with each other. @return the first relation that doesn't
     /// hold; null if all do.
     const char* Broken() const;
@@ -101,6 +108,7 @@ private:
     friend struct Mem_TestAccess;
 
     class Walk;
+    class All;
 
     static constexpr char zor_log_source[] = "src/Mem/Mem_MemPager";
 

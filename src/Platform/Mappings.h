@@ -116,6 +116,29 @@ public:
     /// only trims whole processes need not read them. Mappings and contents stay.
     virtual bool TrimWorkingSet(Views& views) = 0;
 
+    // Huge pages ----------------------------------------------------------------------------
+    // Where the system offers them, mappings of shared memory are made of such pages by themselves.
+
+    /// Views that are meant.
+    class ViewSet
+    {
+    public:
+        /// Whether the view that begins there is one of them. Calls nothing of the platform.
+        virtual bool Has(const void* view) const = 0;
+
+    protected:
+        ~ViewSet() = default;
+    };
+
+    /// Bytes of `views`, views of mappings, that huge pages map at this moment; 0 where the system
+    /// doesn't tell. It is asked about all views, so that this takes time, but where no mapping
+    /// could be made of such pages. Allocates nothing.
+    virtual std::uint64_t HugeBytes(const ViewSet& views) = 0;
+
+    /// Has private memory of this process use huge pages when it is touched, if it is large and
+    /// there is that much memory left; else does nothing. It keeps its values. Allocates nothing.
+    virtual void PreferHugePages(void* memory, std::uint64_t size) = 0;
+
     // What stands in the way ----------------------------------------------------------------
 
     /// What the cause of this thread's last failure comes to for a mapping or a file that was to

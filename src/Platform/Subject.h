@@ -25,6 +25,7 @@ enum class Subject {
     OpenFiles,     ///< the machine's
     TempFolder,    ///< whether files can be made there
     Views,         ///< what they are made from
+    HugePages,     ///< whether shared memory is made of them
     NamesAtLogout, ///< what becomes of them
     Malloc         ///< whether its failures come by this library
 };

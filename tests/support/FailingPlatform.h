@@ -72,6 +72,8 @@ public:
     FORWARD(bool, Prefetch, (void* b, std::uint64_t s, Access a), (b, s, a))
     FORWARD(std::uint32_t, AllocationGranularity, (), ())
     FORWARD_OR(false, Trim, bool, TrimWorkingSet, (Views & v), (v))
+    FORWARD(std::uint64_t, HugeBytes, (const ViewSet& v), (v))
+    FORWARD(void, PreferHugePages, (void* m, std::uint64_t s), (m, s))
     FORWARD(Cause, LastCause, (), ())
     FORWARD(LimitsMet, LastLimits, (char* t, std::size_t s), (t, s))
     FORWARD_OR(false, Remove, bool, RemoveFile, (const char* p), (p))

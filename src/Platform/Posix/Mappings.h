@@ -32,6 +32,9 @@ public:
     std::uint32_t AllocationGranularity() override;
     bool TrimWorkingSet(Views& views) override;
 
+    std::uint64_t HugeBytes(const ViewSet& views) override;
+    void PreferHugePages(void* memory, std::uint64_t size) override;
+
     Cause LastCause() override;
     LimitsMet LastLimits(char* text, std::size_t size) override;
 
