@@ -23,7 +23,8 @@ struct PlatformCalls {
         List = 64,    ///< folders, which then can't be read, and maps
         Ask = 128,    ///< for facts on files and folders
         Write = 256,  ///< files of words, and their lengths
-        OnForks = 512 ///< what is to run then
+        OnForks = 512, ///< what is to run then
+        Find = 1024    ///< pages, ahead of their touch
     };
 };
 
@@ -69,7 +70,7 @@ public:
     FORWARD_OR(nullptr, View, void*, MapView, (void* m, std::uint64_t o, std::uint64_t s),
                (m, o, s))
     FORWARD(bool, UnmapView, (void* v, std::uint64_t s), (v, s))
-    FORWARD(bool, Prefetch, (void* b, std::uint64_t s, Access a), (b, s, a))
+    FORWARD_OR(false, Find, bool, Prefetch, (void* b, std::uint64_t s, Access a), (b, s, a))
     FORWARD(std::uint32_t, AllocationGranularity, (), ())
     FORWARD_OR(false, Trim, bool, TrimWorkingSet, (Views & v), (v))
     FORWARD(std::uint64_t, HugeBytes, (const ViewSet& v), (v))
