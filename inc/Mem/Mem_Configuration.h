@@ -104,17 +104,17 @@ public:
     /// the place of every argument; it is read once in the process.
     virtual void SetCacheSize(unsigned int mb);
 
+    /// Bytes really unmapped after which the working set is trimmed; 0, the default, for never.
+    virtual unsigned long long UnmapWorkingSetLimit();
+    /// Sets that limit.
+    virtual void SetUnmapWorkingSetLimit(unsigned int bytes);
+
     /// The largest piece, in bytes, whose pages are found at once when its view is made, so that no
     /// touch of it has to wait for them; 0 for none. See docs/misses.md for what is won and lost by
     /// it, and MEM_PagerInfo::Prefetch() for single stretches. 0 unless set.
     virtual unsigned int PrefetchSize();
     /// Sets that size.
     virtual void SetPrefetchSize(unsigned int bytes);
-
-    /// Bytes really unmapped after which the working set is trimmed; 0, the default, for never.
-    virtual unsigned long long UnmapWorkingSetLimit();
-    /// Sets that limit.
-    virtual void SetUnmapWorkingSetLimit(unsigned int bytes);
 
 protected:
     /// The defaults. Reads the machine's memory and the environment, and logs the cache size.

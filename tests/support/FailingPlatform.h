@@ -19,10 +19,10 @@ struct PlatformCalls {
         Unview = 4,
         Close = 8,
         Trim = 16,
-        Remove = 32,  ///< files, names and links
-        List = 64,    ///< folders, which then can't be read, and maps
-        Ask = 128,    ///< for facts on files and folders
-        Write = 256,  ///< files of words, and their lengths
+        Remove = 32,   ///< files, names and links
+        List = 64,     ///< folders, which then can't be read, and maps
+        Ask = 128,     ///< for facts on files and folders
+        Write = 256,   ///< files of words, and their lengths
         OnForks = 512, ///< what is to run then
         Find = 1024    ///< pages, ahead of their touch
     };
