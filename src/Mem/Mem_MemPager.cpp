@@ -199,7 +199,7 @@ int MEM_MemPager::Map(MEM_PagerInfo& info)
             return -1;
     }
     if (is_anew)
-        MakeSmallReady(*info.GetMemInfoPtr(), Platform::Mappings::Access::Read);
+        MakeSmallReady(*info.GetMemInfoPtr(), Platform::Mappings::Access::Write);
     return 0;
 }
 
@@ -208,7 +208,7 @@ int MEM_MemPager::MapWithoutLocks(MEM_PagerInfo& info)
     bool is_anew = false;
     const int result = map_piece(info, is_anew);
     if (is_anew)
-        MakeSmallReady(*info.GetMemInfoPtr(), Platform::Mappings::Access::Read);
+        MakeSmallReady(*info.GetMemInfoPtr(), Platform::Mappings::Access::Write);
     return result;
 }
 

@@ -91,10 +91,13 @@ public:
     /// this process; they keep their values. Takes no memory that the touches wouldn't take.
     /// Allocates nothing.
     ///
+    /// For Access::Read, a system on which one read finds many pages only brings what isn't in
+    /// memory, and doesn't wait for it: the rest would take longer than the reads.
+    ///
     /// No operation fails for want of it: the pages that aren't ready are found when they are
     /// touched. A system that has no such call does nothing; once that is known, at no cost.
     ///
-    /// @return whether the pages are ready.
+    /// @return whether the pages are ready, or as near as the system takes them ahead.
     virtual bool Prefetch(void* bytes, std::uint64_t size, Access access) = 0;
 
     /// Offsets of views, and the addresses that views get, are multiples of this.

@@ -107,8 +107,9 @@ const char* name_of(HugePolicy policy)
     return "never";
 }
 
-/// What a miss takes with pages of both kinds, in words; empty if it can't be measured.
-std::string measured(int file)
+/// What a miss takes with pages of both kinds, in words; empty if it can't be measured. Tells
+/// whether pages could be made huge ones.
+std::string measured(int file, bool& can_be_had)
 {
     const Addresses addresses;
     char text[160] = "";
@@ -119,7 +120,8 @@ std::string measured(int file)
         return text;
     touch(view); // clears them
     const double small = miss(addresses, file, static_cast<std::size_t>(getpagesize()));
-    if (collapse(addresses, file))
+    can_be_had = collapse(addresses, file);
+    if (can_be_had)
         std::snprintf(text, sizeof text, "; a miss of 8 MB takes %.0f us, with huge pages %.0f us",
                       small, miss(addresses, file, 0));
     else
@@ -136,8 +138,13 @@ void LookAtHugePages(const LookedAt& folders, Platform::Inspection::Fact& fact)
     if (shared.error != 0 || shared.on_disk || !file)
         return; // shared memory tells it
     const HugePolicy policy = HugePolicyOf(file.Get());
-    fact.value =
-        std::string("huge=") + name_of(policy) + " in " + shared.folder + measured(file.Get());
-    if (policy == HugePolicy::Never)
-        fact.value += std::string("; on by: mount -o remount,huge=within_size ") + shared.folder;
+    bool can_be_had = false;
+    const std::string times = measured(file.Get(), can_be_had);
+    const std::string mount = std::string("huge=") + name_of(policy) + " in " + shared.folder;
+    if (policy != HugePolicy::Never)
+        fact.value = mount + times;
+    else if (can_be_had)
+        fact.value = "asked for (" + mount + ")" + times;
+    else
+        fact.value = mount + times + "; on by: mount -o remount,huge=within_size " + shared.folder;
 }

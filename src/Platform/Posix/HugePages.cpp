@@ -10,6 +10,7 @@
 #include <atomic>
 #include <charconv>
 #include <cstdio>
+#include <ctime>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -24,9 +25,79 @@ constinit std::atomic<bool> are_in_use = false;
 
 bool system_has_them()
 {
-    Lines lines("/sys/kernel/mm/transparent_hugepage/hpage_pmd_size");
-    std::string_view line;
-    return lines.Next(line) && line == "2097152";
+    static const bool has = [] {
+        Lines lines("/sys/kernel/mm/transparent_hugepage/hpage_pmd_size");
+        std::string_view line;
+        return lines.Next(line) && line == "2097152";
+    }();
+    return has;
+}
+
+std::uintptr_t number_of(const void* address)
+{
+    return reinterpret_cast<std::uintptr_t>(address);
+}
+
+/// @return null if there are none.
+char* reserve_addresses(void* wish, std::size_t size)
+{
+    constexpr int flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
+    void* const begin = mmap(wish, size, PROT_NONE, flags, -1, 0);
+    return begin == MAP_FAILED ? nullptr : static_cast<char*>(begin);
+}
+
+/// The part of wider addresses that begins where a huge page could.
+char* reserve_within(std::size_t size)
+{
+    const auto page = static_cast<std::size_t>(getpagesize());
+    const std::size_t length = (size + page - 1) / page * page;
+    const std::size_t spare = HugePage - page;
+    char* const wide = reserve_addresses(nullptr, length + spare);
+    if (wide == nullptr)
+        return nullptr;
+    const std::size_t front = (HugePage - number_of(wide) % HugePage) % HugePage;
+    const std::size_t back = spare - front;
+    if ((front == 0 || munmap(wide, front) == 0) &&
+        (back == 0 || munmap(wide + front + length, back) == 0))
+        return wide + front;
+    munmap(wide, length + spare);
+    return nullptr;
+}
+
+// Asking for them ------------------------------------------------------------------------------
+
+/// Seconds of the steady clock.
+std::int64_t now()
+{
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return time.tv_sec;
+}
+
+/// Where the system had none, memory is in pieces: asking again at once would only take time.
+constinit std::atomic<std::int64_t> not_asked_before = 0;
+
+bool may_be_asked_for()
+{
+    return now() >= not_asked_before.load(std::memory_order_relaxed);
+}
+
+/// The system makes one of what is there already, so each begins with a page.
+bool begin_each(int file, std::uint64_t offset, std::uint64_t size)
+{
+    const auto page = static_cast<off_t>(getpagesize());
+    for (std::uint64_t at = offset; at < offset + size; at += HugePage)
+        if (fallocate(file, 0, static_cast<off_t>(at), page) != 0)
+            return false;
+    return true;
+}
+
+void ask_for(void* bytes, std::uint64_t size)
+{
+    constexpr int collapse = 25; // MADV_COLLAPSE, which the C library's headers may not have
+    constexpr std::int64_t pause = 2;
+    if (madvise(bytes, size, collapse) != 0)
+        not_asked_before.store(now() + pause, std::memory_order_relaxed);
 }
 
 /// Options of a file system come last in its line of the table of mounts.
@@ -63,7 +134,7 @@ HugePolicy policy_in_table(dev_t device)
 }
 
 /// The number that a text begins with, after spaces.
-std::uint64_t number_of(std::string_view text, int base)
+std::uint64_t number_in(std::string_view text, int base)
 {
     std::uint64_t number = 0;
     text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
@@ -95,20 +166,28 @@ bool HugePagesAreInUse()
     return are_in_use.load(std::memory_order_relaxed);
 }
 
+void* PlaceForView(std::uint64_t size, void* wish)
+{
+    if (size < HugePage || !system_has_them())
+        return nullptr;
+    const KeepErrno keep;
+    if (wish != nullptr) {
+        char* const place = reserve_addresses(wish, size);
+        if (place == nullptr || number_of(place) % HugePage == 0)
+            return place;
+        munmap(place, size);
+    }
+    return reserve_within(size);
+}
+
 HugeFile::HugeFile(int file, std::uint64_t size)
     : m_file(file), m_size(size), m_policy(size < HugePage ? HugePolicy::Never : HugePolicyOf(file))
 {
-    if (m_policy == HugePolicy::Never)
-        return;
-    are_in_use.store(true, std::memory_order_relaxed);
-    if (m_policy != HugePolicy::Advise)
-        return;
-    const KeepErrno keep;
-    void* const view = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-    if (view == MAP_FAILED)
-        return;
-    m_view = view;
-    madvise(view, size, MADV_HUGEPAGE);
+    const bool is_offered = m_policy != HugePolicy::Never;
+    if (is_offered || may_be_asked_for())
+        are_in_use.store(true, std::memory_order_relaxed);
+    if (m_policy == HugePolicy::Advise || (!is_offered && may_be_asked_for()))
+        make_view();
 }
 
 HugeFile::~HugeFile()
@@ -118,15 +197,36 @@ HugeFile::~HugeFile()
         munmap(m_view, m_size);
 }
 
-/// Reserving doesn't heed advice, a touch does. What a touch couldn't have is reserved then.
-void HugeFile::Offer(std::uint64_t offset) const
+void HugeFile::make_view()
 {
     const KeepErrno keep;
-    if (m_policy == HugePolicy::Never ||
-        ftruncate(m_file, static_cast<off_t>(offset + HugePage)) != 0)
+    void* const place = PlaceForView(m_size);
+    if (place == nullptr)
         return;
-    if (m_view != nullptr && CanPopulate())
-        Populate(static_cast<char*>(m_view) + offset, HugePage, Populating::ToWrite);
+    void* const view =
+        mmap(place, m_size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, m_file, 0);
+    if (view == MAP_FAILED) {
+        munmap(place, m_size);
+        return;
+    }
+    m_view = static_cast<char*>(view);
+    if (m_policy == HugePolicy::Advise)
+        madvise(view, m_size, MADV_HUGEPAGE);
+}
+
+/// Reserving doesn't heed advice, a touch does. What couldn't be had is reserved then.
+void HugeFile::Offer(std::uint64_t offset, std::uint64_t size) const
+{
+    const KeepErrno keep;
+    const std::uint64_t whole = size / HugePage * HugePage;
+    if (whole == 0 || offset % HugePage != 0 ||
+        (m_policy == HugePolicy::Never && m_view == nullptr) ||
+        ftruncate(m_file, static_cast<off_t>(offset + whole)) != 0 || m_view == nullptr)
+        return;
+    if (m_policy == HugePolicy::Never && may_be_asked_for() && begin_each(m_file, offset, whole))
+        ask_for(m_view + offset, whole);
+    else if (m_policy == HugePolicy::Advise && CanPopulate())
+        Populate(m_view + offset, whole, Populating::ToWrite);
 }
 
 // PosixMappings ----------------------------------------------------------------------------------
@@ -143,9 +243,9 @@ std::uint64_t PosixMappings::HugeBytes(const ViewSet& views)
     for (std::string_view line; lines.Next(line);) {
         const std::string_view key = take(line, " ");
         if (!key.ends_with(':'))
-            view = number_of(key, 16);
+            view = number_in(key, 16);
         else if (key == "ShmemPmdMapped:")
-            if (const std::uint64_t huge = number_of(line, 10); huge != 0)
+            if (const std::uint64_t huge = number_in(line, 10); huge != 0)
                 kibibytes += views.Has(reinterpret_cast<const void*>(view)) ? huge : 0;
     }
     return kibibytes << 10;

@@ -151,9 +151,11 @@ bool PosixMappings::UnmapView(void* view, std::uint64_t size)
 
 bool PosixMappings::Prefetch(void* bytes, std::uint64_t size, Access access)
 {
+    const NoCancellation calm;
+    if (access == Access::Read && ReadsFindNeighbours())
+        return Reported(Populate(bytes, size, Populating::Soon));
     if (!CanPopulate())
         return errno = EINVAL, Reported(false);
-    const NoCancellation calm;
     const bool is_ready = access == Access::First || Populate(bytes, size, Populating::ToRead);
     return Reported(is_ready &&
                     (access == Access::Read || Populate(bytes, size, Populating::ToWrite)));

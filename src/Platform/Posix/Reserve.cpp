@@ -20,7 +20,7 @@ namespace
 {
 
 constexpr std::uint64_t disk_step = std::uint64_t{1} << 30;
-constexpr std::uint64_t memory_step = HugePage; // so that such pages can be taken
+constexpr std::uint64_t memory_step = 8 * HugePage; // a look takes as long as a part of one
 constexpr std::uint64_t least_step = std::uint64_t{1} << 16;
 
 bool is_memory(const struct statfs& status)
@@ -74,15 +74,17 @@ bool reserve_in_steps(int file, std::uint64_t size, std::uint64_t step, Look loo
     return true;
 }
 
-/// Near a limit the steps are small, and no huge page is asked for.
+/// Steps end where huge pages do. Near a limit they are small, and no such page is asked for.
 std::uint64_t look_and_offer(const MemoryHeadroom& headroom, const HugeFile& huge,
                              std::uint64_t more, std::uint64_t done)
 {
-    if (huge.TakesThemAnyway())
-        return std::min(more, headroom.Grants(HugePage, done, HugePage));
-    const std::uint64_t now = headroom.Grants(more, done);
-    if (now == HugePage)
-        huge.Offer(done);
+    const std::uint64_t in_huge_pages = (more + HugePage - 1) / HugePage * HugePage;
+    std::uint64_t now = huge.TakesThemAnyway()
+                            ? std::min(more, headroom.Grants(in_huge_pages, done, HugePage))
+                            : headroom.Grants(more, done);
+    if (now < more && now > HugePage)
+        now -= now % HugePage;
+    huge.Offer(done, now);
     return now;
 }
 

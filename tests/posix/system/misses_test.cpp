@@ -12,6 +12,8 @@
 #include <cstring>
 #include <string>
 
+#include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/statvfs.h>
 
 namespace
@@ -33,7 +35,13 @@ unsigned long long HugeBytes()
     return status.total_huge;
 }
 
-int RegionsAreOf(const std::string& offer)
+/// Whether the system knows the advice by which a program asks for them.
+bool CanBeAskedFor()
+{
+    return madvise(nullptr, 0, 25) == 0;
+}
+
+int RegionsAreOf(const std::string& offer, bool is_huge)
 {
     if (!IsOffered(offer))
         return not_permitted;
@@ -44,7 +52,6 @@ int RegionsAreOf(const std::string& offer)
         CHILD_CHECK(static_cast<char*>(piece.Ptr())[8 * MiB - 1] == 0);
         std::memset(piece.Ptr(), 1, 8 * MiB);
     }
-    const bool is_huge = offer != kOffers[0];
     CHILD_CHECK(HugeBytes() == (is_huge ? 3 * 8 * MiB : 0));
     CHILD_CHECK(pieces[0].Unmap() == 0);
     CHILD_CHECK(HugeBytes() == (is_huge ? 2 * 8 * MiB : 0));
@@ -64,9 +71,16 @@ class Misses : public testing::TestWithParam<std::string>
 
 TEST_P(Misses, FindRegionsOfTheOfferedPages)
 {
-    const int code = InChildAmongOwnMounts([] { return RegionsAreOf(GetParam()); });
+    const bool is_huge = GetParam() != kOffers[0] || CanBeAskedFor();
+    const int code = InChildAmongOwnMounts([is_huge] { return RegionsAreOf(GetParam(), is_huge); });
     SKIP_IF_NOT_PERMITTED(code);
     EXPECT_EQ(code, 0);
+}
+
+CHILD_TEST(SmallPages, DoWhereTheProcessIsDeniedOthers, InChildAmongOwnMounts)
+{
+    CHILD_CHECK(prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0) == 0);
+    return RegionsAreOf(kOffers[0], false);
 }
 
 /// Runs tests of a program, which end as a child does.
