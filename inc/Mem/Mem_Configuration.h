@@ -27,7 +27,8 @@ struct MEM_MemoryConfiguration_FileHeapParemeters {
 /// SetUnmapWorkingSetLimit() and SetSwapFileComitAdaptiveLimitMB().
 ///
 /// Threads: no lock. Configure before other threads use the library. The virtual getters are
-/// called from any thread with the pager's lock held, so they must not call the library.
+/// called from any thread with a lock of the library held, so they must not call the library; all
+/// but HeapCacheInBytes() by one thread at a time.
 class MEMPAGER_EXPORT MEM_MemoryConfiguration
 {
 public:
@@ -97,7 +98,7 @@ public:
     virtual void SetBaseBlockSize(unsigned int mb);
 
     /// The cache limit in bytes, held against all mapped memory: 500, 1000 or 2000 MB by the
-    /// machine's memory unless set.
+    /// machine's memory unless set. Several threads may ask for it at the same time.
     virtual unsigned long long HeapCacheInBytes();
 
     /// Sets that limit in MB. The environment variable VORTELIX_CACHE_SIZE, a number of MB, takes

@@ -18,6 +18,7 @@
 class MEM_MemInfo;
 class Mem_Counter;
 class Mem_ForkGuard;
+class Mem_Hits;
 struct Mem_FailedAllocation;
 class ShmmHeap;
 class Zor_oBuffer;
@@ -41,8 +42,9 @@ struct RegisteredBlock;
 ///
 /// Threads: any thread may call any public operation. Three kinds of lock, all recursive and
 /// class-wide, taken in this order: `mutex_vec` (vector operations), a stripe of the handles,
-/// `mutex`. Nothing is called back with them held, but for the log's sink and the virtual getters
-/// of the configuration.
+/// `mutex`. What a handle maps, or gives back, while its block keeps its view needs the stripe
+/// alone (docs/hits.md). Nothing is called back with them held, but for the log's sink and the
+/// virtual getters of the configuration.
 ///
 /// fork: a child has its parent's pieces, and what it writes there the parent sees; the names and
 /// files stay the parent's. New pieces of the child get regions of their own.
@@ -99,7 +101,8 @@ public:
     /// @return 0.
     int Free(MEM_PagerInfo& info);
 
-    /// Ends all views that nobody holds mapped. Allocates nothing.
+    /// Ends all views that nobody holds mapped; one that is mapped and given back by another thread
+    /// at that moment may stay. Allocates nothing.
     /// @return bytes that the mapped total fell by.
     unsigned long long ClearCache();
 
@@ -230,7 +233,9 @@ private:
     int map_after_clearing(RegisteredBlock& block) FIBREX_REQUIRES(mutex);
     int report_refused_map(const RegisteredBlock& block) FIBREX_REQUIRES(mutex);
     Mem_Counter counter_of_map(const RegisteredBlock& block) FIBREX_REQUIRES(mutex);
-    void keep_or_drop(int id, RegisteredBlock& block) FIBREX_REQUIRES(mutex);
+    void keep_or_drop(RegisteredBlock& block) FIBREX_REQUIRES(mutex);
+    RegisteredBlock* block_to_hit(const MEM_PagerInfo& info) const;
+    void check_after_hit() const;
 
     // Reclaim
     static void set_new_memory_handler() FIBREX_REQUIRES(mutex);
@@ -251,11 +256,14 @@ private:
     static ProcessSlot s_second;
     static std::atomic<bool> s_single_handle;
     static std::atomic<std::uint64_t> s_clearings; ///< that gave something back
+    static std::atomic<int> s_hits_held_off; ///< the guards over several handles that there are
     static const bool s_forks_are_guarded;
     static bool s_new_handler_handled FIBREX_GUARDED_BY(mutex);
 
+    const std::unique_ptr<Mem_Hits> m_hits; ///< what needs no `mutex`, see docs/hits.md
     const std::unique_ptr<Rooms> m_rooms FIBREX_PT_GUARDED_BY(mutex);
     ShmmHeap* const m_heap; ///< not owned
+    const bool m_counts;    ///< performance counters are in use: under `mutex`, so without hits
     bool m_stripe_held[MEM_PagerInfo::kStripes] FIBREX_GUARDED_BY(mutex_vec) = {};
     std::atomic<bool> m_ended = false; ///< the process ends: every operation is refused
 };
@@ -265,7 +273,8 @@ private:
 /// between them. Every other thread that needs the pagers waits as long.
 ///
 /// Belongs to the thread that made it. The array and its handles stay the caller's, must outlive
-/// the guard and must not change. Makes no allocation and never throws.
+/// the guard and must not change. Makes no allocation and never throws. What another thread had
+/// begun with other pieces when the guard came may end meanwhile.
 ///
 /// Guards nest, but an inner one, and every handle that is used, copied or destroyed inside, may
 /// concern only pieces of the outer one's handles: any other would be locked against the order

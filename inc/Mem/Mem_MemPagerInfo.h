@@ -29,13 +29,18 @@ enum MEM_ACCESS {
     MEM_TO_WRITE = 2, ///< they will be written, and perhaps read
 };
 
+struct RegisteredBlock;
+
 /// What all handles on one piece share. Made by MEM_PagerInfo::Assign(), deleted by the last
-/// handle. Guarded by the handles' stripe; `blk_id` by the pager's mutex.
+/// handle. Guarded by the handles' stripe.
 struct PagerInfoState {
     std::atomic<int> blk_id = -1;    ///< the block's id; -1 once the piece has been freed
     int map_count = 0;               ///< sum of the mappings that the handles hold
     int ref_count = 0;               ///< handles on this record
     MEM_MemInfo* mem_info = nullptr; ///< the piece; the heap's if local, else the pager's
+    /// The pager's record of the block; null once the piece has been freed, and where a client has
+    /// made the handle.
+    RegisteredBlock* block = nullptr;
 };
 
 /// A client's handle to one piece of memory: small, copyable, counted.

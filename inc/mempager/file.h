@@ -13,11 +13,11 @@
 
 namespace mempager
 {
-/// What can be told how far a long operation is: (bytes done, bytes in all).
+/// A function that is called with the progress of a long operation: (bytes done, bytes in all).
 template <class F>
 concept progress_function = std::invocable<F&, std::uint64_t, std::uint64_t>;
 
-/// For who doesn't want to know.
+/// The progress function of those who don't want one.
 struct no_progress {
     /// Takes how many bytes are done, and of how many.
     void operator()(std::uint64_t, std::uint64_t) const noexcept {}

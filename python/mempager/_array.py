@@ -4,7 +4,7 @@ from __future__ import annotations
 import math
 import operator
 import uuid
-from typing import Any, Callable, Iterator, List, Optional, Tuple
+from typing import Any, Callable, Iterator, List, Optional, SupportsIndex, Tuple
 
 import numpy as np
 
@@ -282,7 +282,7 @@ class Array:
 
     # Other processes -----------------------------------------------------------------------------
 
-    def __reduce_ex__(self, protocol: int) -> Any:
+    def __reduce_ex__(self, protocol: SupportsIndex) -> Any:
         layout = (self.shape, self._dtype, self._per_chunk)
         if _handover.is_by_bytes():
             chunks = [_handover.bytes_of(self._mapped(number), protocol)

@@ -12,13 +12,14 @@ from __future__ import annotations
 
 import contextlib
 import itertools
+import operator
 import os
 import pickle
 import secrets
 import sys
 import threading
 import weakref
-from typing import Any, Dict, Iterator, List, NamedTuple, Optional, Tuple
+from typing import Any, Dict, Iterator, List, NamedTuple, Optional, SupportsIndex, Tuple
 
 import numpy as np
 
@@ -91,10 +92,10 @@ def is_by_bytes() -> bool:
     return _choice.by_bytes or (dask is not None and dask.workers_elsewhere())
 
 
-def bytes_of(array: np.ndarray, protocol: int) -> Any:
+def bytes_of(array: np.ndarray, protocol: SupportsIndex) -> Any:
     """The bytes of an array on a mapping, which they keep if the protocol can."""
-    flat = memoryview(array.reshape(-1).view(np.uint8)) if array.nbytes else memoryview(b"")
-    return pickle.PickleBuffer(flat) if protocol >= 5 else bytes(flat)
+    flat = array.reshape(-1).view(np.uint8).data if array.nbytes else memoryview(b"")
+    return pickle.PickleBuffer(flat) if operator.index(protocol) >= 5 else bytes(flat)
 
 
 # Sending -----------------------------------------------------------------------------------------

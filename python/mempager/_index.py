@@ -99,7 +99,7 @@ def box(key: Any, shape: Tuple[int, ...]) -> Tuple[slice, Tuple[Any, ...]]:
     new_axes = next(i for i, part in enumerate(parts) if part is not None)
     first = parts[new_axes]
     if _is_basic(first):
-        rows = first if isinstance(first, slice) else _row(first, shape[0])
+        rows: Any = first if isinstance(first, slice) else _row(first, shape[0])
         if isinstance(rows, int):
             return slice(rows, rows + 1), (*parts[:new_axes], 0, *parts[new_axes + 1:])
         return rows, (*parts[:new_axes], slice(None), *parts[new_axes + 1:])

@@ -213,7 +213,7 @@ class _Guest:
                 self._keeper.lease(token, self._claims[token][0])
 
     def _fetch(self, tokens: List[bytes]) -> None:
-        self._connection.sendall(self._claims[tokens[0]][0].map(True))
+        self._connection.sendall(self._claims[tokens[0]][0].map(True))  # type: ignore[arg-type]
 
     def _write(self, tokens: List[bytes]) -> None:
         length, size = _SIZES.unpack(_read(self._connection, _SIZES.size))
@@ -229,9 +229,9 @@ class _Guest:
     @staticmethod
     def _put(memory: Memory, where: Dict[str, Any], values: bytearray) -> None:
         element = np.dtype((np.void, where["itemsize"]))
-        array = np.ndarray(where["shape"], element, memory.map())  # type: ignore[arg-type]
-        index = tuple(i if isinstance(i, int) else slice(*i) for i in where["index"])
-        there = array[index + (...,)]
+        array: np.ndarray = np.ndarray(where["shape"], element, memory.map())  # type: ignore
+        index: Any = (*(i if isinstance(i, int) else slice(*i) for i in where["index"]), ...)
+        there = array[index]
         there[...] = np.ndarray(there.shape, element, values)
 
 
@@ -297,7 +297,7 @@ class Connection:
         flat = np.ascontiguousarray(values).reshape(-1).view(np.uint8)
         with self._talk():
             self._ask(Operation.WRITE, [token], _SIZES.pack(len(text), flat.nbytes) + text)
-            self._socket.sendall(flat)
+            self._socket.sendall(flat.data)
             said = _read(self._socket, struct.unpack("<I", _read(self._socket, 4))[0])
         if said:
             raise ValueError(said.decode())

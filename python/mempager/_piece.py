@@ -4,7 +4,7 @@ from __future__ import annotations
 import math
 import operator
 import threading
-from typing import Any, Dict, List, Sequence, Tuple, Union
+from typing import Any, Dict, List, Sequence, SupportsIndex, Tuple, Union
 
 import numpy as np
 
@@ -18,7 +18,7 @@ ShapeLike = Union[int, Sequence[int]]
 def as_shape(shape: ShapeLike) -> Tuple[int, ...]:
     """The shape as a tuple. TypeError and ValueError for what is none."""
     try:
-        sizes = (operator.index(shape),)  # type: ignore[arg-type]
+        sizes: Tuple[int, ...] = (operator.index(shape),)  # type: ignore[arg-type]
     except TypeError:
         sizes = tuple(operator.index(size) for size in shape)  # type: ignore[union-attr]
     if any(size < 0 for size in sizes):
@@ -161,7 +161,7 @@ class Piece:
             raise TypeError("a piece without dimensions has no length")
         return self._shape[0]
 
-    def __reduce_ex__(self, protocol: int) -> Any:
+    def __reduce_ex__(self, protocol: SupportsIndex) -> Any:
         if _handover.is_by_bytes():
             return _from_bytes, (_handover.bytes_of(self.mapped(), protocol), self._shape,
                                  self._dtype)

@@ -34,5 +34,5 @@ class _Finder:
                 load(module)
                 self._then()
 
-            spec.loader.exec_module = exec_module  # type: ignore[method-assign]
+            spec.loader.exec_module = exec_module  # type: ignore
         return spec

@@ -16,8 +16,8 @@ namespace mempager::python
 /// reports those of destructors.
 void deliver_log() noexcept;
 
-/// Makes the library's exceptions those of Python: MemoryError with the log's cause,
-/// BufferError, OverflowError and ValueError.
+/// Makes the library's exceptions those of Python: OutOfMemoryError with the cause that the
+/// library tells, BufferError, OverflowError and ValueError.
 void translate_errors();
 
 /// Makes a call of the library without the interpreter's lock, so that other threads run on, and
@@ -30,7 +30,6 @@ auto unlocked(Call&& call)
 {
     std::optional<decltype(call())> result;
     std::exception_ptr failure;
-    log::clear_cause();
     PyThreadState* const mine = PyEval_SaveThread();
     try {
         result.emplace(call());

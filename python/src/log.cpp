@@ -5,9 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cstdio>
 #include <cstring>
-#include <string_view>
 
 namespace mempager::python::log
 {
@@ -20,18 +18,10 @@ struct place {
     record line;
 };
 
-struct last_failure {
-    std::size_t length = 0;
-    char text[1600] = "";
-};
-
-constexpr int kFailure = 3; // the level of failures; graver ones are below
-
 std::array<place, 256> places;
 std::atomic<std::size_t> next_number = 0;
 std::atomic<std::size_t> waiting = 0;
 std::atomic<std::size_t> without_place = 0;
-thread_local last_failure failure;
 
 template <std::size_t size>
 void copy(char (&to)[size], const char* from) noexcept
@@ -41,25 +31,6 @@ void copy(char (&to)[size], const char* from) noexcept
     to[length] = '\0';
     for (std::size_t end = length; end > 0 && to[end - 1] == '\n'; --end)
         to[end - 1] = '\0';
-}
-
-/// Without the tabs and line ends around it.
-std::string_view bare(std::string_view text) noexcept
-{
-    constexpr std::string_view space = " \t\n";
-    const std::size_t first = std::min(text.find_first_not_of(space), text.size());
-    return text.substr(first, text.find_last_not_of(space) + 1 - first);
-}
-
-void remember_cause(const Zor_LogRecord& line) noexcept
-{
-    if (line.level > kFailure)
-        return;
-    const std::string_view text = bare(line.text);
-    const std::size_t room = sizeof failure.text - failure.length;
-    const int end = std::snprintf(failure.text + failure.length, room, "%s%.*s",
-                                  failure.length != 0 ? "; " : "", int(text.size()), text.data());
-    failure.length += std::min(std::size_t(std::max(end, 0)), room - 1);
 }
 
 void fill(record& to, std::size_t number, const Zor_LogRecord& from) noexcept
@@ -75,7 +46,6 @@ void fill(record& to, std::size_t number, const Zor_LogRecord& from) noexcept
 // Under the library's locks: allocates nothing, waits for nobody.
 void keep(const Zor_LogRecord& line) noexcept
 {
-    remember_cause(line);
     const std::size_t number = next_number++;
     place& there = places[number % places.size()];
     state expected = state::free;
@@ -121,15 +91,5 @@ void forget() noexcept
         there.is = state::free;
     waiting = 0;
     without_place = 0;
-}
-
-void clear_cause() noexcept
-{
-    failure.length = 0;
-}
-
-std::string cause()
-{
-    return {failure.text, failure.length};
 }
 } // namespace mempager::python::log

@@ -2,7 +2,6 @@
 #define MEMPAGER_PYTHON_LOG_H
 
 #include <cstddef>
-#include <string>
 #include <vector>
 
 /// The library's log on its way into Python's. Lines are written under the library's locks, by any
@@ -33,13 +32,6 @@ std::vector<record> take(std::size_t& lost);
 
 /// Forgets all lines: in a child, where they are the parent's.
 void forget() noexcept;
-
-/// Forgets what this thread's last failure was for.
-void clear_cause() noexcept;
-
-/// What this thread has written of failures, at level 3 or graver, since clear_cause(); empty if
-/// nothing. @throws std::bad_alloc.
-std::string cause();
 } // namespace mempager::python::log
 
 #endif

@@ -1,25 +1,39 @@
 #ifndef MEM_BLOCKTABLE_H
 #define MEM_BLOCKTABLE_H
 
+#include "Mem/Mem_Holding.h"
 #include "Mem/Mem_SlotTable.h"
+
+#include <boost/intrusive/slist.hpp>
+
+#include <atomic>
+#include <cstdint>
 
 class BaseMapInfo;
 
-/// The pager's record of one block: a mappable region with its owner. Made, changed and deleted
-/// by the pager alone, under its mutex.
-struct RegisteredBlock {
-    /// The three states of a block.
-    static constexpr int kMapped = 0;   ///< a view exists and clients hold it
-    static constexpr int kUnmapped = 1; ///< no view
-    static constexpr int kCached = 2;   ///< a view exists and waits in the cache queue
-
+/// The pager's record of one block: a mappable region with its owner. Made and deleted by the pager
+/// alone, under its mutex, which guards what isn't said to be atomic. Hits change the atomic
+/// members without it (docs/hits.md), so each record has a cache line of its own.
+struct alignas(64) RegisteredBlock {
     explicit RegisteredBlock(BaseMapInfo* the_owner) : owner(the_owner) {}
 
-    BaseMapInfo* owner;   ///< not owned
-    int ref = 0;          ///< pieces registered on this block
-    int m_ref = 0;        ///< pieces that hold this block mapped
-    int stat = kUnmapped; ///< one of the three states
-    unsigned views = 0;   ///< that it has had, the present one included
+    /// One of the three states of Mem_Holding.
+    int stat() const { return Holding().Stat(); }
+    /// The pieces that hold this block mapped.
+    int m_ref() const { return Holding().Holders(); }
+    Mem_Holding Holding() const { return holding.load(std::memory_order_acquire); }
+
+    BaseMapInfo* const owner; ///< not owned
+    int id = -1;              ///< in the block table
+    int ref = 0;              ///< pieces registered on this block
+    unsigned views = 0;       ///< that it has had, the present one included
+    std::atomic<Mem_Holding> holding = Mem_Holding();
+    std::atomic<std::uint64_t> stamp = 0;  ///< when it was let go last
+    RegisteredBlock* next_noted = nullptr; ///< of whoever has noted the block
+
+    // What is made of a note while it is brought to the queue.
+    boost::intrusive::slist_member_hook<> gathered;
+    std::uint64_t gathered_stamp = 0;
 };
 
 /// The block table: records by block id. Ids rise by one with each block and aren't given again

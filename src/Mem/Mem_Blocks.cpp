@@ -39,6 +39,7 @@ int Mem_Blocks::Next::Use(std::unique_ptr<RegisteredBlock> block, unsigned int p
     m_blocks.AddPiece(*block, piece_size);
     if (block->owner->Local())
         block->owner->m_block_id = m_id;
+    block->id = m_id;
     m_blocks.m_blocks.Append(block.release());
     ++m_blocks.m_blocks_count;
     return m_id;

@@ -1,13 +1,15 @@
 #include "Mem/Mem_Configuration.h"
 
 #include "Mem/Mem_TempFolder.h"
-#include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
 #include "Platform/Process.h"
+#include "Platform/Units.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
 #include <new>
 #include <optional>
 #include <utility>
@@ -54,9 +56,13 @@ MEM_MemoryConfiguration* MEM_MemoryConfiguration::s_MemConfig = nullptr;
 
 MEM_MemoryConfiguration* MEM_MemoryConfiguration::GetInstance()
 {
-    if (s_MemConfig == nullptr)
-        s_MemConfig = new MEM_MemoryConfiguration;
-    return s_MemConfig;
+    // Several threads may find, at the same time, that a host has taken its settings away.
+    const std::atomic_ref<MEM_MemoryConfiguration*> current(s_MemConfig);
+    if (MEM_MemoryConfiguration* const instance = current.load(std::memory_order_acquire))
+        return instance;
+    auto fresh = std::unique_ptr<MEM_MemoryConfiguration>(new MEM_MemoryConfiguration);
+    MEM_MemoryConfiguration* other = nullptr;
+    return current.compare_exchange_strong(other, fresh.get()) ? fresh.release() : other;
 }
 
 void MEM_MemoryConfiguration::SetInstance(MEM_MemoryConfiguration* instance)

@@ -1,12 +1,12 @@
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_Inspection.h"
+#include "Mem/Mem_Settings.h"
 #include "Mem/Mem_TempFolder.h"
-#include "Mem/Mem_Units.h"
 #include "Platform/Inspection.h"
+#include "Platform/Units.h"
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 
 // What the system tells of its limits is held here against what the settings want of them.
 
@@ -51,7 +51,7 @@ struct Demand {
         free_disk = BytesOfMb(settings.FileHeap_MinSpaceToLeaveInMb());
         region = settings.BaseBlockSize();
         cache = settings.HeapCacheInBytes();
-        reclaims = std::getenv("VORTELIX_DIS_NEW_HANDLER") == nullptr;
+        reclaims = ReclaimIsWanted();
     }
 
     std::uint64_t shared_memory;
@@ -65,9 +65,9 @@ struct Demand {
 
 /// What is wanted of one limit.
 struct Wanted {
-    std::uint64_t all = 0;   ///< less could be better
-    std::uint64_t least = 0; ///< less is no good
-    std::uint64_t kept = 0;  ///< of what is left, for others
+    std::uint64_t all = 0;   ///< with less, the library works for less data
+    std::uint64_t least = 0; ///< with less, it doesn't work
+    std::uint64_t kept = 0;  ///< taken off what is left, since others need it
 };
 
 Wanted wanted_of_memory(const Demand& demand, const Fact&)

@@ -4,7 +4,7 @@
 #include "Mem/Mem_Limits.h"
 #include "Mem/Mem_NewName.h"
 #include "Mem/Mem_ShmmHeap_Windows.h"
-#include "Mem/Mem_Units.h"
+#include "Platform/Units.h"
 #include "Zor/Zor_FileSystemUtils.h"
 
 #include <algorithm>

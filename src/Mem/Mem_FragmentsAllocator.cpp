@@ -1,8 +1,8 @@
 #include "Mem/Mem_FragmentsAllocator.h"
 
 #include "Mem/Mem_Refusal.h"
-#include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
+#include "Platform/Units.h"
 
 #include <cstdint>
 

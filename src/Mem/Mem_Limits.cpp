@@ -35,7 +35,7 @@ void Mem_Limits::MetSetting(const char* form, unsigned long long first, unsigned
 void Mem_Limits::Ended()
 {
     m_met = 0;
-    m_told = 0;
+    m_reported = 0;
     m_is_full = false;
     m_repeats.TellCount(m_function);
 }
@@ -52,9 +52,9 @@ bool Mem_Limits::IsNews(const char* function)
 
 void Mem_Limits::Tell(const char* function)
 {
-    if (m_met == 0 || m_met == m_told)
+    if (m_met == 0 || m_met == m_reported)
         return;
-    m_told = m_met;
+    m_reported = m_met;
     ZOR_LOG(function, 3, "\tA limit stands in the way: %s\n", static_cast<const char*>(m_text));
 }
 

@@ -8,12 +8,13 @@
 
 struct Mem_Reason;
 
-/// What stands in the way of one kind of operation, told once for each episode. An episode begins
-/// when such an operation fails for good, and ends when one succeeds, or fails for another limit.
+/// What stands in the way of one kind of operation, reported once for each episode. An episode
+/// begins when such an operation fails for good, and ends when one succeeds, or fails for another
+/// limit.
 ///
-/// The heaps say what they met; whether that was the end, and is to be told, the pager knows: most
-/// failures are mended by clearing the cache. Allocates nothing and throws nothing.
-/// Threads: under the pager's mutex, as the heaps.
+/// The heaps say what they met; whether that was the end, and is to be reported, the pager knows:
+/// most failures are mended by clearing the cache. Allocates nothing and throws nothing. Threads:
+/// under the pager's mutex, as the heaps.
 class Mem_Limits
 {
 public:
@@ -32,30 +33,30 @@ public:
     /// An operation of this kind succeeded.
     void Ended();
 
-    /// Whether an operation that has failed for good is to be told, in the name of `function`, a
-    /// literal: not if the same has just been told.
+    /// Whether an operation that has failed for good is to be reported, in the name of `function`,
+    /// a literal: not if the same has just been reported.
     bool IsNews(const char* function);
 
     /// Logs the limit that was met last at level 3, in the name of `function`, unless this episode
-    /// has it told already or no limit is known.
+    /// has reported it already or no limit is known.
     void Tell(const char* function);
 
     /// Completes the reason of an operation that has failed for good.
     void Explain(Mem_Reason& reason) const;
 
-    /// Tells the next failure whatever was told before.
+    /// Has the next failure reported whatever was reported before.
     void ForgetRepeats() { m_repeats.Forget(); }
 
 private:
     std::uint64_t m_met = 0; ///< stands for the limits; 0 for none
-    std::uint64_t m_told = 0;
+    std::uint64_t m_reported = 0;
     bool m_is_full = false;
     bool m_is_setting = false;
     unsigned long m_error = 0; ///< the system's number
     Platform::Mappings::LimitsMet m_limits;
     char m_text[256] = "";
     Mem_Repeats m_repeats;
-    const char* m_function = ""; ///< what the last failure was told in the name of
+    const char* m_function = ""; ///< what the last failure was reported in the name of
 };
 
 /// Making regions, and making views.

@@ -2,8 +2,8 @@
 
 #include "Mem/Mem_FragmentsResize.h"
 #include "Mem/Mem_MemFragmentsAllocator.h"
-#include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
+#include "Platform/Units.h"
 
 namespace Mem_MemFragmentsLog
 {

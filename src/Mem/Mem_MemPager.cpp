@@ -26,7 +26,11 @@ using Limit = Mem_Reason::Limit;
 
 MEM_MemPager::MEM_MemPager() : MEM_MemPager(Memory_ShmmHeap::GetInstance()) {}
 
-MEM_MemPager::MEM_MemPager(ShmmHeap* heap) : m_rooms(std::make_unique<Rooms>(this)), m_heap(heap)
+MEM_MemPager::MEM_MemPager(ShmmHeap* heap)
+    : m_hits(std::make_unique<Mem_Hits>()),
+      m_rooms(std::make_unique<Rooms>(this, *m_hits)),
+      m_heap(heap),
+      m_counts(m_rooms->counters.AreOn())
 {
     MEM_MemoryConfiguration::GetInstance();
 }
@@ -100,7 +104,7 @@ MEM_MemInfo* MEM_MemPager::allocate_piece(unsigned int size, unsigned int alignm
 {
     if (MEM_MemInfo* const piece = ask_heap(size, alignment, always_mapped, group_id))
         return piece;
-    const Mem_Views& views = m_rooms->views;
+    Mem_Views& views = m_rooms->views;
     Mem_PagerLog::AllocatesAgainWithoutCache(views.HeldByClients(), views.TotalCached());
     ClearCache();
     MEM_MemInfo* const piece = ask_heap(size, alignment, always_mapped, group_id);
@@ -149,17 +153,21 @@ void MEM_MemPager::give_back(MEM_MemInfo* piece)
 
 void MEM_MemPager::StreamMemInfo(MEM_PagerInfo& info, Zor_oBuffer& out)
 {
-    WindowUnixGuard lock(&mutex); // another thread may map the piece meanwhile
+    WindowUnixGuard stripe(&info.stripe()); // another thread may map the piece meanwhile
+    WindowUnixGuard lock(&mutex);
     if (m_ended)
         return;
     block_of(info.Block());
     out << *info.GetMemInfoPtr();
 }
 
+// The stripe keeps hits off the piece, also those of a client who should have waited for them.
+//
 // A block leaves the tables before its last piece goes back to the heap, since the heap destroys
 // the owner then, and the tables must never name an owner that is gone.
 int MEM_MemPager::Free(MEM_PagerInfo& info)
 {
+    WindowUnixGuard stripe(&info.stripe());
     WindowUnixGuard lock(&mutex);
     const int id = info.Block();
     MEM_MemInfo* const piece = info.GetMemInfoPtr();
@@ -172,7 +180,7 @@ int MEM_MemPager::Free(MEM_PagerInfo& info)
     const bool last = m_rooms->blocks.RemovePiece(block, piece->Size());
     if (last) {
         name = owner->Name();
-        m_rooms->views.Forget(id, block);
+        m_rooms->views.Forget(block);
         m_rooms->blocks.Forget(id, name);
     }
     if (local) {
@@ -189,9 +197,22 @@ int MEM_MemPager::Free(MEM_PagerInfo& info)
 
 // Mapping ---------------------------------------------------------------------------------------
 
+/// The block of a piece if it may be hit; null if the way leads by `mutex`.
+inline RegisteredBlock* MEM_MemPager::block_to_hit(const MEM_PagerInfo& info) const
+{
+    const bool held_off = m_counts || s_hits_held_off != 0 || m_ended;
+    return held_off ? nullptr : info.m_state->block;
+}
+
 // The pages are found without the pager's lock: it can take long, and the handle keeps the view.
 int MEM_MemPager::Map(MEM_PagerInfo& info)
 {
+    RegisteredBlock* const block = block_to_hit(info);
+    if (block != nullptr && m_hits->Hold(*block)) {
+        info.GetMemInfoPtr()->UpdatePtrByBase(block->owner->Ptr());
+        check_after_hit();
+        return 0;
+    }
     bool is_anew = false;
     {
         WindowUnixGuard lock(&mutex);
@@ -219,15 +240,14 @@ int MEM_MemPager::map_piece(MEM_PagerInfo& info, bool& is_anew)
         return 0;
     if (m_ended)
         return RefuseAtTheEnd(Operation::Map);
-    const int id = info.Block();
-    RegisteredBlock& block = block_of(id);
+    RegisteredBlock& block = block_of(info.Block());
     const Mem_Counter counter = counter_of_map(block);
     counter.Mark();
     const unsigned views = block.views;
     if (private_map(block, true) == -1)
         return -1;
     is_anew = block.views != views;
-    m_rooms->views.Hold(id, block);
+    m_rooms->views.Hold(block);
     info.GetMemInfoPtr()->UpdatePtrByBase(block.owner->Ptr());
     counter.Close();
     check_invariants();
@@ -245,9 +265,10 @@ unsigned int MEM_MemPager::view_number(const MEM_PagerInfo& info)
 /// counted.
 Mem_Counter MEM_MemPager::counter_of_map(const RegisteredBlock& block)
 {
-    if (block.stat == RegisteredBlock::kMapped)
+    const int stat = block.stat();
+    if (stat == Mem_Holding::kMapped)
         return Mem_Counter(nullptr);
-    return m_rooms->counters.Get(block.stat == RegisteredBlock::kCached
+    return m_rooms->counters.Get(stat == Mem_Holding::kCached
                                      ? Mem_PagerCounters::MAP_FROM_CACHE_COUNTER_NAME
                                      : Mem_PagerCounters::MAP_FROM_SHARED_COUNTER_NAME);
 }
@@ -298,6 +319,12 @@ int MEM_MemPager::report_refused_map(const RegisteredBlock& block)
 
 int MEM_MemPager::Unmap(MEM_PagerInfo& info)
 {
+    RegisteredBlock* const block = block_to_hit(info);
+    if (block != nullptr && m_hits->LetGo(*block)) {
+        info.GetMemInfoPtr()->UpdatePtrByBase(nullptr);
+        check_after_hit();
+        return 0;
+    }
     WindowUnixGuard lock(&mutex);
     return UnmapWithoutLocks(info);
 }
@@ -306,17 +333,17 @@ int MEM_MemPager::UnmapWithoutLocks(MEM_PagerInfo& info)
 {
     if (m_ended)
         return RefuseAtTheEnd(Operation::Other);
-    const int id = info.Block();
-    RegisteredBlock& block = block_of(id);
+    RegisteredBlock& block = block_of(info.Block());
     info.GetMemInfoPtr()->UpdatePtrByBase(nullptr);
-    if (!m_rooms->views.LetGo(block))
+    if (m_hits->LetGoUnlessLast(block))
         return 0; // other pieces still need the view
-    keep_or_drop(id, block);
+    keep_or_drop(block);
     check_invariants();
     return 0;
 }
 
-void MEM_MemPager::keep_or_drop(int id, RegisteredBlock& block)
+// The block stays held while older views are evicted, so that it can't be among them.
+void MEM_MemPager::keep_or_drop(RegisteredBlock& block)
 {
     Mem_Views& views = m_rooms->views;
     const Mem_Counter to_cache =
@@ -328,7 +355,7 @@ void MEM_MemPager::keep_or_drop(int id, RegisteredBlock& block)
         views.Drop(block); // the older views are not large enough
         to_shared.Close();
     } else {
-        views.EnterCache(id, block);
+        m_hits->LetGoToCache(block);
         to_cache.Close();
     }
 }
@@ -347,9 +374,8 @@ int MEM_MemPager::Cache(MEM_PagerInfo& info)
         Refuse(Operation::Cache, Limit::Setting, "the cache's limit is reached");
         return -1;
     }
-    const int id = info.Block();
-    RegisteredBlock& block = block_of(id);
-    if (block.stat != RegisteredBlock::kUnmapped)
+    RegisteredBlock& block = block_of(info.Block());
+    if (block.Holding().HasView())
         return 0;
     const Mem_Counter counter = m_rooms->counters.Get(Mem_PagerCounters::CACHE_COUNTER_NAME);
     counter.Mark();
@@ -360,7 +386,7 @@ int MEM_MemPager::Cache(MEM_PagerInfo& info)
         return -1;
     }
     counter.Close();
-    m_rooms->views.EnterCache(id, block);
+    m_rooms->views.EnterCache(block);
     check_invariants();
     return 0;
 }
@@ -415,6 +441,15 @@ void MEM_MemPager::PrintSharedMemoryStatus()
 {
     WindowUnixGuard lock(&mutex);
     ReportSharedMemory(*m_heap, m_rooms->views.Mapped());
+}
+
+/// Hits change what debug builds check, but don't hold the lock that it wants.
+inline void MEM_MemPager::check_after_hit() const
+{
+#if defined(MEMPAGER_CHECK_INVARIANTS)
+    WindowUnixGuard lock(&mutex);
+    check_invariants();
+#endif
 }
 
 void MEM_MemPager::check_invariants() const

@@ -191,8 +191,10 @@ void MEM_PagerInfo::Reset()
 
 void MEM_PagerInfo::SetBlkId(int blk_id)
 {
-    if (m_state != nullptr)
-        m_state->blk_id.store(blk_id, std::memory_order_relaxed);
+    if (m_state == nullptr)
+        return;
+    m_state->blk_id.store(blk_id, std::memory_order_relaxed);
+    m_state->block = nullptr;
 }
 
 // Always inline: this is most of a map that finds its view.

@@ -18,6 +18,8 @@ public:
         return Mem_Counter(m_counters_on ? find(name) : nullptr);
     }
 
+    bool AreOn() const { return m_counters_on; }
+
     static const RWCString ALLOCATE_COUNTER_NAME;
     static const RWCString CACHE_COUNTER_NAME;
     static const RWCString CLEAR_CACHE_COUNTER_NAME;

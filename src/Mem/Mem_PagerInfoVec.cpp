@@ -8,10 +8,12 @@ Mem_PagerInfoVecLockGuard::Mem_PagerInfoVecLockGuard(MEM_MemPager* pager, MEM_Pa
     MEM_MemPager::mutex_vec.CatchMutex();
     take_stripes();
     MEM_MemPager::mutex.CatchMutex();
+    ++MEM_MemPager::s_hits_held_off;
 }
 
 Mem_PagerInfoVecLockGuard::~Mem_PagerInfoVecLockGuard()
 {
+    --MEM_MemPager::s_hits_held_off;
     MEM_MemPager::mutex.ReleaseMutex();
     release_stripes();
     MEM_MemPager::mutex_vec.ReleaseMutex();

@@ -1,7 +1,7 @@
 #include "Mem/Mem_PagerLog.h"
 
-#include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
+#include "Platform/Units.h"
 
 namespace Mem_PagerLog
 {

@@ -25,6 +25,7 @@ int MEM_MemPager::internal_register(MEM_MemInfo& info, MEM_PagerInfo* out)
     const int id = register_local(info);
     if (id < 0)
         return -1;
+    state->block = &m_rooms->blocks.At(id);
     out->assign(std::move(state), id, this, &info, true);
     return 0;
 }
@@ -51,7 +52,7 @@ int MEM_MemPager::register_on_block(int id, MEM_MemInfo& info)
                 "MemPager::Register failed to map block %d!\n", id);
         return -1;
     }
-    m_rooms->views.Hold(id, block);
+    m_rooms->views.Hold(block);
     m_rooms->blocks.AddPiece(block, info.Size());
     info.UpdatePtrByBase(block.owner->Ptr());
     if (block.views != views)
@@ -78,7 +79,7 @@ int MEM_MemPager::register_new_block(MEM_MemInfo& info)
                 "MemPager::Register failed to map a new block\n");
         return -1;
     }
-    m_rooms->views.Hold(next.Id(), *block);
+    m_rooms->views.Hold(*block);
     info.UpdatePtrByBase(block->owner->Ptr());
     MakeSmallReady(info, Platform::Mappings::Access::First);
     place.Keep();
@@ -123,6 +124,7 @@ int MEM_MemPager::register_foreign(MEM_MemInfo& info, MEM_PagerInfo* out)
     const int id = register_foreign_piece(info, *piece);
     if (id < 0)
         return -1;
+    state->block = &m_rooms->blocks.At(id);
     out->assign(std::move(state), id, this, piece.release(), false);
     return 0;
 }

@@ -10,7 +10,9 @@
 
 /// What a pager keeps. Each room is the only writer of what belongs to it and checks itself.
 struct MEM_MemPager::Rooms {
-    explicit Rooms(const MEM_MemPager* pager) : views(blocks.Table()), foreign(pager) {}
+    Rooms(const MEM_MemPager* pager, Mem_Hits& hits) : views(blocks.Table(), hits), foreign(pager)
+    {
+    }
 
     /// @return what is broken first, as a text; null if all holds.
     const char* Broken() const

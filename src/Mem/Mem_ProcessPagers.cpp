@@ -8,6 +8,7 @@
 #include "Mem/Mem_Refusal.h"
 #include "Mem/Mem_Repeats.h"
 #include "Mem/Mem_Reports.h"
+#include "Mem/Mem_Settings.h"
 #include "Mem/Mem_ShmmHeap.h"
 #include "NRVlog/Zor_Log.h"
 #include "Platform/Process.h"
@@ -36,6 +37,7 @@ int pagers_to_clear()
 
 WindowUnixMutex MEM_MemPager::mutex;
 WindowUnixMutex MEM_MemPager::mutex_vec;
+std::atomic<int> MEM_MemPager::s_hits_held_off = 0;
 MEM_MemPager::ProcessSlot MEM_MemPager::s_general;
 MEM_MemPager::ProcessSlot MEM_MemPager::s_second;
 std::atomic<bool> MEM_MemPager::s_single_handle = false;
@@ -117,10 +119,14 @@ const bool MEM_MemPager::s_forks_are_guarded = guard_forks();
 // The guard holds the locks here, which the analysis can't see.
 FIBREX_NO_THREAD_SAFETY_ANALYSIS void MEM_MemPager::after_fork_in_child()
 {
-    if (!fork_guard().InChild())
-        for (MEM_MemPager* const pager : {s_general.Living(), s_second.Living()})
-            if (pager != nullptr)
-                std::fill_n(pager->m_stripe_held, MEM_PagerInfo::kStripes, false);
+    const bool in_guard = fork_guard().InChild();
+    for (MEM_MemPager* const pager : {s_general.Living(), s_second.Living()}) {
+        if (pager == nullptr)
+            continue;
+        pager->m_rooms->views.GatherAll();
+        if (!in_guard)
+            std::fill_n(pager->m_stripe_held, MEM_PagerInfo::kStripes, false);
+    }
     if (s_general.pager != nullptr || s_second.pager != nullptr)
         RetireInheritedBlocks();
     fork_guard().AfterInParent();
@@ -157,8 +163,8 @@ bool MEM_MemPager::has_local_block(const RWCString& name) const
 void MEM_MemPager::set_new_memory_handler()
 {
     s_new_handler_handled = true;
-    static const bool unwanted = std::getenv("VORTELIX_DIS_NEW_HANDLER") != nullptr;
-    if (unwanted)
+    static const bool wanted = ReclaimIsWanted();
+    if (!wanted)
         return;
     ZOR_LOG("MEM_MemPager::set_new_memory_handler", 5,
             "MEM_MemPager::MEM_MemPager() setting new handler\n");
@@ -220,18 +226,18 @@ unsigned long long MEM_MemPager::clear_for_handler(MEM_MemPager* pager, bool rep
     return freed;
 }
 
-/// An allocation that throws is told as the end, since most hosts don't expect it; one that answers
-/// null the host may well survive. Where malloc is hooked, operator new fails behind it: then the
-/// report has been written.
+/// An allocation that throws is reported as the end, since most hosts don't expect it; one that
+/// answers null the host may well survive. Where malloc is hooked, operator new fails behind it:
+/// then the report has been written.
 void MEM_MemPager::report_exhaustion(const Mem_FailedAllocation& failed)
 {
     constexpr char function[] = "clear_cache_handler";
     static Mem_Repeats repeats[2];
     Refuse(Mem_Reason::Operation::HostAllocation, Mem_Reason::Limit::Memory, "", failed.size);
-    Mem_Repeats& told = repeats[failed.throws ? 1 : 0];
-    if (!told.IsNews(0))
+    Mem_Repeats& reports = repeats[failed.throws ? 1 : 0];
+    if (!reports.IsNews(0))
         return;
-    told.TellCount(function);
+    reports.TellCount(function);
     if (failed.throws)
         Mem_PagerLog::AllocationIsRefused(failed.size);
     else

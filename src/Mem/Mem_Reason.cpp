@@ -6,6 +6,7 @@
 #include "Platform/Subject.h"
 
 #include <cstdio>
+#include <iterator>
 #include <ostream>
 #include <string_view>
 
@@ -17,73 +18,41 @@ using Operation = Mem_Reason::Operation;
 
 PLATFORM_PER_THREAD PerThread<Mem_Reason> last_reason{{}};
 
-const char* text_of(Operation operation)
-{
-    switch (operation) {
-    case Operation::None:
-        return "nothing";
-    case Operation::Allocate:
-        return "a new piece";
-    case Operation::Register:
-        return "a registration";
-    case Operation::Map:
-        return "a mapping";
-    case Operation::Cache:
-        return "a mapping ahead";
-    case Operation::Other:
-        return "a call";
-    case Operation::HostAllocation:
-        return "an allocation";
-    }
-    return "";
-}
+/// In the order of Mem_Reason::Operation.
+constexpr const char* operation_texts[] = {"nothing",      "a new piece",     "a registration",
+                                           "a mapping",    "a mapping ahead", "a call",
+                                           "an allocation"};
+static_assert(std::size(operation_texts) == static_cast<int>(Operation::HostAllocation) + 1);
 
-/// What is said where the limit itself has said nothing.
-const char* text_of(Limit limit)
+/// What is said where the limit itself has said nothing, in the order of Mem_Reason::Limit.
+constexpr const char* limit_texts[] = {"shared memory is full",
+                                       "shared memory takes no more names",
+                                       "the temp folder's disk is full",
+                                       "the temp folder's disk takes no more names",
+                                       "the user's disk quota is used up",
+                                       "the memory of the process's group is used up",
+                                       "the machine's memory is used up",
+                                       "the machine promises no more memory",
+                                       "the address space is used up",
+                                       "the process may have no more maps",
+                                       "the process may write no larger files",
+                                       "the process may open no more files",
+                                       "the machine opens no more files",
+                                       "a setting of the library's",
+                                       "there is no memory left for it",
+                                       "it can't be had",
+                                       "it is no good descriptor",
+                                       "the piece was freed",
+                                       "the process is ending",
+                                       "the system doesn't say why"};
+static_assert(std::size(limit_texts) == static_cast<int>(Limit::Unknown) + 1);
+
+/// The text of `value`, which a host may have made up.
+template <class Enum, std::size_t count>
+const char* text_of(Enum value, const char* const (&texts)[count])
 {
-    switch (limit) {
-    case Limit::SharedMemory:
-        return "shared memory is full";
-    case Limit::SharedMemoryNames:
-        return "shared memory takes no more names";
-    case Limit::Disk:
-        return "the temp folder's disk is full";
-    case Limit::DiskNames:
-        return "the temp folder's disk takes no more names";
-    case Limit::Quota:
-        return "the user's disk quota is used up";
-    case Limit::Group:
-        return "the memory of the process's group is used up";
-    case Limit::Machine:
-        return "the machine's memory is used up";
-    case Limit::Commitment:
-        return "the machine promises no more memory";
-    case Limit::AddressSpace:
-        return "the address space is used up";
-    case Limit::Maps:
-        return "the process may have no more maps";
-    case Limit::FileSize:
-        return "the process may write no larger files";
-    case Limit::Descriptors:
-        return "the process may open no more files";
-    case Limit::OpenFiles:
-        return "the machine opens no more files";
-    case Limit::Setting:
-        return "a setting of the library's";
-    case Limit::Memory:
-        return "there is no memory left for it";
-    case Limit::Request:
-        return "it can't be had";
-    case Limit::Descriptor:
-        return "it is no good descriptor";
-    case Limit::FreedPiece:
-        return "the piece was freed";
-    case Limit::Ended:
-        return "the process is ending";
-    case Limit::Unknown:
-        return "the system doesn't say why";
-    }
-    return "";
+    const auto at = static_cast<std::size_t>(value);
+    return at < count ? texts[at] : "";
 }
 
 constexpr bool is_same(Limit limit, Platform::Subject subject)
@@ -91,8 +60,17 @@ constexpr bool is_same(Limit limit, Platform::Subject subject)
     return static_cast<int>(limit) == static_cast<int>(subject);
 }
 static_assert(is_same(Limit::SharedMemory, Platform::Subject::SharedMemory));
+static_assert(is_same(Limit::SharedMemoryNames, Platform::Subject::SharedMemoryNames));
+static_assert(is_same(Limit::Disk, Platform::Subject::Disk));
+static_assert(is_same(Limit::DiskNames, Platform::Subject::DiskNames));
+static_assert(is_same(Limit::Quota, Platform::Subject::Quota));
 static_assert(is_same(Limit::Group, Platform::Subject::Group));
+static_assert(is_same(Limit::Machine, Platform::Subject::Machine));
+static_assert(is_same(Limit::Commitment, Platform::Subject::Commitment));
+static_assert(is_same(Limit::AddressSpace, Platform::Subject::AddressSpace));
 static_assert(is_same(Limit::Maps, Platform::Subject::Maps));
+static_assert(is_same(Limit::FileSize, Platform::Subject::FileSize));
+static_assert(is_same(Limit::Descriptors, Platform::Subject::Descriptors));
 static_assert(is_same(Limit::OpenFiles, Platform::Subject::OpenFiles));
 static_assert(static_cast<int>(Limit::Setting) == Platform::LimitCount,
               "the platform's come first");
@@ -167,8 +145,8 @@ void Mem_Reason::Describe(char* line, std::size_t size) const noexcept
                       static_cast<unsigned long long>(wanted));
     if (error != 0)
         std::snprintf(code, sizeof code, " (system error %lu)", error);
-    std::snprintf(line, size, "%s%s was refused: %s%s", text_of(operation), bytes,
-                  text[0] != '\0' ? text : text_of(limit), code);
+    std::snprintf(line, size, "%s%s was refused: %s%s", text_of(operation, operation_texts), bytes,
+                  text[0] != '\0' ? text : text_of(limit, limit_texts), code);
 }
 
 std::ostream& operator<<(std::ostream& out, const Mem_Reason& reason)

@@ -18,7 +18,8 @@ class Mem_Limits;
 [[gnu::cold]] void Refuse(Mem_Reason::Operation operation, const Mem_Limits& limits,
                           std::uint64_t wanted) noexcept;
 
-/// What was refused last was a part of `operation`, for `wanted` bytes, which is refused for it.
+/// Turns this thread's last refusal, of one step, into the refusal of the whole `operation`, for
+/// `wanted` bytes. The cause stays.
 [[gnu::cold]] void RefuseWhole(Mem_Reason::Operation operation, std::uint64_t wanted) noexcept;
 
 /// `operation` is refused for an empty handle, or since the process is ending. @return -1

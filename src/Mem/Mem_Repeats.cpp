@@ -8,18 +8,18 @@ bool Mem_Repeats::IsNews(std::uint64_t cause)
 {
     constexpr std::chrono::seconds at_least{1};
     const auto now = std::chrono::steady_clock::now();
-    if (m_has_told && m_cause == cause && now - m_told < at_least) {
-        ++m_untold;
+    if (m_has_reported && m_cause == cause && now - m_reported < at_least) {
+        ++m_unreported;
         return false;
     }
     m_cause = cause;
-    m_told = now;
-    m_has_told = true;
+    m_reported = now;
+    m_has_reported = true;
     return true;
 }
 
 void Mem_Repeats::TellCount(const char* function)
 {
-    if (const unsigned untold = std::exchange(m_untold, 0u))
+    if (const unsigned untold = std::exchange(m_unreported, 0u))
         ZOR_LOG(function, 3, "\tThe last failure came %u times more within a second\n", untold);
 }

@@ -5,9 +5,9 @@
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_Settings.h"
 #include "Mem/Mem_ShmmHeap.h"
-#include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
 #include "Platform/Process.h"
+#include "Platform/Units.h"
 #include "Zor/Zor_StackTrace.h"
 #include "Zor/Zor_System.h"
 
@@ -223,7 +223,7 @@ void LogBlocks(const Mem_BlockTable& blocks)
         else
             say(kSource, function, "<%Iu> %s,ref <%d>, m_ref <%d>, stat <%d>\n",
                 static_cast<std::uint64_t>(id), block->owner->Name().data(), block->ref,
-                block->m_ref, block->stat);
+                block->m_ref(), block->stat());
     }
     say(kSource, function, "END ***debug_print_status*** \n");
 }

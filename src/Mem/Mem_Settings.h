@@ -3,8 +3,10 @@
 
 #include "Mem/Mem_Configuration.h"
 
-/// Reads a setting where nothing may fail. The settings are made anew after a host took them away,
-/// and where there is no memory for that, there is none to keep either: 0.
+#include <cstdlib>
+
+/// Reads a setting where nothing may fail. The settings may have to be made anew, if the host has
+/// removed them; 0 if there is no memory for that.
 template <class Setting>
 unsigned long long SettingOrNone(Setting setting) noexcept
 {
@@ -19,6 +21,13 @@ unsigned long long SettingOrNone(Setting setting) noexcept
 inline unsigned long long CacheLimit() noexcept
 {
     return SettingOrNone(&MEM_MemoryConfiguration::HeapCacheInBytes);
+}
+
+/// Whether the cache is to be given up when an allocation of the host's fails: unless the variable
+/// is set, to whatever value.
+inline bool ReclaimIsWanted()
+{
+    return std::getenv("VORTELIX_DIS_NEW_HANDLER") == nullptr;
 }
 
 #endif

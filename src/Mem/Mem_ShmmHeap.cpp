@@ -6,10 +6,10 @@
 #include "Mem/Mem_Limits.h"
 #include "Mem/Mem_ShmmHeap_Windows.h"
 #include "Mem/Mem_TempFolder.h"
-#include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
 #include "Platform/Inspection.h"
 #include "Platform/Process.h"
+#include "Platform/Units.h"
 
 #include <cassert>
 #include <memory>

@@ -4,12 +4,12 @@
 #include "Mem/Mem_Limits.h"
 #include "Mem/Mem_NewName.h"
 #include "Mem/Mem_TempFolder.h"
-#include "Mem/Mem_Units.h"
 #include "NRVlog/Zor_Log.h"
 #include "Platform/Inspection.h"
 #include "Platform/LastError.h"
 #include "Platform/Mappings.h"
 #include "Platform/Process.h"
+#include "Platform/Units.h"
 
 #include <algorithm>
 #include <cstdio>

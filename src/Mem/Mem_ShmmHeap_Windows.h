@@ -178,8 +178,8 @@ public:
                     unsigned int size);
     ~StreamedMapInfo() override;
 
-    /// Opens the mapping by its name, unless it is open, and views the stretch for reading.
-    /// @return 0; -1 with a line at level 3 if it can't be opened, at level 5 if not viewed.
+    /// Opens the mapping by its name, unless it is open, and maps the region for reading.
+    /// @return 0; -1 with a line at level 3 if it can't be opened, at level 5 if not mapped.
     int Map() override;
 
     /// As SwapMapInfo::Unmap().

@@ -9,24 +9,6 @@
 
 #include <cassert>
 
-namespace
-{
-[[maybe_unused]] bool is_held(const RegisteredBlock& block)
-{
-    return block.stat == RegisteredBlock::kMapped && block.m_ref > 0;
-}
-
-[[maybe_unused]] bool is_let_go(const RegisteredBlock& block)
-{
-    return block.stat == RegisteredBlock::kMapped && block.m_ref == 0;
-}
-
-[[maybe_unused]] bool is_open(const RegisteredBlock& block)
-{
-    return block.stat == RegisteredBlock::kUnmapped && Mem_Views::HasView(block);
-}
-} // namespace
-
 bool Mem_Views::HasView(const RegisteredBlock& block)
 {
     return block.owner->Ptr() != nullptr;
@@ -34,79 +16,148 @@ bool Mem_Views::HasView(const RegisteredBlock& block)
 
 int Mem_Views::Open(RegisteredBlock& block)
 {
-    assert(block.stat == RegisteredBlock::kUnmapped);
+    assert(!block.Holding().HasView());
     const int failure = block.owner->Map();
     if (failure != 0)
         return failure;
-    m_total_mapped += block.owner->Size();
+    m_hits.AddMapped(block.owner->Size());
     ++block.views;
     return 0;
 }
 
-void Mem_Views::Hold(int id, RegisteredBlock& block)
+void Mem_Views::Hold(RegisteredBlock& block)
 {
     assert(HasView(block));
-    if (block.stat == RegisteredBlock::kCached) {
-        m_cache_queue.Remove(id);
-        m_total_cached -= block.owner->Size();
-    }
-    block.stat = RegisteredBlock::kMapped;
-    ++block.m_ref;
+    if (!m_hits.Hold(block)) // nobody else knows the view yet
+        block.holding.store(block.Holding().Held(), std::memory_order_release);
 }
 
-bool Mem_Views::LetGo(RegisteredBlock& block)
+void Mem_Views::EnterCache(RegisteredBlock& block)
 {
-    assert(is_held(block));
-    return --block.m_ref == 0;
-}
-
-void Mem_Views::EnterCache(int id, RegisteredBlock& block)
-{
-    assert(is_open(block) || is_let_go(block));
-    m_cache_queue.Push(id);
-    m_total_cached += block.owner->Size();
-    block.stat = RegisteredBlock::kCached;
+    assert(HasView(block));
+    m_hits.EnterCache(block);
 }
 
 void Mem_Views::Drop(RegisteredBlock& block)
 {
-    assert(is_let_go(block));
-    end_view(block);
+    while (!m_hits.LetGoUnlessLast(block)) {
+        const Mem_Holding word = block.Holding();
+        assert(word.Holders() > 0);
+        if (word.IsLastHolders() && m_hits.Claim(block, word)) {
+            end_view(block);
+            return;
+        }
+    }
 }
 
 bool Mem_Views::EvictAtLeast(unsigned int needed, Mem_Counter to_shared)
 {
+    Gather();
     for (unsigned long long freed = 0; freed < needed;) {
         to_shared.Mark();
-        if (m_cache_queue.IsEmpty())
+        RegisteredBlock* const victim = claim_oldest();
+        if (victim == nullptr)
             return false;
-        RegisteredBlock& victim = m_blocks.At(m_cache_queue.Pop());
-        assert(victim.stat == RegisteredBlock::kCached);
-        m_total_cached -= victim.owner->Size();
-        freed += end_view(victim);
+        freed += end_view(*victim);
         to_shared.Close();
     }
     return true;
 }
 
+/// @return null if no view waits. A block that has been hit since its place was gathered is passed
+/// over: its note will bring it back.
+RegisteredBlock* Mem_Views::claim_oldest()
+{
+    for (;;) {
+        if (m_cache_queue.IsEmpty())
+            Gather();
+        if (m_cache_queue.IsEmpty())
+            return nullptr;
+        RegisteredBlock& oldest = m_blocks.At(m_cache_queue.Pop());
+        m_total_cached -= oldest.owner->Size();
+        if (m_hits.Claim(oldest, Mem_Holding(Mem_Holding::kCached, 0, false)))
+            return &oldest;
+    }
+}
+
 void Mem_Views::ClearCache(Mem_Counter to_shared)
 {
     m_blocks.ForEach([this, to_shared](int, RegisteredBlock& block) {
-        if (block.stat != RegisteredBlock::kCached)
+        const Mem_Holding word = block.Holding();
+        if (!word.IsCached() || !m_hits.Claim(block, word))
             return;
         end_view(block);
         to_shared.Close();
     });
-    m_cache_queue.Clear();
+    m_cache_queue.Clear(); // what isn't gone was hit meanwhile, and is noted
     m_total_cached = 0;
+}
+
+void Mem_Views::Gather()
+{
+    using Hook = boost::intrusive::slist_member_hook<>;
+    using ByHook = boost::intrusive::member_hook<RegisteredBlock, Hook, &RegisteredBlock::gathered>;
+    boost::intrusive::slist<RegisteredBlock, ByHook> cached;
+    m_hits.TakeNotes([&](RegisteredBlock& block, Mem_Holding word) {
+        if (!word.IsCached()) {
+            leave_queue(block);
+            return;
+        }
+        block.gathered_stamp = block.stamp.load(std::memory_order_relaxed);
+        cached.push_front(block);
+    });
+    cached.sort([](const RegisteredBlock& a, const RegisteredBlock& b) {
+        return a.gathered_stamp < b.gathered_stamp;
+    });
+    while (!cached.empty()) {
+        enter_queue(cached.front());
+        cached.pop_front();
+    }
+}
+
+void Mem_Views::GatherAll()
+{
+    Gather();
+    m_blocks.ForEach([this](int, RegisteredBlock& block) {
+        if (!block.Holding().IsNoted())
+            return;
+        leave_queue(block);
+        if (Mem_Hits::MarkGathered(block).IsCached())
+            enter_queue(block);
+    });
+}
+
+/// At its young end.
+void Mem_Views::enter_queue(const RegisteredBlock& block)
+{
+    if (!m_cache_queue.Contains(block.id))
+        m_total_cached += block.owner->Size();
+    m_cache_queue.Push(block.id);
+}
+
+void Mem_Views::leave_queue(const RegisteredBlock& block)
+{
+    if (m_cache_queue.Remove(block.id))
+        m_total_cached -= block.owner->Size();
+}
+
+unsigned long long Mem_Views::TotalCached()
+{
+    Gather();
+    return m_total_cached;
+}
+
+unsigned long long Mem_Views::HeldByClients()
+{
+    const unsigned long long cached = TotalCached();
+    return TotalMapped() - cached;
 }
 
 /// @return the bytes that the mapped total fell by: none where the owner had no view to end.
 unsigned int Mem_Views::end_view(RegisteredBlock& block)
 {
     const unsigned int unmapped = block.owner->Unmap() == 0 ? block.owner->Size() : 0;
-    block.stat = RegisteredBlock::kUnmapped;
-    m_total_mapped -= unmapped;
+    m_hits.SubtractMapped(unmapped);
     trim_if_due(unmapped);
     return unmapped;
 }
@@ -121,14 +172,15 @@ void Mem_Views::trim_if_due(unsigned int unmapped)
     Trim();
 }
 
-void Mem_Views::Forget(int id, RegisteredBlock& block)
+void Mem_Views::Forget(RegisteredBlock& block)
 {
-    const unsigned int size = block.owner->Size();
-    if (block.stat != RegisteredBlock::kUnmapped)
-        m_total_mapped -= size;
-    if (block.stat == RegisteredBlock::kCached)
-        m_total_cached -= size;
-    m_cache_queue.Release(id);
+    const Mem_Holding word = block.Holding();
+    if (word.IsNoted())
+        Gather(); // no list may name a record that is gone
+    if (word.HasView())
+        m_hits.SubtractMapped(block.owner->Size());
+    leave_queue(block);
+    m_cache_queue.Release(block.id);
 }
 
 /// Walks the views, of which another process may see the memory, but never private memory.
@@ -193,22 +245,23 @@ const char* Mem_Views::Broken() const
 {
     Mem_FirstBreak check;
     unsigned long long mapped_bytes = 0;
-    unsigned long long cached_bytes = 0;
-    std::uint32_t cached_blocks = 0;
+    unsigned long long queued_bytes = 0;
+    std::uint32_t queued_blocks = 0;
     m_blocks.ForEach([&](int id, const RegisteredBlock& block) {
         const unsigned int size = block.owner->Size();
-        const bool mapped = block.stat == RegisteredBlock::kMapped;
-        const bool cached = block.stat == RegisteredBlock::kCached;
+        const Mem_Holding word = block.Holding();
+        const bool queued = m_cache_queue.Contains(id);
         mapped_bytes += HasView(block) ? size : 0;
-        cached_bytes += cached ? size : 0;
-        cached_blocks += cached ? 1 : 0;
-        check.Expect(mapped ? block.m_ref > 0 : block.m_ref == 0, "m_ref against stat");
-        check.Expect(HasView(block) == (mapped || cached), "a view against stat");
-        check.Expect(m_cache_queue.Contains(id) == cached, "the queue against stat");
+        queued_bytes += queued ? size : 0;
+        queued_blocks += queued ? 1 : 0;
+        check.Expect((word.Stat() == Mem_Holding::kMapped) == (word.Holders() > 0),
+                     "m_ref against stat");
+        check.Expect(HasView(block) == word.HasView(), "a view against stat");
+        check.Expect(queued == word.IsCached() || word.IsNoted(), "the queue against stat");
     });
     check.Expect(m_cache_queue.Validate(), "the queue's index");
-    check.Expect(m_cache_queue.Length() == cached_blocks, "an id too many in the queue");
-    check.Expect(mapped_bytes == m_total_mapped, "m_total_mapped");
-    check.Expect(cached_bytes == m_total_cached, "m_total_cached");
+    check.Expect(m_cache_queue.Length() == queued_blocks, "an id too many in the queue");
+    check.Expect(mapped_bytes == TotalMapped(), "m_total_mapped");
+    check.Expect(queued_bytes == m_total_cached, "m_total_cached");
     return check.What();
 }

@@ -4,30 +4,35 @@
 #include "Mem/Mem_BlockTable.h"
 #include "Mem/Mem_Counter.h"
 #include "Mem/Mem_FifoQueue.h"
+#include "Mem/Mem_Hits.h"
 #include "Mem/Mem_Reports.h"
 
 #include <cstdint>
 
 /// The views of a pager's blocks: which blocks have one, who holds it, which of them wait in the
-/// cache, and how many bytes that makes. Nobody else writes a block's `stat`, `m_ref`
-/// and `views`.
+/// cache, and how many bytes that makes. With Mem_Hits, which works beside it, nobody else writes a
+/// block's `stat` and `m_ref`, nor its `views`.
 ///
 /// A block's view goes these ways, each by one function that asserts where it comes from:
 ///
-///     unmapped --Open--> open --Hold--> mapped --LetGo (the last)--> let go
-///                        open --EnterCache--> cached              let go --EnterCache--> cached
-///                        cached --Hold--> mapped                  let go --Drop--> unmapped
+///     unmapped --Open--> open --Hold--> mapped --Mem_Hits--> mapped, cached
+///                        open --EnterCache--> cached       mapped --Drop--> unmapped
+///                        cached --Mem_Hits, Hold--> mapped
 ///                        cached --EvictAtLeast, ClearCache--> unmapped
 ///
-/// Open and let go are steps of one operation: an operation leaves no block there. Forget() takes
-/// a block out of whatever state it is in.
+/// Open is a step of one operation: an operation leaves no block there. Forget() takes a block out
+/// of whatever state it is in.
 ///
-/// Threads: the caller holds the pager's mutex. Only a Place and Open() may allocate or fail.
+/// The queue and the bytes in the cache lag behind the hits until they are gathered: whatever tells
+/// or needs them does that first.
+///
+/// Threads: the caller holds the pager's mutex; hits go on beside. Only a Place and Open() may
+/// allocate or fail.
 class Mem_Views
 {
 public:
     /// Works on the blocks of that table, which must live as long.
-    explicit Mem_Views(const Mem_BlockTable& blocks) : m_blocks(blocks) {}
+    Mem_Views(const Mem_BlockTable& blocks, Mem_Hits& hits) : m_blocks(blocks), m_hits(hits) {}
 
     Mem_Views(const Mem_Views&) = delete;
     Mem_Views& operator=(const Mem_Views&) = delete;
@@ -63,16 +68,12 @@ public:
     int Open(RegisteredBlock& block);
 
     /// Counts one more holder of a block that has a view. One that was cached leaves the cache.
-    void Hold(int id, RegisteredBlock& block);
+    void Hold(RegisteredBlock& block);
 
-    /// Counts one holder less. @return whether that was the last: then the view enters the cache
-    /// or is dropped.
-    bool LetGo(RegisteredBlock& block);
+    /// Keeps a view that nobody holds, just opened, for the next who wants it.
+    void EnterCache(RegisteredBlock& block);
 
-    /// Keeps a view that nobody holds for the next who wants it.
-    void EnterCache(int id, RegisteredBlock& block);
-
-    /// Ends a view that nobody holds any more.
+    /// Counts one holder less. The last one's view ends.
     void Drop(RegisteredBlock& block);
 
     /// Ends cached views, oldest first, until at least `needed` bytes are free; each is an
@@ -81,27 +82,33 @@ public:
     bool EvictAtLeast(unsigned int needed, Mem_Counter to_shared);
 
     /// Ends all cached views, in the order of block ids, each the end of an interval of
-    /// `to_shared`.
+    /// `to_shared`. One that is hit at this moment may stay.
     void ClearCache(Mem_Counter to_shared);
 
     /// Forgets a block whose owner is about to go, and what was set aside for it.
-    void Forget(int id, RegisteredBlock& block);
+    void Forget(RegisteredBlock& block);
+
+    /// Brings the queue up to date with what hits have noted.
+    void Gather();
+
+    /// The same in a forked child, where those who were about to note something may be gone.
+    void GatherAll();
 
     /// Asks the system to take back the resident pages of all views. A failure goes to the log.
     void Trim();
 
-    unsigned long long TotalMapped() const { return m_total_mapped; }
-    unsigned long long TotalCached() const { return m_total_cached; }
-    unsigned long long HeldByClients() const { return m_total_mapped - m_total_cached; }
+    unsigned long long TotalMapped() const { return m_hits.TotalMapped(); }
+    unsigned long long TotalCached();
+    unsigned long long HeldByClients();
 
     /// Bytes of views that huge pages map at this moment.
     unsigned long long HugeBytes() const;
 
     /// The totals for a report.
-    Mem_Mapped Mapped() const { return {m_total_mapped, m_total_cached, HugeBytes()}; }
+    Mem_Mapped Mapped() { return {TotalMapped(), TotalCached(), HugeBytes()}; }
 
-    /// Compares states, queue and totals with each other. @return the first relation that doesn't
-    /// hold; null if all do.
+    /// Compares states, queue and totals with each other, but for what hits have noted. @return the
+    /// first relation that doesn't hold; null if all do.
     const char* Broken() const;
 
 private:
@@ -112,13 +119,16 @@ private:
 
     static constexpr char zor_log_source[] = "src/Mem/Mem_MemPager";
 
+    RegisteredBlock* claim_oldest();
     unsigned int end_view(RegisteredBlock& block);
     void trim_if_due(unsigned int unmapped);
+    void enter_queue(const RegisteredBlock& block);
+    void leave_queue(const RegisteredBlock& block);
 
     const Mem_BlockTable& m_blocks;
-    MEM_FifoQueue m_cache_queue;                  ///< cached blocks, oldest first
-    unsigned long long m_total_mapped = 0;        ///< bytes of all views
-    unsigned long long m_total_cached = 0;        ///< of those, in the cache
+    Mem_Hits& m_hits;
+    MEM_FifoQueue m_cache_queue;                  ///< cached blocks, oldest first, as gathered
+    unsigned long long m_total_cached = 0;        ///< bytes of the blocks in the queue
     unsigned long long m_unmapped_since_trim = 0; ///< bytes
 };
 

@@ -1,9 +1,9 @@
 #include "Mem/Mem_VirtualFragmentsLog.h"
 
 #include "Mem/Mem_FragmentsResize.h"
-#include "Mem/Mem_Units.h"
 #include "Mem/Mem_VirtualFragmentsAllocator.h"
 #include "NRVlog/Zor_Log.h"
+#include "Platform/Units.h"
 
 namespace Mem_VirtualFragmentsLog
 {

@@ -15,13 +15,13 @@ constinit std::atomic<AllocationHandler> allocation_handler{nullptr};
 /// What is going on in a thread that ran out of memory.
 struct Trouble {
     bool inside = false;    ///< in the handler
-    bool reported = false;  ///< malloc's failure was told; operator new may be about to follow
+    bool reported = false;  ///< malloc's failure was reported; operator new may be about to follow
     std::size_t size = 0;   ///< what malloc was asked for then
     std::uint64_t mark = 0; ///< the handler's
 };
 PLATFORM_PER_THREAD PerThread<Trouble> trouble{{}};
 
-/// malloc and its kin let nothing out.
+/// malloc never throws, so an exception of the handler's ends here.
 bool ask_handler(std::size_t size, bool throws, bool reported) noexcept
 {
     const AllocationHandler handler = allocation_handler.load(std::memory_order_acquire);

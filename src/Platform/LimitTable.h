@@ -7,7 +7,7 @@
 /// What the facts of one look are told of, in the system's own form.
 struct LookedAt;
 
-/// All that the system has to say of a subject. A new limit is one row more.
+/// All that the system has to say of a subject.
 struct LimitRow {
     Platform::Subject subject;
 

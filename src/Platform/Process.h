@@ -96,10 +96,9 @@ public:
     /// An allocation of this thread that has failed.
     struct FailedAllocation {
         std::size_t size; ///< what was asked for, in bytes; 0 if that can't be known
-        bool throws;      ///< who asked gets std::bad_alloc, if it must be; else null
+        bool throws;      ///< whether the caller gets std::bad_alloc in the end; else it gets null
         bool reported;    ///< an earlier call for the same failure has written a report
-        std::uint64_t&
-            mark; ///< the thread's own, 0 at first: what the handler left there last time
+        std::uint64_t& mark; ///< a number that the handler keeps for each thread; 0 at first
     };
 
     /// What a failed allocation asks for help. Returns not 0 for another try, or throws

@@ -7,8 +7,8 @@ namespace Platform
 /// What the library depends on and can run short of. First the limits, which an operation can meet
 /// and Mappings::LastLimits() tells of, then circumstances that are only looked at.
 ///
-/// A new one gets its name here, a row in each system's table (LimitTable.cpp in its folder),
-/// and, if it is to be looked at, one in the table of what is wanted (src/Mem/Mem_Examination.cpp).
+/// A new one gets its name here, a limit before TempFolder; docs/architecture.md tells what else
+/// there is to do.
 enum class Subject {
     SharedMemory,
     SharedMemoryNames,
@@ -23,14 +23,15 @@ enum class Subject {
     FileSize,      ///< of each file
     Descriptors,   ///< of this process: what it keeps of open files
     OpenFiles,     ///< the machine's
-    TempFolder,    ///< whether files can be made there
-    Views,         ///< what they are made from
+    TempFolder,    ///< whether files can be made in it
+    Views,         ///< how views are made
     HugePages,     ///< whether shared memory is made of them
-    NamesAtLogout, ///< what becomes of them
-    Malloc         ///< whether its failures come by this library
+    NamesAtLogout, ///< whether the names of regions outlive the user's session
+    Malloc         ///< whether this library is asked when malloc fails
 };
 
-inline constexpr int LimitCount = static_cast<int>(Subject::OpenFiles) + 1;
+/// TempFolder is the first that no operation can meet.
+inline constexpr int LimitCount = static_cast<int>(Subject::TempFolder);
 inline constexpr int SubjectCount = static_cast<int>(Subject::Malloc) + 1;
 
 } // namespace Platform

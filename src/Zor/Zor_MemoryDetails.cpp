@@ -2,6 +2,7 @@
 
 #include "Platform/PlainDecimals.h"
 #include "Platform/Process.h"
+#include "Platform/Units.h"
 #include "Zor/Zor_System.h"
 
 #include <algorithm>
@@ -12,19 +13,9 @@
 
 namespace
 {
-std::uint64_t in_mb(std::uint64_t bytes)
-{
-    return bytes >> 20;
-}
-
 unsigned long long printed(std::uint64_t number)
 {
     return number;
-}
-
-double with_fraction(std::uint64_t bytes)
-{
-    return static_cast<double>(bytes) / 1048576;
 }
 
 /// A text in a buffer of its own. What doesn't fit is cut.
@@ -76,9 +67,9 @@ public:
         if (most != 0)
             text.Add(" of at most %llu", printed(most));
         text.Add("\nOf this library: %llu views of regions, %.1fMB; %llu anchors, %.1fMB\n",
-                 printed(m_views.count), with_fraction(m_views.bytes), printed(m_open.count),
-                 with_fraction(m_open.bytes));
-        text.Add("Others: %llu, %.1fMB\n", printed(m_others.count), with_fraction(m_others.bytes));
+                 printed(m_views.count), InMb(m_views.bytes), printed(m_open.count),
+                 InMb(m_open.bytes));
+        text.Add("Others: %llu, %.1fMB\n", printed(m_others.count), InMb(m_others.bytes));
         text.Add("The largest others:\n%12s  %-12s %-6s %s\n", "MB", "Address", "Access", "What");
         std::for_each(m_largest, m_largest + m_kept, [&text](const Row& row) { row.Print(text); });
     }
@@ -87,7 +78,7 @@ private:
     struct Row {
         void Print(Text& text) const
         {
-            text.Add("%12.1f  %012llx %c%c%c%c   %s\n", with_fraction(map.size), printed(map.begin),
+            text.Add("%12.1f  %012llx %c%c%c%c   %s\n", InMb(map.size), printed(map.begin),
                      map.readable ? 'r' : '-', map.writable ? 'w' : '-', map.executable ? 'x' : '-',
                      map.shared ? 's' : 'p', name);
         }
@@ -153,8 +144,8 @@ void AppendMemoryDetails(const char* path, const Zor_ProcessMemoryInfo& info)
     text.Add("\nProcess Memory Information for PID <%ld>\n", process.ProcessId());
     text.Add(
         "Used address space: %lluMB; Largest free block: %lluMB; Address space limit: %lluMB\n",
-        printed(in_mb(info.used_address_space)), printed(in_mb(info.largest_free_block)),
-        printed(in_mb(memory.address_space)));
+        printed(WholeMb(info.used_address_space)), printed(WholeMb(info.largest_free_block)),
+        printed(WholeMb(memory.address_space)));
     Occupants occupants;
     if (process.ListMaps(occupants))
         occupants.Describe(text, memory.most_maps);

@@ -2,16 +2,8 @@
 
 #include "Platform/AddressSpaceUse.h"
 #include "Platform/Process.h"
+#include "Platform/Units.h"
 #include "Zor/Zor_MemoryDetails.h"
-
-namespace
-{
-std::uint64_t in_mb(std::uint64_t bytes)
-{
-    return bytes >> 20;
-}
-
-} // namespace
 
 Zor_System* Zor_System::GetHandle()
 {
@@ -22,11 +14,11 @@ Zor_System* Zor_System::GetHandle()
 int Zor_System::GetOsMemInfo(Zor_OSMemoryInfo& info)
 {
     const Platform::Process::Memory memory = Platform::Process::Get().MemoryNow();
-    info.address_space = in_mb(memory.address_space);
-    info.total_ram = in_mb(memory.total);
-    info.total_swap = in_mb(memory.swap);
-    info.available_ram = in_mb(memory.available);
-    info.available_swap = in_mb(memory.available_swap);
+    info.address_space = WholeMb(memory.address_space);
+    info.total_ram = WholeMb(memory.total);
+    info.total_swap = WholeMb(memory.swap);
+    info.available_ram = WholeMb(memory.available);
+    info.available_swap = WholeMb(memory.available_swap);
     return 0;
 }
 

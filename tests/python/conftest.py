@@ -16,12 +16,24 @@ import mempager
 FOLDERS = [pathlib.Path("/dev/shm"), pathlib.Path(mempager.config.temp_folder)]
 
 
+def names_of(process):
+    """How many names it has in the library's folders."""
+    return sum(f"_{process}_" in path.name for folder in FOLDERS for path in folder.iterdir())
+
+
 def held():
-    """What this process has: memory, and names in the library's folders."""
+    """What this process has: memory, and names."""
     gc.collect()
     mempager.clear_cache()
-    return mempager.status(), {
-        path for folder in FOLDERS for path in folder.iterdir() if f"_{os.getpid()}_" in path.name}
+    return mempager.status(), names_of(os.getpid())
+
+
+def assert_nothing_is_left_of(process):
+    """That the next process removes what a killed one has left; with its first regions it does."""
+    if names_of(process) != 0:
+        script = "import mempager\nfor _ in range(50): mempager.empty(9 << 20, 'u1')"
+        subprocess.run([sys.executable, "-c", script], check=True, timeout=100)
+    assert names_of(process) == 0
 
 
 def until(condition):
@@ -33,12 +45,16 @@ def until(condition):
 
 
 def run(script, *arguments, prefix=(), **options):
-    """A process of its own that runs a script; returns what it has printed, and fails with it."""
+    """A process of its own that runs a script; returns what it has printed, and fails with it, or
+    if it leaves anything."""
     command = [*prefix, sys.executable, "-c", textwrap.dedent(script), *map(str, arguments)]
-    done = subprocess.run(command, text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                          timeout=100, check=False, **options)
-    assert done.returncode == 0, done.stderr
-    return done.stdout
+    sent = options.pop("input", None)
+    with subprocess.Popen(command, text=True, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, **options) as process:
+        printed, failed = process.communicate(sent, timeout=100)
+    assert process.returncode == 0, failed
+    assert_nothing_is_left_of(process.pid)
+    return printed
 
 
 @pytest.fixture(autouse=True)

@@ -9,7 +9,7 @@ from distributed import Client, LocalCluster
 from distributed.protocol import deserialize, serialize
 
 import mempager
-from conftest import only_root, run
+from conftest import assert_nothing_is_left_of, names_of, only_root, run
 
 pytestmark = pytest.mark.filterwarnings("ignore::DeprecationWarning")
 
@@ -62,36 +62,92 @@ def without_memory():
 
 
 def test_a_worker_without_memory_says_so(client):
-    with pytest.raises(MemoryError, match="no memory left"):
+    with pytest.raises(mempager.OutOfMemoryError, match="no memory left") as failure:
         client.submit(without_memory).result()
+    assert failure.value.wanted == 1 << 30
 
 
-def die(array):
-    """The first time, the worker is killed with the array in its hands."""
-    array[0, 0]
-    if array[63, 0] == 63 and not os.path.exists(f"/tmp/died_{os.getppid()}"):
-        open(f"/tmp/died_{os.getppid()}", "w").close()
+def die(array, note):
+    """The first time, the worker is killed with the array and a piece of its own in its hands."""
+    own = mempager.array(array[63])
+    if not note.exists():
+        note.write_text(f"{os.getpid()} {names_of(os.getpid())}")
         os.kill(os.getpid(), signal.SIGKILL)
-    os.remove(f"/tmp/died_{os.getppid()}")
-    return float(np.asarray(array).sum())
+    return own.mapped()[0] + float(np.asarray(array).sum())
 
 
-def test_a_killed_worker_loses_nothing(client):
+def test_a_killed_worker_loses_nothing_and_leaves_nothing(client, tmp_path):
+    array, note = filled(), tmp_path / "note"
+    total = np.asarray(array).sum()
+    assert client.submit(die, array, note).result(timeout=60) == 63 + total
+    assert array.to_dask().sum().compute() == total
+    process, names = map(int, note.read_text().split())
+    assert names > 0
+    assert_nothing_is_left_of(process)
+
+
+def test_on_disks_bytes_go():
     array = filled()
-    assert client.submit(die, array).result(timeout=60) == np.asarray(array).sum()
-    assert array.to_dask().sum().compute() == np.asarray(array).sum()
+    header, frames = serialize(array)  # as Dask does where it spills
+    assert sum(memoryview(frame).nbytes for frame in frames) >= array.nbytes
+    got = deserialize(header, [bytes(frame) for frame in frames])
+    np.testing.assert_array_equal(np.asarray(got), np.asarray(array))
 
 
-def test_elsewhere_and_on_disks_bytes_go():
-    array = filled()
-    here, there = "tcp://192.0.2.1:10", "tcp://192.0.2.2:10"
-    for sender, recipient, least, most in [(here, here, 0, 9000), (here, there, array.nbytes, 2**30)]:
-        context = {"sender": {"address": sender}, "recipient": {"address": recipient}}
-        header, frames = serialize(array, context=context)
-        assert least <= sum(memoryview(frame).nbytes for frame in frames) <= most
-        got = deserialize(header, [bytes(frame) for frame in frames])
-        np.testing.assert_array_equal(np.asarray(got), np.asarray(array))
-    assert sum(memoryview(frame).nbytes for frame in serialize(array)[1]) >= array.nbytes
+ELSEWHERE = """
+    import subprocess, sys
+    import dask.array as da
+    import numpy as np
+    import mempager
+    from distributed import Client, LocalCluster
+
+    def see(value):
+        status = mempager.status()
+        return status.foreign_piece_bytes, status.local_piece_bytes, float(np.asarray(value).sum())
+
+    def make():
+        return mempager.array(np.arange(1000.0))
+
+    if __name__ == "__main__":
+        host, *worker = sys.argv[1:]
+        worker += [sys.executable, "-m", "distributed.cli.dask_worker", "--nthreads", "1",
+                   "--no-nanny", "--no-dashboard", "--local-directory", "/var/tmp"]
+        place = subprocess.Popen(worker, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        place.stdout.readline()  # its network is there
+        with LocalCluster(n_workers=0, host=host, dashboard_address=":0") as cluster:
+            print(cluster.scheduler_address, file=place.stdin, flush=True)
+            with Client(cluster) as client:
+                client.wait_for_workers(1)
+                array = mempager.Array((64, 1000), "f8", chunk_bytes=100_000)
+                array[...] = np.arange(64)[:, None]
+                print(*client.submit(see, array).result(), *client.submit(see, make()).result())
+                made = client.submit(make).result()
+                print(made.mapped().sum(), array.to_dask().mean().compute(), mempager.status()[5])
+                try:
+                    da.store(array.to_dask() * 2, array, lock=False)
+                except ValueError as failure:
+                    print(failure)
+        place.kill()
+    """
+OWN_FILES = "mount -t tmpfs tmpfs /dev/shm && mount -t tmpfs tmpfs /var/tmp && "
+OWN_NETWORK = """
+    ip link set lo up && ip link add name there type veth peer name here netns $PPID &&
+    nsenter -t $PPID -n sh -c 'ip addr add 10.9.9.1/24 dev here && ip link set here up' &&
+    ip addr add 10.9.9.2/24 dev there && ip link set there up && """
+
+
+@pytest.mark.parametrize("host, flags, place", [
+    ("127.0.0.1", "-m", OWN_FILES),  # it reaches the maker, but can't open what the maker has
+    ("10.9.9.1", "-mn", OWN_FILES + OWN_NETWORK),
+], ids=["another_shared_memory", "another_machine"])
+def test_a_worker_elsewhere_gets_bytes(host, flags, place):
+    worker = ["unshare", flags, "sh", "-c", place + 'echo && read address && exec "$@" "$address"', "sh"]
+    with only_root("a network and folders of its own"):
+        told = run(ELSEWHERE, host, *worker, cwd="/tmp",
+                   prefix=["unshare", "-n", "sh", "-c", 'ip link set lo up && exec "$@"', "sh"])
+    assert told == ("0 512000 2016000.0 0 8000 499500.0\n"  # nothing foreign, all its own
+                    "499500.0 31.5 0\n"
+                    "assignment destination is read-only: it came as a copy\n")
 
 
 def test_nothing_but_descriptors_is_sent():

@@ -1,17 +1,21 @@
 """Hunts memory that goes too early or never, readers that see another's bytes, and makers that wait
 for the dead."""
 import copy
+import os
 import pickle
+import signal
 import subprocess
 import sys
 import textwrap
+from concurrent.futures import ProcessPoolExecutor
+from concurrent.futures.process import BrokenProcessPool
 
 import numpy as np
 import pytest
 
 import mempager
 from mempager import _keeper
-from conftest import only_root, run, until
+from conftest import assert_nothing_is_left_of, names_of, only_root, run, until
 
 RECEIVER = """
     import pickle, sys
@@ -56,6 +60,12 @@ def refused(piece):
             return str(failure)
 
 
+def die(piece):
+    """A process of a pool is killed, with a piece of its own too."""
+    own = mempager.array(piece.mapped())
+    os.kill(os.getpid(), own.nbytes and signal.SIGKILL)
+
+
 def is_kept():
     return _keeper._own is not None and bool(_keeper._own._leases)
 
@@ -84,6 +94,17 @@ def test_a_pool_reads_in_place_and_gives_back(processes):
             empty.resize(3)
     until(lambda: not is_kept())
     assert np.asarray(made).sum() == 15_000  # its maker is gone
+
+
+def test_a_killed_process_of_a_pool_is_an_exception_and_leaves_nothing(processes):
+    piece = mempager.array(np.arange(1000.0))
+    with ProcessPoolExecutor(1, mp_context=processes) as pool:
+        child = pool.submit(os.getpid).result()
+        with pytest.raises(BrokenProcessPool):
+            pool.submit(die, piece).result()
+    assert piece.mapped().sum() == 499500
+    assert names_of(child) > 0
+    assert_nothing_is_left_of(child)
 
 
 def test_a_ticket_is_small_and_keeps_the_piece_until_its_receiver_is_gone():

@@ -107,12 +107,14 @@ def test_what_cannot_be_had_is_refused_with_its_cause():
                 kept.append(mempager.empty(10 << 20, "u1"))
         except MemoryError as failure:
             print(failure, len(kept) > 0, any("limit stands" in line for line in lines))
+            print(failure.operation, failure.limit, failure.wanted, failure.most)
         del kept[:]
         print(mempager.empty(10 << 20, "u1"))
         """, cwd="/tmp")
     assert "no memory left" in printed
     assert "FileHeap_MaxTotalSpaceInMb" in printed
     assert "True True" in printed
+    assert "\nallocate setting 10485760 0\n" in printed
     assert "Piece (10485760,)" in printed
 
 
@@ -128,11 +130,12 @@ def test_address_space_that_ends_is_an_exception():
         try:
             kept.extend(piece.mapped() for piece in pieces)
         except MemoryError as failure:
-            print(failure)
+            print(failure, failure.operation, failure.limit, failure.left < 64 << 20)
         kept.clear()
         print(sum(int(piece.mapped()[-1]) for piece in pieces))
         """, cwd="/tmp")
     assert "no room to map it" in printed
+    assert " map address_space True\n" in printed
     assert printed.endswith("0\n")
 
 

@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 /// Checks up to three conditions, one after the other. The first that doesn't hold is told, and
 /// ends a child's function with 1.
@@ -30,16 +31,21 @@
         Child::roles.emplace("--role=" #name, role_##name);                                        \
     inline int role_##name([[maybe_unused]] const std::string& argument)
 
-/// This test program once more, as a process of its own that plays a role. It begins anew, with
-/// nothing of its parent's memory. Each system has an implementation of its own.
-/// Threads: one at a time for each object.
+/// A process of its own: this test program once more, which plays a role and begins anew, with
+/// nothing of its parent's memory, or another program. Each system has an implementation of its
+/// own. Threads: one at a time for each object.
 class Child
 {
 public:
     /// What End() gives for a child that was killed.
     static constexpr int killed = -1;
 
-    explicit Child(const char* role, const std::string& argument = "");
+    explicit Child(const char* role, const std::string& argument = "")
+        : Child({own_program, std::string("--role=") + role, argument})
+    {
+    }
+    /// A program and its arguments, without quotation marks.
+    explicit Child(std::vector<std::string> command);
     /// Kills it, if its end wasn't waited for.
     ~Child();
     Child(const Child&) = delete;
@@ -61,6 +67,7 @@ public:
     static std::optional<int> PlayRole(int argc, char** argv);
 
     inline static std::map<std::string, int (*)(const std::string& argument)> roles;
+    inline static std::string own_program; ///< known once PlayRole() was called
 
 private:
     long m_id = -1;

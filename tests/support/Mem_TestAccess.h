@@ -74,6 +74,7 @@ struct Mem_TestAccess {
     static const char* Broken(const MEM_MemPager& pager)
     {
         WindowUnixGuard lock(&MEM_MemPager::mutex);
+        pager.m_rooms->views.Gather();
         return pager.m_rooms->Broken();
     }
     static const Mem_BlockTable& Blocks(MEM_MemPager& pager) FIBREX_NO_THREAD_SAFETY_ANALYSIS
@@ -83,6 +84,7 @@ struct Mem_TestAccess {
     static std::vector<int> QueueOrder(MEM_MemPager& pager) FIBREX_NO_THREAD_SAFETY_ANALYSIS
     {
         std::vector<int> order;
+        pager.m_rooms->views.Gather();
         MEM_FifoQueue& queue = pager.m_rooms->views.m_cache_queue;
         for (auto at = queue.m_read; !(at == queue.m_write); at.StepForward())
             if (queue.m_ring[at.position] >= 0)
@@ -99,7 +101,7 @@ struct Mem_TestAccess {
         return pager.m_rooms->blocks;
     }
     static MEM_FifoQueue& Queue(MEM_MemPager& pager) { return ViewRoom(pager).m_cache_queue; }
-    static auto& TotalMapped(MEM_MemPager& pager) { return ViewRoom(pager).m_total_mapped; }
+    static auto& TotalMapped(MEM_MemPager& pager) { return pager.m_hits->m_mapped; }
     static auto& TotalCached(MEM_MemPager& pager) { return ViewRoom(pager).m_total_cached; }
     static auto& Ids(MEM_MemPager& pager) { return BlockRoom(pager).m_block_ids; }
     static auto& Count(MEM_MemPager& pager) { return BlockRoom(pager).m_blocks_count; }

@@ -53,7 +53,14 @@ struct Pieces {
         EXPECT_TRUE(Hold());
         EXPECT_TRUE(Unmap());
     }
-    bool HoldAnew() { return (pager->ClearCache(), Map()) && Hold() && Unmap(); }
+    void ExpectThereAnew(bool there = true)
+    {
+        pager->ClearCache();
+        if (there)
+            ExpectAllBytes();
+        else
+            EXPECT_FALSE(Map());
+    }
     volatile char* At(unsigned n) const { return static_cast<volatile char*>(all[n].Ptr()); }
     MEM_MemPager* pager;
     MEM_PagerInfo all[4];
@@ -116,7 +123,7 @@ TEST(SharedPieces, AreReadToTheLastByteThroughAllThatAViewCanMeet)
     pieces.ExpectAllBytes();
     EXPECT_GT(pieces.pager->ClearCache(), 108005u);
     EXPECT_EQ(Footprint::Now().maps, maker.before.maps + anchors);
-    EXPECT_TRUE(pieces.HoldAnew());
+    pieces.ExpectThereAnew();
     EXPECT_EQ(pieces.all[0].Map(), 0);
 } // one region mapped, the other cached: so they are freed
 
@@ -128,19 +135,53 @@ TEST(SharedPieces, OutliveTheirMakerIfTheyWereMapped)
             Maker maker;
             Pieces pieces(maker.descriptors);
             LogCapture log(3);
-            if (mapped_first) {
-                EXPECT_TRUE(pieces.HoldAnew());
-            }
+            if (mapped_first)
+                pieces.ExpectThereAnew();
             is_killed ? maker.Kill() : maker.End();
             const bool there = mapped_first || (is_killed && HasMappingFolder());
-            EXPECT_EQ(pieces.HoldAnew(), there);
+            pieces.ExpectThereAnew(there);
             EXPECT_EQ(log.Size() == 0, there);
             const std::string process = std::to_string(maker.process.Id());
             RemoveDeadMappings("NorvaneMemoryBlock_" + process + "_", "/var/tmp");
-            EXPECT_EQ(pieces.HoldAnew(), there);
+            pieces.ExpectThereAnew(there);
             std::ranges::for_each(pieces.all, &MEM_PagerInfo::Release);
             EXPECT_FALSE(Pieces(maker.descriptors).Map()) << is_killed;
         }
+}
+
+/// Registers, maps and reads what the bytes promise. @return whether it could be mapped.
+bool IsMapped(const std::string& bytes)
+{
+    Zor_iBuffer in(bytes.data(), bytes.size());
+    MEM_MemInfo info;
+    in >> info;
+    MEM_PagerInfo piece = MEM_MemPager::GetHandle()->Register(info);
+    if (piece.Map() != 0)
+        return false;
+    const auto* const at = static_cast<volatile char*>(piece.Ptr());
+    return (at[0], at[piece.Size() - 1], true);
+}
+
+// Another's descriptor with single bits that are wrong, before and beside the true one.
+TEST(SharedPieces, AreNotHurtByForgedDescriptors)
+{
+    Maker maker;
+    const LogCapture quiet(0);
+    std::size_t mapped = 0;
+    const auto forge = [&] {
+        for (std::size_t bit = 0; bit < 8 * 120; ++bit) {
+            std::string forged = maker.descriptors;
+            forged[bit / 8] = static_cast<char>(forged[bit / 8] ^ 1 << bit % 8);
+            mapped += IsMapped(forged) ? 1 : 0;
+        }
+    };
+    forge();
+    Pieces pieces(maker.descriptors);
+    pieces.ExpectAllBytes();
+    forge();
+    pieces.ExpectAllBytes();
+    pieces.ExpectThereAnew();
+    EXPECT_GT(mapped, 0u); // a place within the region is no fault that can be seen
 }
 
 TEST(SharedPieces, AreHeldByBothPagersApart)

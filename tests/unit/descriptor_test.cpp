@@ -118,6 +118,56 @@ TEST_F(Descriptors, MustBearNamesOfRegions)
     }
 }
 
+/// What a process wrote on one system: of a piece of 500 bytes, and of the second region of a file.
+struct Written {
+    std::string bytes, mapping;
+    unsigned start, size;
+};
+using namespace std::string_literals;
+const std::string linux_name = "NorvaneMemoryBlock_29874_140003114490240_",
+                  windows_name = "NorvaneMemoryBlock_32_36_";
+const Written written[] = {
+    {"\xe8\x03\0\0\xf4\x01\0\0\0\0\0\0\0\0\0\0\0\0\x81\0\x60JTKiU\0\0\x2a\0\0\0"s + linux_name +
+         "0\x2a\0\0\0"s + linux_name + "0",
+     linux_name + "0", 1000, 500},
+    {"\0\0\0\0\0\0\x90\0\0\0\0\0\0\x30\x90\0\0\0\x90\0\0\0\0\0\0\0\0\0\x2a\0\0\0"s + linux_name +
+         "2\x2a\0\0\0"s + linux_name + "4",
+     linux_name + "2", 0x903000, 0x900000},
+    {"\xe8\x03\0\0\xf4\x01\0\0\0\0\0\0\0\0\0\0\0\0\x81\0\xe0v\xc9\0\0\0\0\0\x1a\0\0\0"s +
+         windows_name + "0\x1a\0\0\0"s + windows_name + "0",
+     windows_name + "0", 1000, 500},
+    {"\0\0\0\0\0\0\x90\0\0\0\0\0\0\0\x91\0\0\0\x90\0\0\0\0\0\0\0\0\0\x1a\0\0\0"s + windows_name +
+         "2\x1a\0\0\0"s + windows_name + "4",
+     windows_name + "2", 0x910000, 0x900000}};
+
+TEST_F(Descriptors, OfAnotherSystemAreRefusedWithALineAndNeverMisread)
+{
+    Platform::Mappings& platform = Platform::Mappings::Get();
+    for (const auto& [bytes, mapping, start, size] : written) {
+        SCOPED_TRACE(mapping);
+        const bool can_be = start < grain || start % grain == 0;
+        const std::string line =
+            can_be ? "StreamedMapInfo::Map|Couldn't open map to non-local memory (Details: "
+                     "OpenFileMapping failed, name " +
+                         mapping
+                   : "MEM_MemPager::Register|Register: Refused a descriptor: there can be no such";
+        EXPECT_EQ(FateOf(bytes), can_be ? Unmapped : Refused);
+        EXPECT_GE(log.Count(3, line), 1);
+        // Of what bears that very name here the same bytes would be read.
+        void* const here = platform.CreateSharedMapping(mapping.c_str(), 20 << 20, "/var/tmp");
+        void* const view = platform.MapView(here, 0, 20 << 20);
+        std::memset(static_cast<char*>(view) + start, 'o', size);
+        if (MEM_PagerInfo piece = Adopt(*pager, bytes); piece.Map() == 0) {
+            EXPECT_EQ(std::string(static_cast<char*>(piece.Ptr()), piece.Size()),
+                      std::string(size, 'o'));
+        } else {
+            EXPECT_FALSE(can_be);
+        }
+        EXPECT_TRUE(platform.UnmapView(view, 20 << 20));
+        EXPECT_TRUE(platform.CloseMapping(here));
+    }
+}
+
 TEST_F(Descriptors, ShareOneBlockOfWhichTheFirstFixesTheRegion)
 {
     MEM_PagerInfo first = Adopt(*pager, valid);

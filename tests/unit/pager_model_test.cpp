@@ -141,7 +141,8 @@ public:
         ASSERT_EQ(status.local_pieces_size, 0u);
         for (const auto& [id, block] : m_model.blocks) {
             const RegisteredBlock& real = Mem_TestAccess::Blocks(*m_pager).At(id);
-            ASSERT_EQ(std::pair(real.ref, real.m_ref), std::pair(block.pieces, block.m_ref)) << id;
+            ASSERT_EQ(std::pair(int{real.ref}, real.m_ref()), std::pair(block.pieces, block.m_ref))
+                << id;
         }
         for (const Hand& hand : m_hands)
             CheckHand(hand);

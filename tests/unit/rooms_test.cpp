@@ -29,10 +29,6 @@ TEST(Rooms, NameTheRelationThatBreaksFirst)
     const RWCString name = mapped.owner->Name();
     MEM_FifoQueue& queue = Access::Queue(*pager);
     int& slot = Access::Ring(queue)[0];
-    const auto let_go = [&mapped](int stat, int holders) {
-        mapped.stat = stat;
-        mapped.m_ref = holders;
-    };
 
     struct Case {
         const char* named;
@@ -43,9 +39,11 @@ TEST(Rooms, NameTheRelationThatBreaksFirst)
                     [&member, difference] { member -= difference; }};
     };
     const Case cases[] = {
-        counted("m_ref against stat", waiting.m_ref, 1),
-        {"a view against stat", [&] { let_go(RegisteredBlock::kUnmapped, 0); },
-         [&] { let_go(RegisteredBlock::kMapped, 1); }},
+        {"m_ref against stat",
+         [&] { waiting.holding = Mem_Holding(Mem_Holding::kCached, 1, false); },
+         [&] { waiting.holding = Mem_Holding(Mem_Holding::kCached, 0, false); }},
+        {"a view against stat", [&] { mapped.holding = Mem_Holding(); },
+         [&] { mapped.holding = Mem_Holding(Mem_Holding::kMapped, 1, false); }},
         {"the queue's index", [&] { slot = held.Block(); }, [&] { slot = cached.Block(); }},
         {"an id too many in the queue", [&] { queue.Push(7); }, [&] { queue.Remove(7); }},
         {"the queue against stat", [&] { queue.Remove(cached.Block()); },

@@ -11,7 +11,7 @@ inline constexpr std::uint64_t EndOfAddresses = std::uint64_t{1} << 47;
 /// How many maps this process has.
 std::uint64_t CountMaps();
 
-/// How many it may have; 0 if that isn't told.
+/// How many it may have; 0 if that isn't known.
 std::uint64_t MostMaps();
 
 #endif

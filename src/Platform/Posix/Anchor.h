@@ -11,9 +11,10 @@
 class Anchor
 {
 public:
-    /// Descriptors are few, maps are many: a page of the file will do. Such a view begins at the
-    /// file's first byte and then loses what wasn't asked for, so small stretches of big files,
-    /// which are few, take a descriptor as well. So does every file where PagesWillDo() says no.
+    /// A file is held by one mapped page, since a process can have far more maps than descriptors.
+    /// A view made from that page has to begin at the file's first byte; what wasn't asked for is
+    /// unmapped afterwards. Files of which only small parts are mapped (temp files) keep a
+    /// descriptor as well, and so does every file if PagesWillDo() is false.
     enum class By { Page, Descriptor };
 
     /// What views allow. One for reading can never be made writable.

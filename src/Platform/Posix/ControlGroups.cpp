@@ -98,7 +98,7 @@ std::string_view path_below(std::string_view root, std::string_view group)
     return group.starts_with('/') ? group : std::string_view();
 }
 
-/// By what a process sees that it is elsewhere.
+/// What shows that this process was moved to other groups or another root folder.
 class Whereabouts
 {
 public:
@@ -115,7 +115,7 @@ public:
         m_folder = root.st_ino;
     }
 
-    /// Whether these are two looks at the same, each of them at all of it.
+    /// Whether nothing has changed between two looks. A look that failed, or was cut, equals none.
     bool operator==(const Whereabouts& other) const
     {
         return m_length != 0 && m_length != sizeof m_groups && m_length == other.m_length &&
@@ -130,7 +130,7 @@ private:
     ino_t m_folder = 0;
 };
 
-/// Nobody waits for a turn: who has it may be a thread that a fork has left behind.
+/// A lock that is only tried: after a fork, the thread that holds it may not exist in the child.
 class Turn
 {
 public:

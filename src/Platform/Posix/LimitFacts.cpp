@@ -13,6 +13,7 @@
 #include "Platform/Posix/Paths.h"
 #include "Platform/Posix/Reserve.h"
 #include "Platform/SystemPlatform.h"
+#include "Platform/Units.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -46,9 +47,10 @@ std::string no_file_in(const MountedAt& mounted)
                 strerror_r(mounted.error, buffer, sizeof buffer));
 }
 
+/// As printf takes it.
 Number mb(std::uint64_t bytes)
 {
-    return bytes >> 20;
+    return WholeMb(bytes);
 }
 
 std::uint64_t rest(std::uint64_t all, std::uint64_t taken)
@@ -91,7 +93,7 @@ void find_kind(const char* folder, char (&kind)[N])
         }
 }
 
-/// But the one that the look itself takes.
+/// Without the descriptor that the count itself takes.
 std::uint64_t count_descriptors()
 {
     std::uint64_t count = 0;

@@ -22,7 +22,8 @@ struct flock whole_file(short type)
     return lock;
 }
 
-/// Not every file system knows the flag; on those no name that nobody can foresee is in the way.
+/// Renames without replacing anything. Where the file system doesn't know the flag, a plain rename
+/// will do: nobody can have taken a name that nobody can foresee.
 bool put_aside(const char* path, const char* aside)
 {
     return renameat2(AT_FDCWD, path, AT_FDCWD, aside, RENAME_NOREPLACE) == 0 ||
@@ -36,7 +37,8 @@ bool put_back(const char* aside, const char* path)
            (errno == EINVAL && link(aside, path) == 0 && unlink(aside) == 0);
 }
 
-/// Takes the name away from what `is_left` says of, by whatever path it is reached.
+/// Removes what bears the name if `is_left(path)` says that it is a leftover; that is asked again
+/// after it was renamed.
 template <class Judge>
 bool remove_if(const char* path, Judge is_left)
 {

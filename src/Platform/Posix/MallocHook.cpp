@@ -166,7 +166,8 @@ MEMPAGER_EXPORT int posix_memalign(void** result, std::size_t alignment, std::si
 
 } // extern "C"
 
-// Told by the object that holds it: the name itself may stand for another definition here, too.
+// Judged by the object that holds the definition: inside this library the plain name `malloc` may
+// mean another one.
 bool MallocComesByHere() noexcept
 {
     Dl_info used{};

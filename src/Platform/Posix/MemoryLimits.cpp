@@ -25,9 +25,10 @@ constexpr std::uint64_t no_limit = std::numeric_limits<std::uint64_t>::max();
 /// What other processes may take meanwhile.
 constexpr std::uint64_t margin = std::uint64_t{16} << 20;
 
-/// A group that is full is never at rest: its processes take each other's copies of programs and
-/// files away and read them anew, until none gets on. What each of them needs at least, measured
-/// with pieces in temp files; but never more than half of what the group has.
+/// What is to stay free in a group. The processes of a full one take each other's copies of
+/// programs and files away and read them anew, until none gets on. `each` is what each of them
+/// needs at least, measured with pieces in temp files; all together get no more than half of the
+/// limit.
 std::uint64_t margin_in(const char* folder, std::uint64_t limit)
 {
     constexpr std::uint64_t each = std::uint64_t{4} << 20;

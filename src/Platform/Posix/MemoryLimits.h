@@ -15,7 +15,7 @@ std::uint64_t ControlGroupLimit(const char* groups = "/proc/self/cgroup",
 /// Bytes of the machine's memory.
 std::uint64_t MachineMemory();
 
-/// The machine's memory at this moment, in bytes; 0 for what isn't told. Allocates nothing.
+/// The machine's memory at this moment, in bytes; 0 for what isn't known. Allocates nothing.
 struct MemoryTable {
     MemoryTable();
 
@@ -33,7 +33,7 @@ bool KeepsToCommitment();
 /// The most that this process may have of a resource at present, as getrlimit() names and tells it.
 std::uint64_t SoftLimit(int resource);
 
-/// Bytes of address space that the process takes, as the limit counts them; 0 if that isn't told.
+/// Bytes of address space that the process takes, as the limit counts them; 0 if that isn't known.
 std::uint64_t AddressSpaceInUse();
 
 /// Bytes of address space that the process may have.
@@ -64,7 +64,7 @@ public:
 
     static constexpr std::uint64_t LeastGrant = std::uint64_t{1} << 16;
 
-    /// The most that one of the two would bear; the greatest number where that isn't told.
+    /// The most that one of the two would bear; the greatest number where that isn't known.
     std::uint64_t LeftInGroups() const;
     std::uint64_t LeftOnMachine() const;
 

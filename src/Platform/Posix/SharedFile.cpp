@@ -21,8 +21,8 @@ constexpr mode_t private_mode = 0600;
 
 // Making a file --------------------------------------------------------------------------------
 
-/// All but the name and the readers. The order lets nothing be promised before it is there, and
-/// the cheap steps fail first.
+/// Does everything for a new file but give it its name and let others read it, cheap steps first.
+/// The memory is reserved before anybody can see the file.
 bool furnish(int descriptor, const FileKind& kind, std::uint64_t size, SharedFile& file)
 {
     return Identify(descriptor, file.identity) &&

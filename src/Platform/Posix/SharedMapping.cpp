@@ -93,7 +93,7 @@ bool MakeInSharedMemory(SharedMapping& mapping, const char* spare_folder)
         return Fail(cause);
     if (make_in_spare_folder(mapping))
         return true;
-    // That there is no other place is no news; that both are full is.
+    // Without a temp folder the first refusal is the cause; if both places are full, the second is.
     return Fail(is_barred(errno) ? cause : errno);
 }
 

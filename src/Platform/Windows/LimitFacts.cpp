@@ -3,6 +3,7 @@
 #include "Platform/AddressSpaceUse.h"
 #include "Platform/LimitTable.h"
 #include "Platform/SystemPlatform.h"
+#include "Platform/Units.h"
 #include "Platform/Windows/AllocationFailure.h"
 #include "Platform/Windows/Files.h"
 #include "Platform/Windows/Inspection.h"
@@ -29,9 +30,10 @@ using Number = unsigned long long; // what is printed by %llu
     return buffer;
 }
 
+/// As printf takes it.
 Number mb(std::uint64_t bytes)
 {
-    return bytes >> 20;
+    return WholeMb(bytes);
 }
 
 void set_numbers(Fact& fact, std::uint64_t most, std::uint64_t left)

@@ -77,7 +77,7 @@ bool make_section(Mapping& mapping, HANDLE file, Rights rights, const char* name
     return Fail(exists ? ERROR_ALREADY_EXISTS : error);
 }
 
-/// Sharing no removal is the mark of the living.
+/// The file is opened so that nobody can remove it: by that others see that its creator lives.
 bool make_file(Mapping& mapping, const char* path)
 {
     Rights rights = Rights::OwnOnly();

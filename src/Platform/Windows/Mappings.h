@@ -3,7 +3,7 @@
 
 #include "Platform/Mappings.h"
 
-/// 64-bit Windows. A mapping is a section on the paging file, or over a file that its maker keeps
+/// 64-bit Windows. A mapping is a section on the paging file, or over a file that its creator keeps
 /// open without letting others remove it, which tells the living from the dead. The kernel takes
 /// sections and their names away with their last holder, however that ends.
 class WindowsMappings final : public Platform::Mappings

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-/// The machine's memory at this moment, in bytes; 0 for what isn't told. Allocates nothing.
+/// The machine's memory at this moment, in bytes; 0 for what isn't known. Allocates nothing.
 struct MemoryTable {
     MemoryTable();
 

@@ -9,13 +9,13 @@
 namespace
 {
 
-/// Stands for: the thread goes by the process's language, and will again.
+/// What a thread has instead of a language of its own when it goes by the process's.
 char by_process[] = "";
 
 } // namespace
 
-/// Hardly any host chooses another language for numbers, and then nothing is done. One that has
-/// done it without memory left keeps its decimals.
+/// Does nothing for a host whose language has plain decimals, as nearly all. If there is no memory
+/// for the change, the host's decimals stay.
 PlainDecimals::PlainDecimals() noexcept : m_before(nullptr)
 {
     if (std::strcmp(std::localeconv()->decimal_point, ".") == 0)

@@ -38,7 +38,7 @@ void WindowsProcess::CallUncancelled(void (*call)(void* argument), void* argumen
     call(argument);
 }
 
-/// Nor a fork.
+/// This system has no fork.
 bool WindowsProcess::OnFork(void (*)(), void (*)(), void (*)())
 {
     return true;

@@ -56,7 +56,7 @@ Rights::Rights(const char* text)
         m_descriptor = nullptr;
     m_attributes.nLength = sizeof m_attributes;
     m_attributes.lpSecurityDescriptor = m_descriptor;
-    m_attributes.bInheritHandle = FALSE; // a name lives no longer than its maker
+    m_attributes.bInheritHandle = FALSE; // a name lives no longer than its creator
 }
 
 Rights::~Rights()

@@ -28,7 +28,7 @@ void WriteUserName(UserId& user, char* text, std::size_t size);
 class Rights
 {
 public:
-    /// Every user may read; nobody else may write, whatever handle the maker has.
+    /// Every user may read; nobody else may write, whatever handle the creator has.
     static Rights AllRead();
     /// This user alone.
     static Rights OwnOnly();

@@ -56,7 +56,8 @@ Note** place_of(const void* view)
 
 } // namespace
 
-/// Not by the host's malloc, whose failure would have the cache given up for a note.
+/// Allocates from the system's heap and not by malloc: if malloc fails, the cache is given up,
+/// which isn't worth a note.
 void NoteView(const void* view)
 {
     auto* const note = static_cast<Note*>(HeapAlloc(GetProcessHeap(), 0, sizeof(Note)));

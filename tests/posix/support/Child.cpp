@@ -8,12 +8,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-static std::string g_program;
-
-Child::Child(const char* role, const std::string& argument)
+Child::Child(std::vector<std::string> command)
 {
-    std::string option = std::string("--role=") + role, copy = argument;
-    char* const arguments[] = {g_program.data(), option.data(), copy.data(), nullptr};
+    std::vector<char*> arguments;
+    for (std::string& argument : command)
+        arguments.push_back(argument.data());
+    arguments.push_back(nullptr);
     int ends[2] = {-1, -1};
     pid_t id = -1;
     posix_spawn_file_actions_t streams;
@@ -21,7 +21,7 @@ Child::Child(const char* role, const std::string& argument)
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0 ||
         posix_spawn_file_actions_adddup2(&streams, ends[1], 0) != 0 ||
         posix_spawn_file_actions_adddup2(&streams, ends[1], 1) != 0 ||
-        posix_spawn(&id, g_program.c_str(), &streams, nullptr, arguments, environ) != 0)
+        posix_spawn(&id, arguments[0], &streams, nullptr, arguments.data(), environ) != 0)
         m_end = 127; // as a shell says it
     posix_spawn_file_actions_destroy(&streams);
     close(ends[1]);
@@ -70,7 +70,7 @@ int Child::End()
 
 std::optional<int> Child::PlayRole(int argc, char** argv)
 {
-    g_program = std::filesystem::absolute(argv[0]).string();
+    own_program = std::filesystem::absolute(argv[0]).string();
     const auto role = roles.find(argc == 3 ? argv[1] : "");
     if (role == roles.end())
         return {};

@@ -55,9 +55,12 @@ struct Piece {
 
 /// A file of the host's with a text in it.
 struct HostFile {
-    HostFile() : descriptor(mkstemp(path)) { IsWhole(write(descriptor, text, sizeof text)); }
+    HostFile() : descriptor(mkstemp(path))
+    {
+        [[maybe_unused]] const ssize_t size = write(descriptor, text, sizeof text); // see IsWhole
+    }
     ~HostFile() { unlink(path); }
-    bool IsWhole(ssize_t = 0) const
+    bool IsWhole() const
     {
         char now[2 * sizeof text];
         return pread(descriptor, now, sizeof now, 0) == sizeof text &&

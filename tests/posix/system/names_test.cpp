@@ -3,7 +3,6 @@
 // the dead take for ever.
 
 #include "Mem/Mem_Configuration.h"
-#include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_MemPager.h"
 #include "posix/support/Children.h"
 #include "support/FailingPlatform.h"
@@ -82,42 +81,6 @@ TEST(ARelativeTempFolder, StaysTheOneThatItWas)
         }
 }
 
-/// Counts the files that are made.
-struct Makings final : ForwardingMappings {
-    void* CreateMappingOverFile(const char* path, const char* name, std::uint64_t size,
-                                FileFault* fault) override
-    {
-        ++count;
-        return m_real.CreateMappingOverFile(path, name, size, fault);
-    }
-    int count = 0;
-};
-
-TEST(ATempFileThatCannotBe, IsRefusedByItsLimitBeforeItIsMade)
-{
-    const TempFolder folder;
-    const struct {
-        unsigned file_mb, region_mb;
-        const char* limit;
-    } cases[] = {{4097, 8, "temp files of less than 4096 MB, where one of 4097 MB is due"},
-                 {64, 70, "a temp file of 64 MB, where a region takes 73465856 bytes"}};
-    for (const auto& now : cases)
-        EXPECT_EQ(InChild([&] {
-                      const Makings makings;
-                      LogCapture log(3);
-                      Configure(0, folder.path, now.file_mb);
-                      MEM_MemoryConfiguration::GetInstance()->SetBaseBlockSize(now.region_mb);
-                      CHILD_CHECK(!Pieces().Add(1000));
-                      CHILD_CHECK(makings.count == 0);
-                      const std::string line =
-                          "MEM_MemPager::Allocate|\tA limit stands in the way: ";
-                      CHILD_CHECK(log.Count(3, line + now.limit) == 1);
-                      return 0;
-                  }),
-                  0)
-            << now.limit;
-}
-
 CHILD_TEST(ADeadCreatorsName, GoesAlthoughAReaderHoldsItsFile, InChildAmongOwnMounts)
 {
     CHILD_CHECK(Mount("tmpfs", "/dev/shm"));
@@ -139,24 +102,6 @@ CHILD_TEST(TheRoomOfTheDead, IsUsedAgainLongAfterTheFirstCleanUp, InChildAmongOw
     CHILD_CHECK(pieces.Add(4));
     CHILD_CHECK(Die(5));
     CHILD_CHECK(pieces.Add(30 * MiB));
-    return 0;
-}
-
-CHILD_TEST(PlantedNames, AreNoRefusal, InChildAmongOwnMounts)
-{
-    CHILD_CHECK(Mount("tmpfs", "/dev/shm"));
-    for (const unsigned swap_mb : {1500u, 0u}) {
-        const std::string next = BaseMapInfo::CreateUniqueName().data();
-        const std::size_t number = next.rfind('_') + 1;
-        for (int ahead = 1; ahead <= 100; ++ahead) {
-            const std::string planted = "/dev/shm/" + next.substr(0, number) +
-                                        std::to_string(std::stoi(next.substr(number)) + ahead);
-            CHILD_CHECK(symlink("/nowhere", planted.c_str()) == 0);
-        }
-        Configure(swap_mb, "");
-        Pieces pieces;
-        CHILD_CHECK(pieces.Add(8 * MiB, 59));
-    }
     return 0;
 }
 

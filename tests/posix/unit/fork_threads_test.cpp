@@ -14,7 +14,7 @@ TEST(PagerThreads, MixAllOperationsWhileChildrenAreForked)
             MEM_PagerInfo info, *infos[] = {&info};
             info.GetUnmappedInfo(shared.pieces[seed]);
             const Mem_PagerInfoVecLockGuard guard(PagerOf(seed), infos, 1);
-            EXPECT_EQ(InChild([&] { return OwnPiece(kSize, PagerOf(seed)) ? 0 : 1; }), 0);
+            EXPECT_EQ(InChild([&] { return OwnPiece(SizeOf(0), PagerOf(seed)) ? 0 : 1; }), 0);
         }
     });
 }

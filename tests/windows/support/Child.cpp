@@ -34,17 +34,17 @@ void MakePipe(HANDLE& read, HANDLE& write, const HANDLE& own)
 }
 } // namespace
 
-Child::Child(const char* role, const std::string& argument)
+/// A program without a folder is looked for beside this one first.
+Child::Child(std::vector<std::string> command)
 {
     auto* const line = new Line;
     HANDLE in = nullptr;
     HANDLE out = nullptr;
     MakePipe(in, line->to, line->to);
     MakePipe(line->from, out, line->from);
-    char program[MAX_PATH] = "";
-    GetModuleFileNameA(nullptr, program, sizeof program);
-    std::string command =
-        "\"" + std::string(program) + "\" --role=" + role + " \"" + argument + "\"";
+    std::string whole;
+    for (const std::string& argument : command)
+        whole += '"' + argument + "\" ";
     STARTUPINFOA start{};
     start.cb = sizeof start;
     start.dwFlags = STARTF_USESTDHANDLES;
@@ -52,8 +52,8 @@ Child::Child(const char* role, const std::string& argument)
     start.hStdOutput = out;
     start.hStdError = GetStdHandle(STD_ERROR_HANDLE);
     PROCESS_INFORMATION started{};
-    if (!CreateProcessA(program, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                        &start, &started))
+    if (!CreateProcessA(nullptr, whole.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &start,
+                        &started))
         m_end = 127; // as a shell says it
     Close(in);
     Close(out);
@@ -119,6 +119,9 @@ int Child::End()
 
 std::optional<int> Child::PlayRole(int argc, char** argv)
 {
+    char program[MAX_PATH] = "";
+    GetModuleFileNameA(nullptr, program, sizeof program);
+    own_program = program;
     const auto role = roles.find(argc == 3 ? argv[1] : "");
     if (role == roles.end())
         return {};

@@ -1,9 +1,9 @@
-#ifndef MEM_UNITS_H
-#define MEM_UNITS_H
+#ifndef PLATFORM_UNITS_H
+#define PLATFORM_UNITS_H
 
 #include <cstdint>
 
-// An MB is 1048576 bytes. All conversions of this layer are here.
+// An MB is 1048576 bytes. All conversions are here.
 
 /// Bytes as MB with a fraction, as all messages show them.
 inline double InMb(std::uint64_t bytes)
