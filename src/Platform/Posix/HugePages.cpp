@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <ctime>
@@ -96,7 +97,7 @@ void ask_for(void* bytes, std::uint64_t size)
 {
     constexpr int collapse = 25; // MADV_COLLAPSE, which the C library's headers may not have
     constexpr std::int64_t pause = 2;
-    if (madvise(bytes, size, collapse) != 0)
+    if (madvise(bytes, size, collapse) != 0 && errno != EAGAIN)
         not_asked_before.store(now() + pause, std::memory_order_relaxed);
 }
 
