@@ -126,7 +126,7 @@ void MakeBuffer(World& world)
 }
 void Resize(World& world)
 {
-    for (const std::size_t to : {31, 27, 8, 9}) {
+    for (const std::size_t to : {31u, 27u, 8u, 9u}) {
         if (world.Try([&] { return world.buffer->Reallocate(to); }))
             world.elements = std::min(world.elements, to);
         world.Look();
