@@ -63,9 +63,9 @@ private:
 };
 
 /// Limits this process and its children to `bytes` of address space. Windows has no such limit:
-/// there nothing is done.
+/// there nothing is done. @return whether they are limited.
 /// @throws std::system_error
-inline void LimitAddressSpace([[maybe_unused]] std::uint64_t bytes)
+inline bool LimitAddressSpace([[maybe_unused]] std::uint64_t bytes)
 {
 #if !defined(_WIN32)
     rlimit limit;
@@ -74,6 +74,9 @@ inline void LimitAddressSpace([[maybe_unused]] std::uint64_t bytes)
     limit.rlim_cur = std::min<rlim_t>(bytes, limit.rlim_max);
     if (setrlimit(RLIMIT_AS, &limit) != 0)
         throw std::system_error(errno, std::generic_category(), "setrlimit");
+    return true;
+#else
+    return false;
 #endif
 }
 

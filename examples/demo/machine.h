@@ -10,7 +10,8 @@
 /// folder's disk, in bytes, with a margin left for others.
 std::uint64_t FindRoom();
 
-/// The most address space that this process had at any time, in bytes; 0 if unknown.
+/// The most address space that this process had at any time, in bytes; 0 if unknown. On Windows,
+/// which keeps no such peak, the most private memory.
 std::uint64_t MostAddressSpace();
 
 /// Takes blocks of these sizes with malloc and fills them, in a child process.

@@ -32,7 +32,7 @@ std::uint64_t FindRoom()
     return room - room / 8; // regions are a little larger than the pieces in them
 }
 
-/// The system keeps no peak of addresses, only of private memory, which is what malloc takes.
+/// The system keeps no peak of addresses.
 std::uint64_t MostAddressSpace()
 {
     PROCESS_MEMORY_COUNTERS counters{};

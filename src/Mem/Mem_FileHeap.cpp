@@ -163,9 +163,9 @@ std::uint64_t File_ShmmHeap::BytesOfFiles() const
     return BytesOfMb(m_current_space);
 }
 
-Mem_StoreStatus::Store& File_ShmmHeap::StoreOf(BaseInfo&, Mem_StoreStatus& status) const
+ShmmHeap::Store File_ShmmHeap::StoreOf(const BaseInfo&) const
 {
-    return status.temp_files;
+    return &Mem_StoreStatus::temp_files;
 }
 
 bool File_ShmmHeap::HasMapping(const RWCString& name) const

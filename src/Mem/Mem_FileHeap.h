@@ -106,7 +106,7 @@ public:
 
     /// Bytes of all living temp files.
     std::uint64_t BytesOfFiles() const;
-    Mem_StoreStatus::Store& StoreOf(BaseInfo& region, Mem_StoreStatus& status) const override;
+    Store StoreOf(const BaseInfo& region) const override;
 
     /// Whether `name` is the mapping's name of one of the living temp files.
     bool HasMapping(const RWCString& name) const;

@@ -303,9 +303,9 @@ RWCString ShmmHeap::Name()
     return m_undefined;
 }
 
-Mem_StoreStatus::Store& ShmmHeap::StoreOf(BaseInfo&, Mem_StoreStatus& status) const
+ShmmHeap::Store ShmmHeap::StoreOf(const BaseInfo&) const
 {
-    return status.shared_memory;
+    return &Mem_StoreStatus::shared_memory;
 }
 
 namespace
@@ -390,7 +390,7 @@ int Memory_ShmmHeap::create_result_element(unsigned int size, Block** result,
     if (failure != 0)
         return failure;
     RegionLimits.Ended();
-    if (Mem_StoreStatus stores; &source->StoreOf(*region, stores) != &stores.shared_memory)
+    if (source->StoreOf(*region) != &Mem_StoreStatus::shared_memory)
         Mem_Notices::Spilled(region->Size());
     try {
         *result = new MemoryBlock(region, source);
@@ -428,7 +428,7 @@ void Memory_ShmmHeap::Tell(Mem_StoreStatus& status) const
         unsigned int always_mapped = 0;
         block.GetSpaceStatus(&size, &used, &always_mapped);
         Mem_StoreStatus::Store& store =
-            block.GetSourceHeapOfBlock()->StoreOf(*block.GetMapInfo(), status);
+            status.*block.GetSourceHeapOfBlock()->StoreOf(*block.GetMapInfo());
         store.reserved += size;
         store.used += used;
     }

@@ -154,8 +154,11 @@ public:
     virtual void PrintStatus(std::ostream& os);
     virtual RWCString Name();
 
+    /// One of the stores that a status tells of.
+    using Store = Mem_StoreStatus::Store Mem_StoreStatus::*;
+
     /// Which of the stores a region of this heap, as a source heap, lies in: shared memory.
-    virtual Mem_StoreStatus::Store& StoreOf(BaseInfo& region, Mem_StoreStatus& status) const;
+    virtual Store StoreOf(const BaseInfo& region) const;
 
     /// Makes a block of at least `size` bytes, outside the list. -1 if that can't be had.
     virtual int create_result_element(unsigned int size, Block** result, unsigned int always_mapped,

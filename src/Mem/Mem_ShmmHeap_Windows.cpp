@@ -156,9 +156,10 @@ RWCString Swap_ShmmHeap::Name()
     return m_name;
 }
 
-Mem_StoreStatus::Store& Swap_ShmmHeap::StoreOf(BaseInfo& region, Mem_StoreStatus& status) const
+ShmmHeap::Store Swap_ShmmHeap::StoreOf(const BaseInfo& region) const
 {
-    return static_cast<SwapMapInfo&>(region).IsSpare() ? status.spare_files : status.shared_memory;
+    return static_cast<const SwapMapInfo&>(region).IsSpare() ? &Mem_StoreStatus::spare_files
+                                                             : &Mem_StoreStatus::shared_memory;
 }
 
 int Swap_ShmmHeap::create_result_element(unsigned int, Block**, unsigned int, unsigned int)

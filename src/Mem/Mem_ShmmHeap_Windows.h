@@ -66,7 +66,7 @@ public:
     /// Takes a region back whose view has ended, and destroys `info`.
     int Free(BaseInfo* info) override;
     RWCString Name() override;
-    Mem_StoreStatus::Store& StoreOf(BaseInfo& region, Mem_StoreStatus& status) const override;
+    Store StoreOf(const BaseInfo& region) const override;
 
     // This heap has no blocks: -1.
     int create_result_element(unsigned int size, Block** result, unsigned int always_mapped,

@@ -15,9 +15,9 @@ namespace Platform
 /// Rules for this interface and its two neighbours, Process and Inspection, which together are all
 /// that the library needs of an operating system:
 /// - Any thread may call any operation.
-/// - No operation throws, but where it says so. A failure is reported by the result; LastError()
-/// then
-///   gives the cause, on the same thread, until that thread's next failing operation.
+/// - No operation throws, but where it says so. A failure is reported by the result;
+///   LastError() then gives the cause, on the same thread, until that thread's next failing
+///   operation.
 /// - Texts are zero-terminated byte strings and stay the caller's. Sizes and offsets are bytes.
 /// - Handles and views belong to whoever asked for them and end only through CloseMapping() and
 ///   UnmapView(). These two, and whatever they call, allocate no memory.
