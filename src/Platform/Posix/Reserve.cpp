@@ -1,5 +1,6 @@
 #include "Platform/Posix/Reserve.h"
 
+#include "Platform/Posix/Allowance.h"
 #include "Platform/Posix/Limits.h"
 #include "Platform/Posix/MemoryLimits.h"
 #include "Platform/Posix/Paths.h"
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
+#include <optional>
 
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -19,7 +21,7 @@ namespace
 {
 
 constexpr std::uint64_t disk_step = std::uint64_t{1} << 30;
-constexpr std::uint64_t memory_step = std::uint64_t{1} << 20;
+constexpr std::uint64_t memory_step = Allowance::Size;
 constexpr std::uint64_t least_step = std::uint64_t{1} << 16;
 
 bool is_memory(const struct statfs& status)
@@ -73,6 +75,28 @@ bool reserve_in_steps(int file, std::uint64_t size, std::uint64_t step, Look loo
     return true;
 }
 
+constinit Allowance allowance;
+
+/// Looks at what memory is left, as far as an earlier look doesn't stand for this one.
+class MemoryLook
+{
+public:
+    std::uint64_t operator()(std::uint64_t more, std::uint64_t done)
+    {
+        if (allowance.Take(more))
+            return more;
+        if (!m_headroom)
+            m_headroom.emplace();
+        const std::uint64_t asked = more < Allowance::Size ? Allowance::Plenty : more;
+        const std::uint64_t granted = m_headroom->Grants(asked, done);
+        allowance.Renew(granted, more);
+        return std::min(granted, more);
+    }
+
+private:
+    std::optional<MemoryHeadroom> m_headroom; ///< once for a region: it finds the groups
+};
+
 } // namespace
 
 bool FitsFileLimit(std::uint64_t size)
@@ -93,11 +117,7 @@ bool Reserve(int file, std::uint64_t size)
         return reserve_in_steps(file, size, disk_step, [](auto step, auto) { return step; });
 
     // Other processes reserve at the same time: one look for the whole size isn't enough.
-    const MemoryHeadroom headroom;
-    return reserve_in_steps(file, size, memory_step,
-                            [&headroom](std::uint64_t more, std::uint64_t done) {
-                                return headroom.Grants(more, done);
-                            });
+    return reserve_in_steps(file, size, memory_step, MemoryLook());
 }
 
 bool LiesOnDisk(const char* folder)
