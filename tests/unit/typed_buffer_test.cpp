@@ -37,10 +37,9 @@ struct TypedBuffer : testing::Test {
     TypedBuffer() { TestConfiguration::base_block_size = 1; }
     ~TypedBuffer() override
     {
-        Mem_Status status;
-        MEM_MemPager::GetHandle()->GetCurrentStatus(status);
-        EXPECT_EQ(status.local_pieces_size, 0u);
-        EXPECT_EQ(status.total_mapped, status.total_cached);
+        const Mem_Status now = status();
+        EXPECT_EQ(now.local_pieces_size, 0u);
+        EXPECT_EQ(now.total_mapped, now.total_cached);
     }
     TestConfiguration::Scope configuration;
     LogCapture quiet{0};

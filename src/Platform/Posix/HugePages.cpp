@@ -263,7 +263,7 @@ void PosixMappings::PreferHugePages(void* memory, std::uint64_t size)
     const auto address = reinterpret_cast<std::uintptr_t>(memory);
     const std::uintptr_t begin = (address + page - 1) / page * page;
     const std::uintptr_t end = (address + size) / page * page;
-    const MemoryHeadroom headroom;
+    MemoryHeadroom headroom;
     if (std::min(headroom.LeftInGroups(), headroom.LeftOnMachine()) >= size)
         madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
 }

@@ -1,5 +1,6 @@
 #include "Platform/Posix/Reserve.h"
 
+#include "Platform/Posix/Allowance.h"
 #include "Platform/Posix/HugePages.h"
 #include "Platform/Posix/Limits.h"
 #include "Platform/Posix/MemoryLimits.h"
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
+#include <optional>
 
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -74,19 +76,51 @@ bool reserve_in_steps(int file, std::uint64_t size, std::uint64_t step, Look loo
     return true;
 }
 
-/// Steps end where huge pages do. Near a limit they are small, and no such page is asked for.
-std::uint64_t look_and_offer(const MemoryHeadroom& headroom, const HugeFile& huge,
-                             std::uint64_t more, std::uint64_t done)
+constinit Allowance allowance;
+
+/// Looks at what memory is left for a new file, before each step of its reserving, and offers huge
+/// pages for what is granted. For a small file an earlier look may stand for this one.
+class MemoryLook
 {
-    const std::uint64_t in_huge_pages = (more + HugePage - 1) / HugePage * HugePage;
-    std::uint64_t now = huge.TakesThemAnyway()
-                            ? std::min(more, headroom.Grants(in_huge_pages, done, HugePage))
-                            : headroom.Grants(more, done);
-    if (now < more && now > HugePage)
-        now -= now % HugePage;
-    huge.Offer(done, now);
-    return now;
-}
+public:
+    MemoryLook(int file, std::uint64_t size) : m_huge(file, size) {}
+
+    std::uint64_t operator()(std::uint64_t more, std::uint64_t done)
+    {
+        if (allowance.Take(more))
+            return more;
+        if (!m_headroom)
+            m_headroom.emplace();
+        if (more < Allowance::Size)
+            return of_small(more, done);
+        const std::uint64_t now = of_large(more, done);
+        m_huge.Offer(done, now);
+        return now;
+    }
+
+private:
+    std::uint64_t of_small(std::uint64_t more, std::uint64_t done)
+    {
+        const std::uint64_t granted = m_headroom->Grants(Allowance::Plenty, done);
+        allowance.Renew(granted, more);
+        return std::min(granted, more);
+    }
+
+    /// Steps end where huge pages do. Near a limit they are small, and no such page is asked for.
+    std::uint64_t of_large(std::uint64_t more, std::uint64_t done)
+    {
+        const std::uint64_t in_huge_pages = (more + HugePage - 1) / HugePage * HugePage;
+        std::uint64_t now = m_huge.TakesThemAnyway()
+                                ? std::min(more, m_headroom->Grants(in_huge_pages, done, HugePage))
+                                : m_headroom->Grants(more, done);
+        if (now < more && now > HugePage)
+            now -= now % HugePage;
+        return now;
+    }
+
+    const HugeFile m_huge;
+    std::optional<MemoryHeadroom> m_headroom; ///< once for a region: it finds the groups
+};
 
 } // namespace
 
@@ -108,12 +142,10 @@ bool Reserve(int file, std::uint64_t size)
         return reserve_in_steps(file, size, disk_step, [](auto step, auto) { return step; });
 
     // Other processes reserve at the same time: one look for the whole size isn't enough.
-    const MemoryHeadroom headroom;
-    const HugeFile huge(file, size);
-    return reserve_in_steps(file, size, memory_step,
-                            [&headroom, &huge](std::uint64_t more, std::uint64_t done) {
-                                return look_and_offer(headroom, huge, more, done);
-                            });
+    MemoryLook look(file, size);
+    return reserve_in_steps(
+        file, size, memory_step,
+        [&look](std::uint64_t more, std::uint64_t done) { return look(more, done); });
 }
 
 bool LiesOnDisk(const char* folder)

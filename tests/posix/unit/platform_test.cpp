@@ -4,7 +4,9 @@
 
 #include "Platform/LastError.h"
 #include "Platform/Mappings.h"
+#include "Platform/Posix/Allowance.h"
 #include "Platform/Posix/MemoryLimits.h"
+#include "posix/support/Children.h"
 #include "support/Footprint.h"
 
 #include <gtest/gtest.h>
@@ -96,7 +98,7 @@ TEST(Limits, AreTheLeastOfAllGroupsAbove)
     const auto limit = [&](const char* top, const char* folder, const char* type) {
         const std::string line = std::string("35 31 0:32 ") + top + ' ' + (root / folder).string() +
                                  " rw shared:9 - " + type + " x rw,memory\n";
-        return ControlGroupLimit(groups.c_str(), write("mounts", line).c_str());
+        return ControlGroupLimit(GroupFolders(groups.c_str(), write("mounts", line).c_str()));
     };
     EXPECT_EQ(limit("/pod", "one", "cgroup"), 5000u);
     EXPECT_EQ(limit("/of_host", "one", "cgroup"), 6000u);
@@ -111,6 +113,24 @@ TEST(Limits, AreTheLeastOfAllGroupsAbove)
     EXPECT_TRUE(grants_something("inactive_file 8\nactive_file 6842744", "SwapFree: 16448 kB"));
     EXPECT_FALSE(grants_something("file 9\nactive_file 6842752", "MemAvailable:  16447 kB"));
     fs::remove_all(root);
+}
+
+TEST(Limits, AreLookedAtAgainOnceALookIsUsedUp)
+{
+    constexpr std::uint64_t half = Allowance::Size / 2;
+    Allowance allowance;
+    int tries = 100; // the moment can pass meanwhile
+    do
+        allowance.Renew(Allowance::Plenty, half);
+    while (!allowance.Take(half) && --tries > 0);
+    EXPECT_GT(tries, 0);
+    EXPECT_FALSE(allowance.Take(1));
+    allowance.Renew(Allowance::Plenty - 1, half);
+    EXPECT_FALSE(allowance.Take(1)) << "near a limit";
+    allowance.Renew(Allowance::Plenty, half);
+    EXPECT_EQ(InChild([&] { return allowance.Take(1) ? 2 : 0; }), 0);
+    usleep(Allowance::Moment * 2000);
+    EXPECT_FALSE(allowance.Take(1)) << "long ago";
 }
 
 } // namespace
