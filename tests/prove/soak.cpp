@@ -2,12 +2,10 @@
 // descriptors or maps that grow.
 //     prove_soak SECONDS SEED
 
-#include "Mem/Mem_MemFragmentsAllocator.h"
 #include "prove/prove.h"
 
 #include <atomic>
 #include <fstream>
-#include <random>
 #include <thread>
 #include <vector>
 
@@ -27,21 +25,17 @@ struct Shared {
 /// One thread's pieces, each full of its own number. Whatever is refused is wrong.
 void LiveOn(Process& process, unsigned thread, unsigned seed)
 {
-    std::minstd_rand random(seed);
-    const auto below = [&](unsigned end) { return static_cast<unsigned>(random()) % end; };
-    MEM_MemPager* const pager = MEM_MemPager::GetHandle();
-    MEM_PagerInfo pieces[24];
-    Mem_MemFragmentsAllocator buffer(1000, 10, 4000);
+    Prove::Life life(seed);
     for (; !shared->end; ++process.operations) {
-        const unsigned place = below(24), kind = below(100), number = thread * 24 + place;
-        MEM_PagerInfo& piece = pieces[place];
+        const unsigned place = life.Below(24), kind = life.Below(100), number = thread * 24 + place;
+        MEM_PagerInfo& piece = life.pieces[place];
         if (kind == 0)
-            pager->ClearCache();
+            life.pager->ClearCache();
         else if (kind < 3)
-            process.wrong += buffer.Reallocate(1 + below(60)) != 0;
+            process.wrong += life.buffer.Reallocate(1 + life.Below(60)) != 0;
         else if (kind < 20 || !piece.IsValid()) {
-            const unsigned most = below(4) == 0 ? 200000 : 9000;
-            if (pager->Allocate(1 + below(most), &piece, 0) == 0)
+            const unsigned most = life.Below(4) == 0 ? 200000 : 9000;
+            if (life.pager->Allocate(1 + life.Below(most), &piece, 0) == 0)
                 Prove::Fill(piece, number);
             process.wrong += piece.Unmap() != 0;
         } else {

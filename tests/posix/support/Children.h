@@ -4,9 +4,14 @@
 #include "support/Child.h"
 
 #include <csignal>
+#include <cstddef>
+#include <iterator>
 
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -86,6 +91,22 @@ inline bool Mount(const char* type, const char* where, const char* options = "",
                   unsigned long flags = 0)
 {
     return mount(type, where, type, flags, options) == 0;
+}
+
+/// Has the system refuse, from now on, a call where an argument has that value, as some tools and
+/// file systems do. @return whether it may.
+inline bool RefuseCall(unsigned call, unsigned argument, unsigned value)
+{
+    const auto at = static_cast<unsigned>(offsetof(seccomp_data, args) + 8 * argument);
+    sock_filter steps[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                           BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 3),
+                           BPF_STMT(BPF_LD | BPF_W | BPF_ABS, at),
+                           BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, 1),
+                           BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EINVAL),
+                           BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    const sock_fprog program{std::size(steps), steps};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
 /// Sets the soft limit.
