@@ -38,7 +38,7 @@ inline void Settle(unsigned swap_mb, const std::string& temp)
     TestConfiguration::trim_limit = 1;
     Configure(swap_mb, temp);
     Zor_LogFile::SetLogConfigDir(temp.c_str());
-    ZorGLog.SetLogLevel(5);
+    ZorGLog.SetLogLevel(7);
     ZorGLog.SetSink([](const Zor_LogRecord&) {});
 }
 

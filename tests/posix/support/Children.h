@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstddef>
 #include <iterator>
+#include <optional>
 
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -16,6 +17,29 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+/// Sets the soft limit, without a number to the hard one.
+inline void Limit(__rlimit_resource what, std::optional<rlim_t> most)
+{
+    rlimit limit{};
+    getrlimit(what, &limit);
+    limit.rlim_cur = most.value_or(limit.rlim_max);
+    setrlimit(what, &limit);
+}
+
+/// There where coverage is measured.
+extern "C" [[gnu::weak]] void __gcov_dump();
+
+/// Ends a child that has run to its end, at once. What it ran counts, whatever limits it has set.
+[[noreturn]] inline void EndAtOnce(int code)
+{
+    if (__gcov_dump != nullptr) {
+        for (const auto what : {RLIMIT_FSIZE, RLIMIT_AS, RLIMIT_NOFILE})
+            Limit(what, std::nullopt);
+        __gcov_dump();
+    }
+    _exit(code);
+}
+
 /// Starts a child whose body gives its exit code. It ends without the clean-up of a normal exit
 /// unless the body calls exit() itself. One that hangs, or that a failed test left behind, ends
 /// by SIGALRM after two minutes.
@@ -25,7 +49,7 @@ pid_t StartChild(Body body)
     const pid_t child = fork();
     if (child == 0) {
         alarm(120);
-        _exit(body());
+        EndAtOnce(body());
     }
     return child;
 }
@@ -107,15 +131,6 @@ inline bool RefuseCall(unsigned call, unsigned argument, unsigned value)
     const sock_fprog program{std::size(steps), steps};
     return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
            prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
-}
-
-/// Sets the soft limit.
-inline void Limit(__rlimit_resource what, rlim_t most)
-{
-    rlimit limit{};
-    getrlimit(what, &limit);
-    limit.rlim_cur = most;
-    setrlimit(what, &limit);
 }
 
 #endif
