@@ -20,29 +20,17 @@ namespace
 namespace fs = std::filesystem;
 constexpr std::uint64_t MiB = 1 << 20;
 
-class Regions : public testing::Test
+TEST(Regions, NeedNoNameAndLeaveOthersAlone)
 {
-protected:
-    void TearDown() override { EXPECT_EQ(Footprint::Now(), before); }
-
-    void* Make(std::uint64_t size) { return platform.CreateSharedMapping(name.c_str(), size, ""); }
-    char* View(void* region, std::uint64_t offset, std::uint64_t size)
-    {
-        return static_cast<char*>(platform.MapView(region, offset, size));
-    }
-
+    const Footprint before = Footprint::Now();
     Platform::Mappings& platform = Platform::Mappings::Get();
     const std::string name = "NorvaneMemoryBlock_" + std::to_string(getpid()) + "_1_0";
     const std::string path = "/dev/shm/" + name;
     const std::uint64_t page = platform.AllocationGranularity();
-    const Footprint before = Footprint::Now();
-};
-
-TEST_F(Regions, NeedNoNameAndLeaveOthersAlone)
-{
-    void* region = Make(page);
+    void* region = platform.CreateSharedMapping(name.c_str(), page, "");
+    const auto view = [&] { return static_cast<char*>(platform.MapView(region, 0, page)); };
     EXPECT_EQ(fs::status(path).permissions(), fs::perms{0644}); // whatever readers ask for
-    char* first = View(region, 0, page);
+    char* first = view();
     std::strcpy(first, "kept");
     EXPECT_TRUE(platform.UnmapView(first, page));
     fs::remove(path); // as a login manager does at logout
@@ -52,13 +40,14 @@ TEST_F(Regions, NeedNoNameAndLeaveOthersAlone)
         EXPECT_EQ(platform.CreateSharedMapping(refused.c_str(), page, ""), nullptr) << refused;
         EXPECT_EQ(Platform::LastError(), static_cast<unsigned long>(EEXIST)) << refused;
     }
-    char* anew = View(region, 0, page);
+    char* anew = view();
     EXPECT_TRUE(platform.CloseMapping(region));
     EXPECT_STREQ(anew, "kept");
     EXPECT_EQ(fs::file_size(path), 4u) << "closing took a namesake's name away";
     EXPECT_TRUE(fs::remove(path));
     EXPECT_TRUE(fs::remove(path + "link"));
     EXPECT_TRUE(platform.UnmapView(anew, page));
+    EXPECT_EQ(Footprint::Now(), before);
 }
 
 TEST(Limits, AreTheLeastOfAllGroupsAbove)
