@@ -113,7 +113,7 @@ int main(int, char** argv)
     const TempFolder temp;
     if (!Prove::MountOwn())
         return not_permitted;
-    Prove::Settle(4, temp.path);
+    Prove::Settle(1, temp.path); // so little that most regions lie in temp files
     CHILD_CHECK(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, line) == 0);
     const pid_t neighbour = StartChild(Neighbour);
     while (shared->looks < 100)

@@ -106,6 +106,7 @@ TEST_F(Pagers, ShareABlockOnlyWithTheirLike)
     const std::string block = Place(small).first;
     EXPECT_EQ(Place(next), std::pair(block, 1000u));
     EXPECT_TRUE(next.GetMemInfoPtr()->IsUsed());
+    EXPECT_NE(Mem_TestAccess::State(next)->block, nullptr) << "no hit goes without a lock";
     // The threshold itself still fits a block of small pieces, which is its alone from then on.
     MEM_PagerInfo edge = Piece(8192);
     EXPECT_EQ(Place(edge), std::pair(block, 2000u));
