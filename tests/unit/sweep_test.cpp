@@ -129,10 +129,12 @@ TEST(Sweep, EachCallOfAReportMayFailAndTheLogIsWhole)
             const LogCapture log(2);
             Stage stage;
             const Failing failing(kind, n);
+            testing::internal::CaptureStderr();
             for (int report = 0; report < 2; ++report) {
                 MEM_MemPager::PrintVirtualMemoryStatus();
                 stage.pager->PrintSharedMemoryStatus();
             }
+            EXPECT_NE(testing::internal::GetCapturedStderr(), "") << "no calls are traced";
             const int unknown = log.Count(2, function + "debug_print_memory_status: Couldn't get");
             EXPECT_LE(unknown, kind == Failing::List ? 1 : 0);
             EXPECT_EQ(log.Count(2, "MEM_MemPager::Print"), 4 * 3 - 2 * unknown);
