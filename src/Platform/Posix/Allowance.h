@@ -6,8 +6,8 @@
 
 /// What this process may take of shared memory without looking again at what is left. A look at all
 /// the limits costs half as much as the rest of a small region's making. So one that finds plenty
-/// stands for a number of bytes, and for a moment. Near a limit there is no allowance, and each
-/// region is preceded by a look of its own. Threads: any.
+/// stands for a MiB, less than one step of a large region takes, and for a moment. Near a limit
+/// there is no allowance, and each region is preceded by a look of its own. Threads: any.
 class Allowance
 {
 public:

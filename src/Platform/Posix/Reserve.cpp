@@ -60,7 +60,7 @@ bool reserve_step(int file, std::uint64_t offset, std::uint64_t size)
 /// `look` says, before each step, how many of so many bytes more it may take, and is told how many
 /// were done.
 template <class Look>
-bool reserve_in_steps(int file, std::uint64_t size, std::uint64_t step, Look look)
+bool reserve_in_steps(int file, std::uint64_t size, std::uint64_t step, Look&& look)
 {
     for (std::uint64_t done = 0; done < size;) {
         const std::uint64_t now = look(std::min(step, size - done), done);
@@ -78,48 +78,41 @@ bool reserve_in_steps(int file, std::uint64_t size, std::uint64_t step, Look loo
 
 constinit Allowance allowance;
 
-/// Looks at what memory is left for a new file, before each step of its reserving, and offers huge
-/// pages for what is granted. For a small file an earlier look may stand for this one.
+/// Looks before each step at what memory is left, as far as an earlier look doesn't stand for this
+/// one, and prepares for huge pages what is to be taken. For one region.
 class MemoryLook
 {
 public:
     MemoryLook(int file, std::uint64_t size) : m_huge(file, size) {}
 
+    /// Steps end where huge pages do. Near a limit they are small, and no such page is asked for.
     std::uint64_t operator()(std::uint64_t more, std::uint64_t done)
     {
-        if (allowance.Take(more))
-            return more;
-        if (!m_headroom)
-            m_headroom.emplace();
-        if (more < Allowance::Size)
-            return of_small(more, done);
-        const std::uint64_t now = of_large(more, done);
+        const std::uint64_t in_huge_pages = (more + HugePage - 1) / HugePage * HugePage;
+        std::uint64_t now = m_huge.TakesThemAnyway()
+                                ? std::min(more, granted(in_huge_pages, done, HugePage))
+                                : granted(more, done, MemoryHeadroom::LeastGrant);
+        if (now < more && now > HugePage)
+            now -= now % HugePage;
         m_huge.Offer(done, now);
         return now;
     }
 
 private:
-    std::uint64_t of_small(std::uint64_t more, std::uint64_t done)
+    std::uint64_t granted(std::uint64_t more, std::uint64_t done, std::uint64_t least)
     {
-        const std::uint64_t granted = m_headroom->Grants(Allowance::Plenty, done);
-        allowance.Renew(granted, more);
-        return std::min(granted, more);
-    }
-
-    /// Steps end where huge pages do. Near a limit they are small, and no such page is asked for.
-    std::uint64_t of_large(std::uint64_t more, std::uint64_t done)
-    {
-        const std::uint64_t in_huge_pages = (more + HugePage - 1) / HugePage * HugePage;
-        std::uint64_t now = m_huge.TakesThemAnyway()
-                                ? std::min(more, m_headroom->Grants(in_huge_pages, done, HugePage))
-                                : m_headroom->Grants(more, done);
-        if (now < more && now > HugePage)
-            now -= now % HugePage;
-        return now;
+        if (allowance.Take(more))
+            return more;
+        if (!m_headroom)
+            m_headroom.emplace();
+        const std::uint64_t asked = more < Allowance::Size ? Allowance::Plenty : more;
+        const std::uint64_t left = m_headroom->Grants(asked, done, least);
+        allowance.Renew(left, more);
+        return std::min(left, more);
     }
 
     const HugeFile m_huge;
-    std::optional<MemoryHeadroom> m_headroom; ///< once for a region: it finds the groups
+    std::optional<MemoryHeadroom> m_headroom; ///< once: it finds the groups
 };
 
 } // namespace
@@ -142,10 +135,7 @@ bool Reserve(int file, std::uint64_t size)
         return reserve_in_steps(file, size, disk_step, [](auto step, auto) { return step; });
 
     // Other processes reserve at the same time: one look for the whole size isn't enough.
-    MemoryLook look(file, size);
-    return reserve_in_steps(
-        file, size, memory_step,
-        [&look](std::uint64_t more, std::uint64_t done) { return look(more, done); });
+    return reserve_in_steps(file, size, memory_step, MemoryLook(file, size));
 }
 
 bool LiesOnDisk(const char* folder)
