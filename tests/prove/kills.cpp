@@ -24,6 +24,7 @@ int line[2]; ///< descriptors of the workers' pieces, to the neighbour
 int Work(unsigned worker, unsigned seed)
 {
     Prove::Life life(seed);
+    MEM_MemoryConfiguration::GetInstance()->SetSwapMaxSizeInMb(worker % 2 * 4); // or in files
     const auto inside = [&](auto call) { // marked, so that it is seen where it was killed
         shared->is_inside[worker] = true;
         const int result = call();
@@ -113,7 +114,7 @@ int main(int, char** argv)
     const TempFolder temp;
     if (!Prove::MountOwn())
         return not_permitted;
-    Prove::Settle(1, temp.path); // so little that most regions lie in temp files
+    Prove::Settle(4, temp.path);
     CHILD_CHECK(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, line) == 0);
     const pid_t neighbour = StartChild(Neighbour);
     while (shared->looks < 100)
