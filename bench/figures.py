@@ -223,6 +223,9 @@ def pieces_rows():
         rows.append(Growth(case, f"{stem}/mempager", COUNTS, goal, last_over_first=True))
         rows.append(Growth("the same of Boost.Interprocess", f"{stem}/boost", COUNTS, None,
                            last_over_first=True))
+    threads = ("pieces/threads/threads:2", "one thread", "pieces/threads/threads:1")
+    rows.append(Rate("two threads, `Allocate` + `Free`", *threads, 1.0))
+    rows.append(Each("the same", *threads))
     return rows
 
 
@@ -275,9 +278,9 @@ SECTIONS = [
         "enough for all beforehand, with its records inside. Both lock.",
         "`malloc` has no lock to take for a thread's own pieces, and its memory can't be shared.",
         "Why random replacement among many pieces is slower than Boost's: it waits for memory. The "
-        "sampled time of a million pieces lies in the first look at a record that no cache has: "
-        "about a third in the ordered set of a region's free chunks, a tenth each in the index of "
-        "allocated chunks, in the neighbours that are merged and in what a piece's handles share. "
+        "time of a million pieces lies in the first look at records that no cache has, one after the "
+        "other: what a piece's handles share, its descriptor, its block, the index of allocated "
+        "chunks, the chunk, the neighbours that are merged, and the bins of free chunks. "
         "A piece that can be unmapped can't keep its records in front of its bytes, as Boost does.",
     ]),
     Section("Regions", [

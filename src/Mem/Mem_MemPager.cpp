@@ -6,6 +6,7 @@
 #include "Mem/Mem_PagerLog.h"
 #include "Mem/Mem_PagerMapping.h"
 #include "Mem/Mem_PagerRooms.h"
+#include "Mem/Mem_Prefetch.h"
 #include "Mem/Mem_Refusal.h"
 #include "Mem/Mem_Reports.h"
 #include "Mem/Mem_Settings.h"
@@ -170,6 +171,7 @@ void MEM_MemPager::StreamMemInfo(MEM_PagerInfo& info, Zor_oBuffer& out)
 int MEM_MemPager::Free(MEM_PagerInfo& info)
 {
     WindowUnixGuard stripe(&info.stripe());
+    Mem_PrefetchLines<2>(info.GetMemInfoPtr());
     WindowUnixGuard lock(&mutex);
     const int id = info.Block();
     MEM_MemInfo* const piece = info.GetMemInfoPtr();
@@ -178,6 +180,8 @@ int MEM_MemPager::Free(MEM_PagerInfo& info)
     RegisteredBlock& block = m_rooms->blocks.At(id);
     BaseMapInfo* const owner = block.owner;
     const bool local = owner->Local();
+    if (local)
+        piece->OwnerBlock()->PrefetchForFree(piece->GetChunk());
     RWCString name;
     const bool last = m_rooms->blocks.RemovePiece(block, piece->Size());
     if (last) {

@@ -112,7 +112,7 @@ TEST(SpaceLogic, NamesTheRelationThatBreaksFirst)
     auto& first = Access::Stretch(logic, 0);
     auto& second = Access::Stretch(logic, 1);
     auto& gap = Access::Stretch(logic, 2);
-    auto& empty = *Access::Free(logic).begin();
+    auto& empty = *Access::Free(logic).First();
     auto& size = Access::Size(logic);
     auto& allocated = Access::Allocated(logic);
     ExpectNamed(
