@@ -32,6 +32,7 @@ class Results:
         times = collections.defaultdict(list)
         counters = collections.defaultdict(list)
         processor = collections.defaultdict(list)
+        waits = []
         self.compiler = ""
         self.python = ""  # and its packages
         self.cache = "unknown"
@@ -40,11 +41,16 @@ class Results:
                 continue  # nothing of that name was built
             report = json.loads(path.read_text())
             self.compiler = report["context"].get("compiler", self.compiler)
+            prefix = "huge/" if path.name.startswith("huge_") else ""
             self.python = report["context"].get("python", self.python)
             self.cache = report["context"].get(
                 "processors that share a cache with the first", self.cache)
             for run in report["benchmarks"]:
+                run["name"] = prefix + run["name"]
                 self._add(run, times, counters, processor)
+                if run.get("run_type") == "iteration" and "/" not in self._helpers(run):
+                    waits.append(run["real_time"] / max(run["cpu_time"], 1e-9))
+        self.wait = statistics.median(waits) if waits else 1
         self.processor = {name: statistics.median(all_) for name, all_ in processor.items()}
         self.times = {name: statistics.median(all_) for name, all_ in times.items()}
         self.counters = {key: statistics.median(all_) for key, all_ in counters.items()}
@@ -59,10 +65,16 @@ class Results:
             if part not in ("manual_time", "real_time") and not part.startswith("iterations:"))
         times[name].append(Results._time(run))
         processor[name].append(run["cpu_time"] * NANOSECONDS[run["time_unit"]])
-        for counter in ("items_per_second", "bytes_more"):
+        for counter in ("items_per_second", "bytes_more", "faults"):
             if counter in run:
                 counters[name, counter].append(run[counter])
 
+
+    @staticmethod
+    def _helpers(run):
+        """What a name says of threads or a clock of its own; empty where there are none."""
+        return "/" if any(f"/{word}" in run["name"] for word in
+                          ("real_time", "manual_time", "threads", "cursors")) else ""
 
     @staticmethod
     def _time(run):
@@ -374,6 +386,52 @@ SECTIONS += [
     ]),
 ]
 
+BYTE_SIZES = {4096: "4 KB", 65536: "64 KB", 1048576: "1 MB", 67108864: "64 MB"}
+
+
+def miss_rows():
+    rows = []
+    for kind in ("read", "written"):
+        own = f"misses/{kind}/mempager"
+        rows.append(AtMost(f"a miss of 8 MB, all {kind}", own, "raw calls", f"misses/{kind}/raw", 0.6))
+        rows.append(AtMost(f"fragments of twice the cache, {kind}", f"misses/scan_{kind}/mempager",
+                           "the older build", f"misses/scan_{kind}/today", 0.6))
+    for size in (8, 256):
+        rows.append(AtMost(f"life of a region of {size} MB, all written",
+                           f"misses/life/mempager/{size}", "raw calls", f"misses/life/raw/{size}",
+                           0.7))
+    rows.append(AtMost("working set of twice the cache, half of each read", "misses/set/mempager",
+                       "`pread`", "misses/set/pread"))
+    for size, text in BYTE_SIZES.items():
+        for kind in ("read", "written"):
+            rows.append(AtMost(f"one byte {kind} in each of many pieces of {text}",
+                               f"misses/byte_{kind}/mempager/{size}", "the older build",
+                               f"misses/byte_{kind}/today/{size}", 1.1))
+    for kind in ("read", "written"):
+        own = f"huge/misses/{kind}/mempager"
+        rows.append(Faster(f"huge pages: a miss of 8 MB, all {kind}", own,
+                           "the older build, small pages", f"misses/{kind}/today", 8))
+        rows.append(AtMost("the same", own, "raw calls, huge pages", f"huge/misses/{kind}/raw",
+                           1.15))
+    for size in (8, 256):
+        own = f"huge/misses/life/mempager/{size}"
+        rows.append(Faster(f"huge pages: life of a region of {size} MB", own,
+                           "the older build, small pages", f"misses/life/today/{size}", 8))
+        rows.append(AtMost("the same", own, "raw calls, huge pages",
+                           f"huge/misses/life/raw/{size}", 1.15))
+    return rows
+
+
+SECTIONS.insert(3, Section("Misses", miss_rows(), [
+    "The older build is that of commit 5277fb9, run by turns with this one. A miss is a `Map` whose "
+    "view has gone, `Prefetch` for what follows, the touch of it all, and the view's end. Raw calls: "
+    "`mmap`, the same touch, `munmap`. Written: a byte of each page.",
+    "A life is as above, with pieces made ready whole by `SetPrefetchSize`. Fragments are of 32 MB, "
+    "scanned in ranges of 1 MB. One byte: with the settings as they are by default.",
+    "Huge pages: in a folder of shared memory mounted with `huge=within_size`. See "
+    "[misses.md](misses.md).",
+]))
+
 
 def python_rows():
     rows = []
@@ -569,6 +627,16 @@ def picture(results):
 # ------------------------------------------------------------------------------------------------
 
 
+def fault_text(results):
+    text = (f"The clock ran {results.wait:.2f} times as long as the processor worked (well above 1: "
+            "a busy machine).")
+    if "misses/fault" in results.times:
+        fault = results.times["misses/fault"] / results.counters["misses/fault", "faults"]
+        text += (f" A page fault costs {time_text(fault)} here: the touch of a page that is in "
+                 "memory.")
+    return text
+
+
 def page(results, temp_folder, remarks):
     sections = [section_text(section, results) for section in SECTIONS]
     lines = [line for _, lines_ in sections for line in lines_ if line.verdict is not None]
@@ -580,7 +648,7 @@ def page(results, temp_folder, remarks):
         "the clock. A ratio is the library's time over "
         "its peer's unless it says otherwise. "
         f"{reached} of {len(lines)} goals are reached.", "",
-        machine(results, temp_folder), *[f"\n{remark}" for remark in remarks], "",
+        machine(results, temp_folder), fault_text(results), *[f"\n{remark}" for remark in remarks], "",
         "![Growth curves](figures.svg)", "",
         *[text for text, _ in sections]])
 

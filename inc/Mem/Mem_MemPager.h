@@ -151,7 +151,9 @@ public:
     /// @throws RWBoundsErr at the first whose piece was freed; those behind it stay mapped.
     void UnmapMemPagerInfoVec(MEM_PagerInfo** infos, int count);
 
-    /// Fills `status` with this pager's accounting, a consistent picture. @return 0.
+    /// Fills `status` with this pager's accounting, a consistent picture but for `total_huge`,
+    /// which the system is asked about afterwards: where regions are of huge pages that takes the
+    /// longer the more views there are, without keeping anybody waiting. @return 0.
     int GetCurrentStatus(Mem_Status& status);
 
     /// Fills `status` with where the memory of this process's pieces lies, both pagers' together: a
@@ -252,6 +254,8 @@ private:
     int trim(MEM_PagerInfo& info);
     int MapWithoutLocks(MEM_PagerInfo& info) FIBREX_REQUIRES(mutex);
     int UnmapWithoutLocks(MEM_PagerInfo& info) FIBREX_REQUIRES(mutex);
+    unsigned int view_number(const MEM_PagerInfo& info);
+    int map_piece(MEM_PagerInfo& info, bool& is_anew) FIBREX_REQUIRES(mutex);
     int private_map(RegisteredBlock& block, bool try_clear) FIBREX_REQUIRES(mutex);
     int map_after_clearing(RegisteredBlock& block) FIBREX_REQUIRES(mutex);
     int report_refused_map(const RegisteredBlock& block) FIBREX_REQUIRES(mutex);

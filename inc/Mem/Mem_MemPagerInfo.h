@@ -24,6 +24,12 @@ enum MEM_RESPONSE {
     MEM_DETACHED_SHARED = 6, ///< this handle left; the piece stays, unmapped
 };
 
+/// What is about to be done with bytes of a piece; see MEM_PagerInfo::Prefetch().
+enum MEM_ACCESS {
+    MEM_TO_READ = 1,  ///< they will be read
+    MEM_TO_WRITE = 2, ///< they will be written, and perhaps read
+};
+
 struct RegisteredBlock;
 
 /// What all handles on one piece share. Made by MEM_PagerInfo::Assign(), deleted by the last
@@ -155,6 +161,15 @@ public:
     ///         or if the system refuses, which a line in the log tells.
     /// @throws RWBoundsErr if the piece was freed.
     int ReduceWorkingSet();
+
+    /// Says that `size` bytes from `offset` on are about to be used, all or most of them: the
+    /// system finds their pages at once, which takes less than if each had to stop the program at
+    /// its first touch. Where they were found already it takes little, and where the system can't
+    /// do it nothing. Nothing but time depends on it. The pager isn't asked: nobody waits
+    /// meanwhile.
+    /// @return 0 if the bytes are ready; -1 if not: the handle holds no mapping, or the piece ends
+    ///         before, or is another process's and so never written to, or the system can't.
+    int Prefetch(unsigned long long offset, unsigned long long size, MEM_ACCESS access) const;
 
     /// Gives up what the handle held and makes it empty, as the destructor does.
     void Release();

@@ -4,6 +4,7 @@
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_Notices.h"
 #include "Mem/Mem_PagerLog.h"
+#include "Mem/Mem_PagerMapping.h"
 #include "Mem/Mem_PagerRooms.h"
 #include "Mem/Mem_Refusal.h"
 #include "Mem/Mem_Reports.h"
@@ -198,13 +199,31 @@ int MEM_MemPager::Free(MEM_PagerInfo& info)
 
 // Mapping ---------------------------------------------------------------------------------------
 
+// The pages are found without the pager's lock: it can take long, and the handle keeps the view.
 int MEM_MemPager::Map(MEM_PagerInfo& info)
 {
-    WindowUnixGuard lock(&mutex);
-    return MapWithoutLocks(info);
+    bool is_anew = false;
+    {
+        WindowUnixGuard lock(&mutex);
+        if (map_piece(info, is_anew) != 0)
+            return -1;
+    }
+    if (is_anew)
+        MakeSmallReady(*info.GetMemInfoPtr(), Platform::Mappings::Access::Write);
+    return 0;
 }
 
 int MEM_MemPager::MapWithoutLocks(MEM_PagerInfo& info)
+{
+    bool is_anew = false;
+    const int result = map_piece(info, is_anew);
+    if (is_anew)
+        MakeSmallReady(*info.GetMemInfoPtr(), Platform::Mappings::Access::Write);
+    return result;
+}
+
+/// `is_anew` becomes whether a view was made for it.
+int MEM_MemPager::map_piece(MEM_PagerInfo& info, bool& is_anew)
 {
     if (info.Ptr() != nullptr)
         return 0;
@@ -213,13 +232,22 @@ int MEM_MemPager::MapWithoutLocks(MEM_PagerInfo& info)
     RegisteredBlock& block = block_of(info.Block());
     const Mem_Counter counter = counter_of_map(block);
     counter.Mark();
+    const unsigned views = block.views;
     if (private_map(block, true) == -1)
         return -1;
+    is_anew = block.views != views;
     m_rooms->views.Hold(block);
     info.GetMemInfoPtr()->UpdatePtrByBase(block.owner->Ptr());
     counter.Close();
     check_invariants();
     return 0;
+}
+
+/// The same as long as the block's view is: one that is made anew gets another number.
+unsigned int MEM_MemPager::view_number(const MEM_PagerInfo& info)
+{
+    WindowUnixGuard lock(&mutex);
+    return m_rooms->blocks.At(info.Block()).views;
 }
 
 /// The counter for a map of the block. A block that is mapped already costs nothing, and isn't
@@ -389,24 +417,28 @@ int MEM_MemPager::trim(MEM_PagerInfo& info)
 
 int MEM_MemPager::GetCurrentStatus(Mem_Status& status)
 {
-    WindowUnixGuard lock(&mutex);
-    m_rooms->blocks.Tell(status);
-    status.total_cached = m_rooms->views.TotalCached();
-    status.total_mapped = m_rooms->views.TotalMapped();
+    const auto tell = [this, &status] {
+        WindowUnixGuard lock(&mutex);
+        m_rooms->blocks.Tell(status);
+        status.total_cached = m_rooms->views.TotalCached();
+        status.total_mapped = m_rooms->views.TotalMapped();
+        return m_rooms->views.Addresses();
+    };
+    status.total_huge = tell().HugeBytes();
     return 0;
 }
 
 void MEM_MemPager::PrintDebugStatus()
 {
     WindowUnixGuard lock(&mutex);
-    PrintStatus(*m_heap, {m_rooms->views.TotalMapped(), m_rooms->views.TotalCached()});
+    PrintStatus(*m_heap, m_rooms->views.Mapped());
     LogBlocks(m_rooms->blocks.Table());
 }
 
 void MEM_MemPager::PrintSharedMemoryStatus()
 {
     WindowUnixGuard lock(&mutex);
-    ReportSharedMemory(*m_heap, {m_rooms->views.TotalMapped(), m_rooms->views.TotalCached()});
+    ReportSharedMemory(*m_heap, m_rooms->views.Mapped());
 }
 
 void MEM_MemPager::check_invariants() const

@@ -6,6 +6,7 @@
 #include "Mem/Mem_Notices.h"
 #include "Mem/Mem_Refusal.h"
 #include "NRVlog/Zor_Log.h"
+#include "Platform/Mappings.h"
 
 #include <memory>
 #include <utility>
@@ -307,6 +308,20 @@ int MEM_PagerInfo::ReduceWorkingSet()
         return RefuseEmptyHandle(Mem_Reason::Operation::Other);
     WindowUnixGuard lock(&stripe());
     return m_state != nullptr ? m_pager->trim(*this) : -1;
+}
+
+int MEM_PagerInfo::Prefetch(unsigned long long offset, unsigned long long size,
+                            MEM_ACCESS access) const
+{
+    using Access = Platform::Mappings::Access;
+    const unsigned long long all = Size();
+    if (!holds_mapping() || offset > all || size > all - offset ||
+        (access == MEM_TO_WRITE && !m_state->mem_info->Local()))
+        return -1;
+    return Platform::Mappings::Get().Prefetch(static_cast<char*>(Ptr()) + offset, size,
+                                              access == MEM_TO_WRITE ? Access::Write : Access::Read)
+               ? 0
+               : -1;
 }
 
 MEM_RESPONSE MEM_PagerInfo::ReleaseIfUnmapped(bool force_detach, bool last_counts_as_released)

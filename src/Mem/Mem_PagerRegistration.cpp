@@ -2,6 +2,7 @@
 
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_MemPager.h"
+#include "Mem/Mem_PagerMapping.h"
 #include "Mem/Mem_PagerRooms.h"
 #include "Mem/Mem_Refusal.h"
 #include "Mem/Mem_ShmmHeap.h"
@@ -53,6 +54,7 @@ int MEM_MemPager::register_local(MEM_MemInfo& info)
 int MEM_MemPager::register_on_block(int id, MEM_MemInfo& info)
 {
     RegisteredBlock& block = m_rooms->blocks.At(id);
+    const unsigned views = block.views;
     if (private_map(block, true) != 0) {
         ZOR_LOG("MEM_MemPager::internal_register", 5,
                 "MemPager::Register failed to map block %d!\n", id);
@@ -61,6 +63,8 @@ int MEM_MemPager::register_on_block(int id, MEM_MemInfo& info)
     m_rooms->views.Hold(block);
     m_rooms->blocks.AddPiece(block, info.Size());
     info.UpdatePtrByBase(block.owner->Ptr());
+    if (block.views != views)
+        MakeSmallReady(info, Platform::Mappings::Access::First);
     return id;
 }
 
@@ -85,6 +89,7 @@ int MEM_MemPager::register_new_block(MEM_MemInfo& info)
     }
     m_rooms->views.Hold(*block);
     info.UpdatePtrByBase(block->owner->Ptr());
+    MakeSmallReady(info, Platform::Mappings::Access::First);
     place.Keep();
     return next.Use(std::move(block), info.Size());
 }

@@ -100,7 +100,7 @@ struct Pair {
             Mem_Status status;
             MEM_MemPager::GetHandle()->GetCurrentStatus(status);
             std::set<BaseMapInfo*> regions;
-            for (size_t i = 0; const auto& [start, end, is_mapped, info] : infos) {
+            for (size_t i = 0; const auto& [start, end, is_mapped, info, ready] : infos) {
                 const PagerInfoState& state = *Access::State(info);
                 const bool is_held = std::ranges::count(held, i++) == 1;
                 if (is_mapped || !lost) {

@@ -176,9 +176,9 @@ void MemoryHeadroom::find_limits()
     }
 }
 
-std::uint64_t MemoryHeadroom::Grants(std::uint64_t more, std::uint64_t done) const
+std::uint64_t MemoryHeadroom::Grants(std::uint64_t more, std::uint64_t done,
+                                     std::uint64_t least) const
 {
-    constexpr std::uint64_t least = std::uint64_t{1} << 16;
     constexpr std::uint64_t shares = 64;
     const std::uint64_t smallest = std::min(more, least);
     std::uint64_t headroom = headroom_on_machine(smallest, done);

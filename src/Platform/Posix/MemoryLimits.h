@@ -57,9 +57,12 @@ public:
     /// processes take meanwhile, in each of the groups and on the machine. Pages that hold a copy
     /// of what is on disk count as free. The nearer a limit, the fewer: many processes that look at
     /// the same time don't go past it together. `done` bytes were taken before and are given back
-    /// if these can't be had.
+    /// if these can't be had. Fewer than `least` are of no use, if there are more to take.
     /// @return 0 with errno, ENOMEM, and the limit remembered, if there is none.
-    std::uint64_t Grants(std::uint64_t more, std::uint64_t done = 0) const;
+    std::uint64_t Grants(std::uint64_t more, std::uint64_t done = 0,
+                         std::uint64_t least = LeastGrant) const;
+
+    static constexpr std::uint64_t LeastGrant = std::uint64_t{1} << 16;
 
     /// The most that one of the two would bear; the greatest number where that isn't known.
     std::uint64_t LeftInGroups() const;

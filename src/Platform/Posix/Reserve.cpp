@@ -1,5 +1,6 @@
 #include "Platform/Posix/Reserve.h"
 
+#include "Platform/Posix/HugePages.h"
 #include "Platform/Posix/Limits.h"
 #include "Platform/Posix/MemoryLimits.h"
 #include "Platform/Posix/Paths.h"
@@ -19,7 +20,7 @@ namespace
 {
 
 constexpr std::uint64_t disk_step = std::uint64_t{1} << 30;
-constexpr std::uint64_t memory_step = std::uint64_t{1} << 20;
+constexpr std::uint64_t memory_step = 8 * HugePage; // a look takes as long as a part of one
 constexpr std::uint64_t least_step = std::uint64_t{1} << 16;
 
 bool is_memory(const struct statfs& status)
@@ -73,6 +74,20 @@ bool reserve_in_steps(int file, std::uint64_t size, std::uint64_t step, Look loo
     return true;
 }
 
+/// Steps end where huge pages do. Near a limit they are small, and no such page is asked for.
+std::uint64_t look_and_offer(const MemoryHeadroom& headroom, const HugeFile& huge,
+                             std::uint64_t more, std::uint64_t done)
+{
+    const std::uint64_t in_huge_pages = (more + HugePage - 1) / HugePage * HugePage;
+    std::uint64_t now = huge.TakesThemAnyway()
+                            ? std::min(more, headroom.Grants(in_huge_pages, done, HugePage))
+                            : headroom.Grants(more, done);
+    if (now < more && now > HugePage)
+        now -= now % HugePage;
+    huge.Offer(done, now);
+    return now;
+}
+
 } // namespace
 
 bool FitsFileLimit(std::uint64_t size)
@@ -94,9 +109,10 @@ bool Reserve(int file, std::uint64_t size)
 
     // Other processes reserve at the same time: one look for the whole size isn't enough.
     const MemoryHeadroom headroom;
+    const HugeFile huge(file, size);
     return reserve_in_steps(file, size, memory_step,
-                            [&headroom](std::uint64_t more, std::uint64_t done) {
-                                return headroom.Grants(more, done);
+                            [&headroom, &huge](std::uint64_t more, std::uint64_t done) {
+                                return look_and_offer(headroom, huge, more, done);
                             });
 }
 
