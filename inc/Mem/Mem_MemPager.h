@@ -262,6 +262,8 @@ private:
     Mem_Counter counter_of_map(const RegisteredBlock& block) FIBREX_REQUIRES(mutex);
     void keep_or_drop(RegisteredBlock& block) FIBREX_REQUIRES(mutex);
     RegisteredBlock* block_to_hit(const MEM_PagerInfo& info) const;
+    bool map_by_hit(MEM_PagerInfo& info);
+    bool unmap_by_hit(MEM_PagerInfo& info);
     void check_after_hit() const;
 
     // Reclaim

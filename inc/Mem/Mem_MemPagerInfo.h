@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <memory>
+#include <new>
 
 class MEM_MemInfo;
 class MEM_MemPager;
@@ -188,7 +189,8 @@ private:
 
     static constexpr unsigned int kStripes = 50;
 
-    WindowUnixMutex& stripe() const { return mutex[m_mutex_index]; }
+    /// Laundered, so that compilers keep the one address and don't work it out at each use.
+    WindowUnixMutex& stripe() const { return *std::launder(&mutex[m_mutex_index]); }
     static int next_stripe();
     bool holds_mapping() const;
     int map_count() const { return m_map_count.load(std::memory_order_relaxed); }
@@ -205,9 +207,11 @@ private:
     int MapWithoutLocks();
     int UnmapWithoutLocks();
 
-    bool may_unmap(const char* function) const;
-    int count_map(int (MEM_MemPager::*map_block)(MEM_PagerInfo&));
-    int count_unmap(int (MEM_MemPager::*unmap_block)(MEM_PagerInfo&));
+    int refuse_unmap(const char* function) const;
+    template <class MapBlock>
+    int count_map(MapBlock map_block);
+    template <class UnmapBlock>
+    int count_unmap(UnmapBlock unmap_block);
 
     /// The stripes, dealt in turn to the pieces; all copies of a handle keep the first's.
     static WindowUnixMutex mutex[kStripes];

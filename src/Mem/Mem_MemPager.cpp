@@ -203,22 +203,9 @@ int MEM_MemPager::Free(MEM_PagerInfo& info)
 
 // Mapping ---------------------------------------------------------------------------------------
 
-/// The block of a piece if it may be hit; null if the way leads by `mutex`.
-inline RegisteredBlock* MEM_MemPager::block_to_hit(const MEM_PagerInfo& info) const
-{
-    const bool held_off = m_counts || s_hits_held_off != 0 || m_ended;
-    return held_off ? nullptr : info.m_state->block;
-}
-
 // The pages are found without the pager's lock: it can take long, and the handle keeps the view.
 int MEM_MemPager::Map(MEM_PagerInfo& info)
 {
-    RegisteredBlock* const block = block_to_hit(info);
-    if (block != nullptr && m_hits->Hold(*block)) {
-        info.GetMemInfoPtr()->UpdatePtrByBase(block->owner->Ptr());
-        check_after_hit();
-        return 0;
-    }
     bool is_anew = false;
     {
         WindowUnixGuard lock(&mutex);
@@ -325,12 +312,6 @@ int MEM_MemPager::report_refused_map(const RegisteredBlock& block)
 
 int MEM_MemPager::Unmap(MEM_PagerInfo& info)
 {
-    RegisteredBlock* const block = block_to_hit(info);
-    if (block != nullptr && m_hits->LetGo(*block)) {
-        info.GetMemInfoPtr()->UpdatePtrByBase(nullptr);
-        check_after_hit();
-        return 0;
-    }
     WindowUnixGuard lock(&mutex);
     return UnmapWithoutLocks(info);
 }
@@ -462,15 +443,6 @@ void MEM_MemPager::PrintSharedMemoryStatus()
 {
     WindowUnixGuard lock(&mutex);
     ReportSharedMemory(*m_heap, m_rooms->views.Mapped());
-}
-
-/// Hits change what debug builds check, but don't hold the lock that it wants.
-inline void MEM_MemPager::check_after_hit() const
-{
-#if defined(MEMPAGER_CHECK_INVARIANTS)
-    WindowUnixGuard lock(&mutex);
-    check_invariants();
-#endif
 }
 
 void MEM_MemPager::check_invariants() const

@@ -1,5 +1,6 @@
 #include "Mem/Mem_MemPagerInfo.h"
 
+#include "Mem/Mem_HitPath.h"
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_MemPager.h"
 #include "Mem/Mem_Notices.h"
@@ -225,13 +226,13 @@ void MEM_PagerInfo::SetBlkId(int blk_id)
 }
 
 // Always inline: this is most of a map that finds its view.
-[[gnu::always_inline]] inline int
-MEM_PagerInfo::count_map(int (MEM_MemPager::*map_block)(MEM_PagerInfo&))
+template <class MapBlock>
+[[gnu::always_inline]] inline int MEM_PagerInfo::count_map(MapBlock map_block)
 {
     if (m_state == nullptr)
         return RefuseEmptyHandle(Mem_Reason::Operation::Map);
     if (m_state->map_count == 0) {
-        const int result = (m_pager->*map_block)(*this);
+        const int result = map_block();
         if (result != 0)
             return result;
     }
@@ -245,33 +246,31 @@ int MEM_PagerInfo::Map()
     if (m_state == nullptr)
         return RefuseEmptyHandle(Mem_Reason::Operation::Map);
     WindowUnixGuard lock(&stripe());
-    return count_map(&MEM_MemPager::Map);
+    return count_map([this] { return m_pager->map_by_hit(*this) ? 0 : m_pager->Map(*this); });
 }
 
 int MEM_PagerInfo::MapWithoutLocks()
 {
-    return count_map(&MEM_MemPager::MapWithoutLocks);
+    return count_map([this] { return m_pager->MapWithoutLocks(*this); });
 }
 
-bool MEM_PagerInfo::may_unmap(const char* function) const
+/// For a handle that holds no mapping.
+[[gnu::cold]] int MEM_PagerInfo::refuse_unmap(const char* function) const
 {
     if (m_state == nullptr) {
         ZOR_LOG(function, 3, "Unmap: Tried to unmap an invalid PagerInfo!\n");
-        RefuseEmptyHandle(Mem_Reason::Operation::Other);
-        return false;
+        return RefuseEmptyHandle(Mem_Reason::Operation::Other);
     }
-    if (map_count() <= 0) {
-        ZOR_LOG(function, 6, "Unmap: Tried to unmap an already unmapped PagerInfo!\n");
-        Refuse(Mem_Reason::Operation::Other, Mem_Reason::Limit::Request, "it holds no mapping");
-        return false;
-    }
-    return true;
+    ZOR_LOG(function, 6, "Unmap: Tried to unmap an already unmapped PagerInfo!\n");
+    Refuse(Mem_Reason::Operation::Other, Mem_Reason::Limit::Request, "it holds no mapping");
+    return -1;
 }
 
 // The pager's part throws for a piece that was freed, so it comes before the counts.
-int MEM_PagerInfo::count_unmap(int (MEM_MemPager::*unmap_block)(MEM_PagerInfo&))
+template <class UnmapBlock>
+[[gnu::always_inline]] inline int MEM_PagerInfo::count_unmap(UnmapBlock unmap_block)
 {
-    const int result = m_state->map_count == 1 ? (m_pager->*unmap_block)(*this) : 0;
+    const int result = m_state->map_count == 1 ? unmap_block() : 0;
     --m_state->map_count;
     set_map_count(map_count() - 1);
     return result;
@@ -279,20 +278,20 @@ int MEM_PagerInfo::count_unmap(int (MEM_MemPager::*unmap_block)(MEM_PagerInfo&))
 
 int MEM_PagerInfo::Unmap()
 {
-    if (!may_unmap("MEM_PagerInfo::Unmap"))
-        return -1;
+    if (!holds_mapping())
+        return refuse_unmap("MEM_PagerInfo::Unmap");
     const Mem_NoticesAtEnd notices;
     WindowUnixGuard lock(&stripe());
     if (!holds_mapping()) // another thread was faster
         return -1;
-    return count_unmap(&MEM_MemPager::Unmap);
+    return count_unmap([this] { return m_pager->unmap_by_hit(*this) ? 0 : m_pager->Unmap(*this); });
 }
 
 int MEM_PagerInfo::UnmapWithoutLocks()
 {
-    if (!may_unmap("MEM_PagerInfo::UnmapWithoutLocks"))
-        return -1;
-    return count_unmap(&MEM_MemPager::UnmapWithoutLocks);
+    if (!holds_mapping())
+        return refuse_unmap("MEM_PagerInfo::UnmapWithoutLocks");
+    return count_unmap([this] { return m_pager->UnmapWithoutLocks(*this); });
 }
 
 int MEM_PagerInfo::Cache()

@@ -2,6 +2,7 @@
 // descriptors or maps that grow.
 //     prove_soak SECONDS SEED
 
+#include "Zor/Zor_Buffer.h"
 #include "prove/prove.h"
 
 #include <atomic>
@@ -21,8 +22,32 @@ struct Process {
 };
 struct Shared {
     std::atomic<bool> end;
+    std::atomic<std::size_t> length; ///< of `lent`, the descriptor of another process's piece
+    std::byte lent[1000];
     Process of[processes];
 } * shared;
+
+constexpr unsigned char lent_byte = 250;
+
+int Lend()
+{
+    alarm(0);
+    MEM_PagerInfo piece;
+    Zor_oBuffer out;
+    CHILD_CHECK(MEM_MemPager::GetHandle()->Allocate(9000, &piece, 0) == 0);
+    Prove::Fill(piece, lent_byte);
+    MEM_MemPager::GetHandle()->StreamMemInfo(piece, out);
+    std::memcpy(shared->lent, out.Bytes().data(), out.Bytes().size());
+    for (shared->length = out.Bytes().size(); !shared->end;)
+        usleep(50000);
+    return 0;
+}
+
+bool IsWhole(MEM_PagerInfo& piece, unsigned byte)
+{
+    const bool is_whole = piece.Map() == 0 && Prove::IsFullOf(piece, byte);
+    return piece.Unmap() == 0 && is_whole;
+}
 
 /// One thread's pieces, each full of its own number. Whatever is refused is wrong.
 void LiveOn(Process& process, unsigned thread, unsigned seed)
@@ -33,6 +58,11 @@ void LiveOn(Process& process, unsigned thread, unsigned seed)
         MEM_PagerInfo& piece = life.pieces[place];
         if (kind == 0)
             life.pager->ClearCache();
+        else if (kind == 3) {
+            MEM_PagerInfo borrowed = life.pager->Register({shared->lent, shared->length});
+            process.wrong += !IsWhole(borrowed, lent_byte);
+        } else if (kind == 4 && piece.IsValid() && life.Below(20) == 0)
+            process.wrong += InChild([&] { return IsWhole(piece, number) ? 0 : 1; }) != 0;
         else if (kind < 3)
             process.wrong += life.buffer.Reallocate(1 + life.Below(60)) != 0;
         else if (kind < 20 || !piece.IsValid()) {
@@ -40,10 +70,8 @@ void LiveOn(Process& process, unsigned thread, unsigned seed)
             if (life.pager->Allocate(1 + life.Below(most), &piece, 0) == 0)
                 Prove::Fill(piece, number);
             process.wrong += piece.Unmap() != 0;
-        } else {
-            process.wrong += piece.Map() != 0 || !Prove::IsFullOf(piece, number);
-            piece.Unmap();
-        }
+        } else
+            process.wrong += !IsWhole(piece, number);
     }
 }
 
@@ -110,6 +138,9 @@ int main(int, char** argv)
     const unsigned seconds = Prove::Number(argv[1]);
     Prove::Settle(10, temp.path);
     TestConfiguration::cache_limit = 1 << 20;
+    const pid_t lender = StartChild(Lend);
+    while (shared->length == 0)
+        usleep(1000);
     pid_t children[processes];
     for (unsigned process = 0; process < processes; ++process)
         children[process] =
@@ -121,7 +152,7 @@ int main(int, char** argv)
             all[process].emplace_back(children[process], shared->of[process]);
     }
     shared->end = true;
-    long operations = 0, wrong = 0;
+    long operations = 0, wrong = EndOfChild(lender) != 0;
     for (unsigned process = 0; process < processes; ++process) {
         wrong += EndOfChild(children[process]) != 0;
         wrong += shared->of[process].wrong;
