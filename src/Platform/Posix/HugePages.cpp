@@ -228,6 +228,7 @@ void HugeFile::Offer(std::uint64_t offset, std::uint64_t size) const
         ask_for(m_view + offset, whole);
     else if (m_policy == HugePolicy::Advise && CanPopulate())
         Populate(m_view + offset, whole, Populating::ToWrite);
+    madvise(m_view + offset, whole, MADV_DONTNEED); // the file keeps them, they don't count as used
 }
 
 // PosixMappings ----------------------------------------------------------------------------------

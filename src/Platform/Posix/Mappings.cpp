@@ -9,6 +9,7 @@
 #include "Platform/Posix/Populate.h"
 #include "Platform/SystemPlatform.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
@@ -35,8 +36,9 @@ bool lies_in(const SharedMapping& mapping, std::uint64_t offset, std::uint64_t s
 void find_first_pages(void* view, std::uint64_t size)
 {
     constexpr std::uint64_t share = 64;
+    constexpr std::uint64_t most = std::uint64_t{1} << 20; // more would count as used for nothing
     if (CanPopulate())
-        Populate(view, size / share, Populating::ToWrite);
+        Populate(view, std::min(size / share, most), Populating::ToWrite);
 }
 
 bool has_process(long id)
