@@ -1,6 +1,8 @@
 #ifndef BENCH_FRAGMENTS_H
 #define BENCH_FRAGMENTS_H
 
+#include "ByItself.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -16,7 +18,7 @@ constexpr std::size_t kPages = kElements / kPerPage + 1;
 constexpr char kFolder[] = "/dev/shm";
 
 /// What a scan does with a run of elements: it adds them up, or stores their numbers.
-inline double SumOf(const double* values, std::size_t count)
+BENCH_BY_ITSELF inline double SumOf(const double* values, std::size_t count)
 {
     double sum = 0;
     for (std::size_t i = 0; i < count; ++i)
@@ -24,7 +26,7 @@ inline double SumOf(const double* values, std::size_t count)
     return sum;
 }
 
-inline void Number(double* values, std::size_t count, std::size_t first)
+BENCH_BY_ITSELF inline void Number(double* values, std::size_t count, std::size_t first)
 {
     for (std::size_t i = 0; i < count; ++i)
         values[i] = static_cast<double>(first + i);

@@ -1,9 +1,11 @@
 #ifndef BENCH_SUPPORT_H
 #define BENCH_SUPPORT_H
 
+#include "ByItself.h"
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_MemPager.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -51,7 +53,7 @@ inline void Allocate(MEM_PagerInfo& piece, std::size_t size)
 }
 
 /// Reads all of `memory`, as fast as the compiler makes it.
-inline std::uint64_t Sum(const void* memory, std::size_t size)
+BENCH_BY_ITSELF inline std::uint64_t Sum(const void* memory, std::size_t size)
 {
     const auto* const words = static_cast<const std::uint64_t*>(memory);
     std::uint64_t sum = 0;
@@ -61,7 +63,7 @@ inline std::uint64_t Sum(const void* memory, std::size_t size)
 }
 
 /// Writes one byte of each page.
-inline void TouchPages(void* memory, std::size_t size)
+BENCH_BY_ITSELF inline void TouchPages(void* memory, std::size_t size)
 {
     auto* const bytes = static_cast<volatile char*>(memory);
     for (std::size_t at = 0; at < size; at += kPage)
@@ -126,5 +128,23 @@ private:
     std::string m_name;
     int m_file;
 };
+
+/// A region of the library is made for one piece, each page is written to, and it goes again.
+inline void LifeInPager(std::size_t size)
+{
+    MEM_PagerInfo piece;
+    Require(Pager().Allocate(static_cast<unsigned int>(size), &piece, 0) == 0, "Allocate");
+    TouchPages(piece.Ptr(), size);
+    piece.Unmap();
+}
+
+/// The same by hand, with a region of the library's size at least.
+inline void RawLife(std::size_t size)
+{
+    const RawRegion region(std::max(size, kRegion));
+    void* const view = region.Map();
+    TouchPages(view, size);
+    region.Unmap(view);
+}
 
 #endif

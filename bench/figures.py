@@ -32,6 +32,7 @@ class Results:
         times = collections.defaultdict(list)
         counters = collections.defaultdict(list)
         processor = collections.defaultdict(list)
+        waits = []
         self.compiler = ""
         self.python = ""  # and its packages
         self.cache = "unknown"
@@ -40,14 +41,31 @@ class Results:
                 continue  # nothing of that name was built
             report = json.loads(path.read_text())
             self.compiler = report["context"].get("compiler", self.compiler)
+            prefix = "huge/" if path.name.startswith("huge_") else ""
             self.python = report["context"].get("python", self.python)
             self.cache = report["context"].get(
                 "processors that share a cache with the first", self.cache)
             for run in report["benchmarks"]:
+                run["name"] = prefix + run["name"]
                 self._add(run, times, counters, processor)
+                if run.get("run_type") == "iteration" and not self._has_helpers(run):
+                    waits.append(run["real_time"] / max(run["cpu_time"], 1e-9))
+        self._add_demo(folder, times)
+        self.wait = statistics.median(waits) if waits else 1
         self.processor = {name: statistics.median(all_) for name, all_ in processor.items()}
         self.times = {name: statistics.median(all_) for name, all_ in times.items()}
         self.counters = {key: statistics.median(all_) for key, all_ in counters.items()}
+
+    @staticmethod
+    def _add_demo(folder, times):
+        """By the clock, as the demo tells it; plain memory as the newer build's has it."""
+        told = (("mempager", "mempager", "time through the pager"),
+                ("today", "today", "time through the pager"),
+                ("mempager", "plain", "time of the check in plain memory"))
+        for build, name, words in told:
+            for path in pathlib.Path(folder).glob(f"demo_{build}_*.log"):
+                seconds = re.search(rf"{words} +([\d.]+) s", path.read_text())
+                times[f"demo/{name}"].append(float(seconds[1]) * 1e9)
 
     @staticmethod
     def _add(run, times, counters, processor):
@@ -59,10 +77,15 @@ class Results:
             if part not in ("manual_time", "real_time") and not part.startswith("iterations:"))
         times[name].append(Results._time(run))
         processor[name].append(run["cpu_time"] * NANOSECONDS[run["time_unit"]])
-        for counter in ("items_per_second", "bytes_more"):
+        for counter in ("items_per_second", "bytes_more", "faults"):
             if counter in run:
                 counters[name, counter].append(run[counter])
 
+    @staticmethod
+    def _has_helpers(run):
+        """Whether its name says that it has threads, or a clock of its own."""
+        return any(f"/{word}" in run["name"] for word in
+                   ("real_time", "manual_time", "threads", "cursors"))
 
     @staticmethod
     def _time(run):
@@ -211,6 +234,9 @@ def pieces_rows():
         rows.append(Growth(case, f"{stem}/mempager", COUNTS, goal, last_over_first=True))
         rows.append(Growth("the same of Boost.Interprocess", f"{stem}/boost", COUNTS, None,
                            last_over_first=True))
+    threads = ("pieces/threads/threads:2", "one thread", "pieces/threads/threads:1")
+    rows.append(Rate("two threads, `Allocate` + `Free`", *threads, 1.0))
+    rows.append(Each("the same", *threads))
     return rows
 
 
@@ -254,6 +280,9 @@ SECTIONS = [
         "`mmap` maps a region of the library's own size, with its memory reserved.",
         "Each thread has a piece, a region and a handle of its own. The process of all figures has "
         "two threads, since the C library leaves out the locks of those that have one.",
+        "Four lock pairs are eight atomic steps. A cached `Map` and its `Unmap` are nine: four of two "
+        "pairs, two of the view's holders, two of the piece's counts, and one of the handle's own, so "
+        "that two threads can't give one mapping back twice. 0.9 would take two fewer.",
     ]),
     Section("`Allocate` + `Free`", pieces_rows(), [
         "Pieces of 64 to 4063 bytes, at random but the same for each peer; as many as given live "
@@ -263,9 +292,9 @@ SECTIONS = [
         "enough for all beforehand, with its records inside. Both lock.",
         "`malloc` has no lock to take for a thread's own pieces, and its memory can't be shared.",
         "Why random replacement among many pieces is slower than Boost's: it waits for memory. The "
-        "sampled time of a million pieces lies in the first look at a record that no cache has: "
-        "about a third in the ordered set of a region's free chunks, a tenth each in the index of "
-        "allocated chunks, in the neighbours that are merged and in what a piece's handles share. "
+        "time of a million pieces lies in the first look at records that no cache has, one after the "
+        "other: what a piece's handles share, its descriptor, its block, the index of allocated "
+        "chunks, the chunk, the neighbours that are merged, and the bins of free chunks. "
         "A piece that can be unmapped can't keep its records in front of its bytes, as Boost does.",
     ]),
     Section("Regions", [
@@ -286,8 +315,6 @@ SECTIONS = [
         "Working set: 64 pieces of 8 MB, 256 MB of cache, the first half of a random piece is "
         "read. The peers' files lie in shared memory too. `pread` copies what it reads, of the "
         "half only; the others map the whole piece.",
-        "`pread` took 350 to 670 µs from run to run, as its buffer came to lie, and the library 370 "
-        "to 420 µs: the ratio of the two is between 0.8 and 1.8.",
     ]),
     Section("Many regions", [
         Growth("`Map` with so many regions registered", "blocks/map", BLOCKS, 1.3),
@@ -374,6 +401,65 @@ SECTIONS += [
     ]),
 ]
 
+BYTE_SIZES = {4096: "4 KB", 65536: "64 KB", 1048576: "1 MB", 67108864: "64 MB"}
+
+
+def miss_rows():
+    rows = []
+    for kind in ("read", "written"):
+        own = f"misses/{kind}/mempager"
+        rows.append(AtMost(f"a miss of 8 MB, all {kind}", own, "raw calls", f"misses/{kind}/raw", 0.6))
+        rows.append(AtMost(f"fragments of twice the cache, {kind}", f"misses/scan_{kind}/mempager",
+                           "the older build", f"misses/scan_{kind}/today", 0.6))
+    for size in (8, 256):
+        rows.append(AtMost(f"life of a region of {size} MB, all written",
+                           f"misses/life/mempager/{size}", "raw calls", f"misses/life/raw/{size}",
+                           0.7))
+    rows.append(AtMost("working set of twice the cache, half of each read", "misses/set/mempager",
+                       "`pread`", "misses/set/pread"))
+    for size, text in BYTE_SIZES.items():
+        for kind in ("read", "written"):
+            rows.append(AtMost(f"one byte {kind} in each of many pieces of {text}",
+                               f"misses/byte_{kind}/mempager/{size}", "the older build",
+                               f"misses/byte_{kind}/today/{size}", 1.1))
+    for kind in ("read", "written"):
+        own = f"huge/misses/{kind}/mempager"
+        rows.append(Faster(f"huge pages: a miss of 8 MB, all {kind}", own,
+                           "the older build, small pages", f"misses/{kind}/today", 8))
+        rows.append(AtMost("the same", own, "raw calls, huge pages", f"huge/misses/{kind}/raw",
+                           1.15))
+    for size in (8, 256):
+        own = f"huge/misses/life/mempager/{size}"
+        rows.append(Faster(f"huge pages: life of a region of {size} MB", own,
+                           "the older build, small pages", f"misses/life/today/{size}", 8))
+        rows.append(AtMost("the same", own, "raw calls, huge pages",
+                           f"huge/misses/life/raw/{size}", 1.15))
+    demo = "the demo, 2 GB of volumes in 700 MB"
+    rows.append(AtMost(demo, "demo/mempager", "the older build", "demo/today", 0.5))
+    rows.append(AtMost("the same", "demo/mempager", "plain memory", "demo/plain"))
+    return rows
+
+
+SECTIONS.insert(3, Section("Misses", miss_rows(), [
+    "The older build is that of commit 5277fb9, run by turns with this one. A miss is a `Map` whose "
+    "view has gone, `Prefetch` for what follows, the touch of it all, and the view's end. Raw calls: "
+    "`mmap`, the same touch, `munmap`. Written: a byte of each page.",
+    "A life is as above, with pieces made ready whole by `SetPrefetchSize`. Fragments are of 32 MB, "
+    "scanned in ranges of 1 MB. One byte: with the settings as they are by default.",
+    "Huge pages: in a folder of shared memory mounted with `huge=within_size`. See "
+    "[misses.md](misses.md).",
+    "What a goal is missed by. One byte written: a place for the view is reserved first, so that "
+    "huge pages can map it, which is an `mmap` more; one that is read gains more by such pages than "
+    "it loses. All of 8 MB read from huge pages: what is left is the reading, and raw calls take as "
+    "long. Life of 8 MB in huge pages: besides their clearing, the library looks at what memory is "
+    "left, takes a lock, and touches the region's last 64 KB, which are of small pages.",
+    "Where memory is in pieces, the system makes room for huge pages first. The library notices by "
+    "the time that two in a row take, and has small ones for twenty times as long: a life takes up "
+    "to what the raw calls take then.",
+    "The demo: half of the older build's time would be less than plain memory takes for the same "
+    "work. Most of it is arithmetic, which no mapping makes faster.",
+]))
+
 
 def python_rows():
     rows = []
@@ -408,10 +494,9 @@ SECTIONS.append(Section("From Python", python_rows(), [
     "Times are of the clock, but for those on a mapped chunk. Chunks have 8 MB; all files are in "
     "`/dev/shm`.",
     "NumPy's own memory gets huge pages where the system gives them on request "
-    "(`MADV_HUGEPAGE`), and shared memory doesn't unless its folder is mounted so. That is all of "
-    "the difference on a mapped chunk: it goes if NumPy has small pages as well, which "
-    "`NUMPY_MADVISE_HUGEPAGE=0` in the environment does too, and if `/dev/shm` is mounted with "
-    "`huge=within_size`. All pages were written to before, and none is found during the measuring.",
+    "(`MADV_HUGEPAGE`), and so do the library's regions (`MADV_COLLAPSE`); without huge pages is NumPy "
+    "as `NUMPY_MADVISE_HUGEPAGE=0` has it. All pages were written to before, and none is found "
+    "during the measuring.",
     "`shared_memory` and `memmap` are one array that is mapped all the time: reading from it is "
     "nothing but NumPy. What an `Array` adds is about 10 µs of Python for each access, more where "
     "the processor's caches are cold, as between the turns of others here. Work on blocks.",
@@ -569,6 +654,16 @@ def picture(results):
 # ------------------------------------------------------------------------------------------------
 
 
+def fault_text(results):
+    text = (f"The clock ran {results.wait:.2f} times as long as the processor worked (well above 1: "
+            "a busy machine).")
+    if "misses/fault" in results.times:
+        fault = results.times["misses/fault"] / results.counters["misses/fault", "faults"]
+        text += (f" A page fault costs {time_text(fault)} here: the touch of a page that is in "
+                 "memory.")
+    return text
+
+
 def page(results, temp_folder, remarks):
     sections = [section_text(section, results) for section in SECTIONS]
     lines = [line for _, lines_ in sections for line in lines_ if line.verdict is not None]
@@ -580,7 +675,7 @@ def page(results, temp_folder, remarks):
         "the clock. A ratio is the library's time over "
         "its peer's unless it says otherwise. "
         f"{reached} of {len(lines)} goals are reached.", "",
-        machine(results, temp_folder), *[f"\n{remark}" for remark in remarks], "",
+        machine(results, temp_folder), fault_text(results), *[f"\n{remark}" for remark in remarks], "",
         "![Growth curves](figures.svg)", "",
         *[text for text, _ in sections]])
 

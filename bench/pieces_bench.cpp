@@ -131,6 +131,21 @@ void Pass(benchmark::State& state)
         lived.Pass();
 }
 
+/// Each thread has a piece of its own come and go.
+void PassInThreads(benchmark::State& state)
+{
+    if (state.thread_index() == 0)
+        SetCacheLimit(1000);
+    MEM_PagerInfo stays; // keeps the region
+    Require(Pager().Allocate(1000, &stays, 0) == 0, "Allocate");
+    for (auto _ : state) {
+        MEM_PagerInfo passes;
+        Require(Pager().Allocate(1000, &passes, 0) == 0, "Allocate");
+        passes.Release();
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
 void live_counts(benchmark::internal::Benchmark* benchmark)
 {
     benchmark->Arg(10)->Arg(1000)->Arg(100000)->Arg(1000000);
@@ -139,6 +154,7 @@ void live_counts(benchmark::internal::Benchmark* benchmark)
 BENCHMARK(Pass<OurPieces>)->Name("pieces/pass/mempager")->Apply(live_counts);
 BENCHMARK(Pass<BoostPieces>)->Name("pieces/pass/boost")->Apply(live_counts);
 BENCHMARK(Pass<MallocPieces>)->Name("pieces/pass/malloc")->Apply(live_counts);
+BENCHMARK(PassInThreads)->Name("pieces/threads")->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(Replace<OurPieces>)->Name("pieces/replace/mempager")->Apply(live_counts);
 BENCHMARK(Replace<BoostPieces>)->Name("pieces/replace/boost")->Apply(live_counts);
 BENCHMARK(Replace<MallocPieces>)->Name("pieces/replace/malloc")->Apply(live_counts);

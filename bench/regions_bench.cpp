@@ -17,30 +17,22 @@ namespace
 {
 // Life --------------------------------------------------------------------------------------------
 
-void OurLife(benchmark::State& state)
+void OurLives(benchmark::State& state)
 {
     SetCacheLimit(1000);
     const std::size_t size = static_cast<std::size_t>(state.range(0)) * kMb;
-    for (auto _ : state) {
-        MEM_PagerInfo piece;
-        Require(Pager().Allocate(static_cast<unsigned int>(size), &piece, 0) == 0, "Allocate");
-        TouchPages(piece.Ptr(), size);
-        piece.Unmap();
-    }
+    for (auto _ : state)
+        LifeInPager(size);
 }
 
-void RawLife(benchmark::State& state)
+void RawLives(benchmark::State& state)
 {
     const std::size_t size = static_cast<std::size_t>(state.range(0)) * kMb;
-    for (auto _ : state) {
-        const RawRegion region(std::max(size, kRegion));
-        void* const view = region.Map();
-        TouchPages(view, size);
-        region.Unmap(view);
-    }
+    for (auto _ : state)
+        RawLife(size);
 }
-BENCHMARK(OurLife)->Name("regions/life/mempager")->Arg(8)->Arg(256);
-BENCHMARK(RawLife)->Name("regions/life/raw")->Arg(8)->Arg(256);
+BENCHMARK(OurLives)->Name("regions/life/mempager")->Arg(8)->Arg(256);
+BENCHMARK(RawLives)->Name("regions/life/raw")->Arg(8)->Arg(256);
 
 // Miss --------------------------------------------------------------------------------------------
 

@@ -110,6 +110,13 @@ public:
     /// Sets that limit.
     virtual void SetUnmapWorkingSetLimit(unsigned int bytes);
 
+    /// The largest piece, in bytes, whose pages are found at once when its view is made, so that no
+    /// touch of it has to wait for them; 0 for none. See docs/misses.md for what is won and lost by
+    /// it, and MEM_PagerInfo::Prefetch() for single stretches. 0 unless set.
+    virtual unsigned int PrefetchSize();
+    /// Sets that size.
+    virtual void SetPrefetchSize(unsigned int bytes);
+
 protected:
     /// The defaults. Reads the machine's memory and the environment, and logs the cache size.
     MEM_MemoryConfiguration();
@@ -129,6 +136,7 @@ private:
     unsigned int m_block_size_threshold = 128000;
     unsigned int m_base_block_size = 8454144;
     unsigned int m_swap_commit_adaptive_limit = 0;
+    unsigned int m_prefetch_size = 0;
 };
 
 #endif

@@ -13,12 +13,20 @@
 class Zor_PerformanceCounterData;
 struct Mem_FragmentsResize;
 
+/// The bytes of a fragment whose pages were found in one of its views.
+struct Mem_ReadyRange {
+    size_t start = 1;      ///< the first, in the buffer
+    size_t end = 0;        ///< one behind the last; before the start if there is none
+    unsigned int view = 0; ///< the pager's number of that view
+};
+
 /// One fragment in pager memory.
 struct Mem_MemFragmentInfo {
     size_t IndexStart;       ///< its first byte in the buffer
     size_t IndexEnd;         ///< its last byte in the buffer
     bool isMapped;           ///< the allocator holds it mapped through `pagerInfo`
     MEM_PagerInfo pagerInfo; ///< the handle of its piece
+    Mem_ReadyRange ready;    ///< what was made ready of it
 };
 
 /// A buffer whose fragments are pieces of the process's pager, at most two of them mapped at any
@@ -84,12 +92,16 @@ public:
         return find_in_other_fragments(index);
     }
 
+    /// The range is about to be used: where its fragment was mapped anew, its pages are found at
+    /// once, each time for what no range before had.
     void* GetRangeFromIndex(size_t index, size_t& length) override
     {
         void* const pointer = GetPointerAtIndex(index);
         if (pointer != nullptr) {
             const size_t rest = current_index_end - index + 1;
             length = length < rest ? length : rest;
+            if (index < ready_start || ready_end < index + length)
+                make_range_ready(index, length);
         }
         return pointer;
     }
@@ -120,6 +132,8 @@ private:
         std::swap(replace_counter, other.replace_counter);
         std::swap(realloc_counter, other.realloc_counter);
         std::swap(pager, other.pager);
+        std::swap(ready_start, other.ready_start);
+        std::swap(ready_end, other.ready_end);
         std::swap(mapping_lost, other.mapping_lost);
     }
 
@@ -146,6 +160,8 @@ private:
     int replace_mapped_fragment(size_t mapped_index, size_t fragment);
     void make_current(size_t mapped_index);
     void make_none_current();
+    void make_range_ready(size_t index, size_t length);
+    void forget_ready_if_anew(Mem_MemFragmentInfo& info);
     size_t get_lost_mapped_index(size_t fragment) const;
     bool give_up_other(size_t mapped_index);
 
@@ -182,6 +198,8 @@ private:
     Zor_PerformanceCounterData* replace_counter = nullptr;
     Zor_PerformanceCounterData* realloc_counter = nullptr;
     MEM_MemPager* pager = nullptr;
+    size_t ready_start = 1; // the bytes of the current fragment that were made ready
+    size_t ready_end = 0;
     bool mapping_lost = false; // a failed resize couldn't map the old fragments again
 };
 

@@ -238,6 +238,8 @@ private:
     friend MEMPAGER_EXPORT Zor_iBuffer& operator>>(Zor_iBuffer& in, MEM_MemInfo& info);
     /// @endcond
 
+    void forget_ptr() { m_pointer = nullptr; }
+
     BaseMapInfo* m_owner = nullptr;
     unsigned int m_alignment = 0;
     unsigned int m_SmallOffsetDueToAlignment = 0;

@@ -45,8 +45,8 @@ struct RegisteredBlock;
 /// Threads: any thread may call any public operation. Three kinds of lock, all recursive and
 /// class-wide, taken in this order: `mutex_vec` (vector operations), a stripe of the handles,
 /// `mutex`. What a handle maps, or gives back, while its block keeps its view needs the stripe
-/// alone (docs/hits.md). Nothing is called back with them held, but for the log's sink and the
-/// virtual getters of the configuration.
+/// alone, and while its piece is mapped otherwise no lock (docs/hits.md). Nothing is called back
+/// with them held, but for the log's sink and the virtual getters of the configuration.
 ///
 /// fork: a child has its parent's pieces, and what it writes there the parent sees; the names and
 /// files stay the parent's. New pieces of the child get regions of their own.
@@ -151,7 +151,9 @@ public:
     /// @throws RWBoundsErr at the first whose piece was freed; those behind it stay mapped.
     void UnmapMemPagerInfoVec(MEM_PagerInfo** infos, int count);
 
-    /// Fills `status` with this pager's accounting, a consistent picture. @return 0.
+    /// Fills `status` with this pager's accounting, a consistent picture but for `total_huge`,
+    /// which the system is asked about afterwards, without keeping anybody waiting. That takes the
+    /// longer the more views there are, so its answer stands for twenty times as long. @return 0.
     int GetCurrentStatus(Mem_Status& status);
 
     /// Fills `status` with where the memory of this process's pieces lies, both pagers' together: a
@@ -252,12 +254,16 @@ private:
     int trim(MEM_PagerInfo& info);
     int MapWithoutLocks(MEM_PagerInfo& info) FIBREX_REQUIRES(mutex);
     int UnmapWithoutLocks(MEM_PagerInfo& info) FIBREX_REQUIRES(mutex);
+    unsigned int view_number(const MEM_PagerInfo& info);
+    int map_piece(MEM_PagerInfo& info, bool& is_anew) FIBREX_REQUIRES(mutex);
     int private_map(RegisteredBlock& block, bool try_clear) FIBREX_REQUIRES(mutex);
     int map_after_clearing(RegisteredBlock& block) FIBREX_REQUIRES(mutex);
     int report_refused_map(const RegisteredBlock& block) FIBREX_REQUIRES(mutex);
     Mem_Counter counter_of_map(const RegisteredBlock& block) FIBREX_REQUIRES(mutex);
     void keep_or_drop(RegisteredBlock& block) FIBREX_REQUIRES(mutex);
     RegisteredBlock* block_to_hit(const MEM_PagerInfo& info) const;
+    bool map_by_hit(MEM_PagerInfo& info);
+    bool unmap_by_hit(MEM_PagerInfo& info);
     void check_after_hit() const;
 
     // Reclaim
@@ -321,6 +327,7 @@ private:
 
     void take_stripes() FIBREX_REQUIRES(MEM_MemPager::mutex_vec);
     void release_stripes() FIBREX_REQUIRES(MEM_MemPager::mutex_vec);
+    void hold_off(bool held_off);
 
     MEM_MemPager* m_pager;
     MEM_PagerInfo** m_infos;

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <memory>
+#include <new>
 
 class MEM_MemInfo;
 class MEM_MemPager;
@@ -23,19 +24,13 @@ enum MEM_RESPONSE {
     MEM_DETACHED_SHARED = 6, ///< this handle left; the piece stays, unmapped
 };
 
-struct RegisteredBlock;
-
-/// What all handles on one piece share. Made by MEM_PagerInfo::Assign(), deleted by the last
-/// handle. Guarded by the handles' stripe.
-struct PagerInfoState {
-    std::atomic<int> blk_id = -1;    ///< the block's id; -1 once the piece has been freed
-    int map_count = 0;               ///< sum of the mappings that the handles hold
-    int ref_count = 0;               ///< handles on this record
-    MEM_MemInfo* mem_info = nullptr; ///< the piece; the heap's if local, else the pager's
-    /// The pager's record of the block; null once the piece has been freed, and where a client has
-    /// made the handle.
-    RegisteredBlock* block = nullptr;
+/// What is about to be done with bytes of a piece; see MEM_PagerInfo::Prefetch().
+enum MEM_ACCESS {
+    MEM_TO_READ = 1,  ///< they will be read
+    MEM_TO_WRITE = 2, ///< they will be written, and perhaps read
 };
+
+struct PagerInfoState;
 
 /// A client's handle to one piece of memory: small, copyable, counted.
 ///
@@ -155,6 +150,15 @@ public:
     /// @throws RWBoundsErr if the piece was freed.
     int ReduceWorkingSet();
 
+    /// Says that `size` bytes from `offset` on are about to be used, all or most of them: the
+    /// system finds their pages at once, which takes less than if each had to stop the program at
+    /// its first touch. Where they were found already it takes little, and where the system can't
+    /// do it nothing. Nothing but time depends on it. The pager isn't asked: nobody waits
+    /// meanwhile.
+    /// @return 0 if the bytes are ready; -1 if not: the handle holds no mapping, or the piece ends
+    ///         before, or is another process's and so never written to, or the system can't.
+    int Prefetch(unsigned long long offset, unsigned long long size, MEM_ACCESS access) const;
+
     /// Gives up what the handle held and makes it empty, as the destructor does.
     void Release();
 
@@ -173,26 +177,31 @@ private:
 
     static constexpr unsigned int kStripes = 50;
 
-    WindowUnixMutex& stripe() const { return mutex[m_mutex_index]; }
+    /// Laundered, so that compilers keep the one address and don't work it out at each use.
+    WindowUnixMutex& stripe() const { return *std::launder(&mutex[m_mutex_index]); }
     static int next_stripe();
     bool holds_mapping() const;
     int map_count() const { return m_map_count.load(std::memory_order_relaxed); }
     void set_map_count(int count) { m_map_count.store(count, std::memory_order_relaxed); }
+    bool take_mapping();
+    void add_mapping() { m_map_count.fetch_add(1, std::memory_order_relaxed); }
+    bool unmap_nested();
     void copy(const MEM_PagerInfo& other, bool map);
     void take(MEM_PagerInfo& other) noexcept;
     void release();
-    int detach();
+    void detach(int left);
     void free_piece();
-    void assign(std::unique_ptr<PagerInfoState> state, int blk_id, MEM_MemPager* pager,
-                MEM_MemInfo* info, bool mapped);
+    void assign(std::unique_ptr<PagerInfoState> state, int blk_id, MEM_MemPager* pager);
     void SetMemPager(MEM_MemPager* pager) { m_pager = pager; }
     void SetBlkId(int blk_id);
     int MapWithoutLocks();
     int UnmapWithoutLocks();
 
-    bool may_unmap(const char* function) const;
-    int count_map(int (MEM_MemPager::*map_block)(MEM_PagerInfo&));
-    int count_unmap(int (MEM_MemPager::*unmap_block)(MEM_PagerInfo&));
+    int refuse_unmap(const char* function) const;
+    template <class MapBlock>
+    int count_map(MapBlock map_block);
+    template <class UnmapBlock>
+    int count_unmap(UnmapBlock unmap_block);
 
     /// The stripes, dealt in turn to the pieces; all copies of a handle keep the first's.
     static WindowUnixMutex mutex[kStripes];
@@ -200,7 +209,7 @@ private:
 
     PagerInfoState* m_state = nullptr;
     int m_mutex_index = 0;
-    std::atomic<int> m_map_count = 0; // changed under the stripe, read without
+    std::atomic<int> m_map_count = 0; // of the record's, those that this handle holds
     unsigned int m_allocated_size = 0;
     MEM_MemPager* m_pager = nullptr;
 };

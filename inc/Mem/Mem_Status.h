@@ -12,6 +12,7 @@ struct Mem_Status {
     unsigned long long local_pieces_size = 0;   ///< bytes
     unsigned long long total_cached = 0;        ///< bytes of views that wait in the cache
     unsigned long long total_mapped = 0;        ///< bytes of all views
+    unsigned long long total_huge = 0;          ///< bytes of views that huge pages map now
 };
 
 /// Where the memory of this process's own pieces lies at one moment, of both pagers together, and

@@ -29,10 +29,16 @@ namespace mempager
 ///         write(part);
 ///
 /// The memory is shared memory, up to MEM_MemoryConfiguration::SetSwapMaxSizeInMb() (1500 MB), and
-/// temp files beyond that, so that data needn't fit into memory either. What passes through them in
-/// order is as fast as on plain memory while the pager's cache holds them, and as the disk else.
+/// temp files beyond that, so that data needn't fit into memory either: files of 1024 MB each in
+/// /var/tmp, 10 GB of them at most, unless SetFileHeapParmeters() says otherwise; both are in
+/// Mem/Mem_Configuration.h. What passes through them in order is as fast as on plain memory while
+/// the pager's cache holds them, and as the disk else.
 /// Sorting goes through all of them a few times; sorting runs of 64 MB, say, and merging these, as
-/// examples/external_sort.cpp does, goes through them twice.
+/// examples/external_sort.cpp does, goes through them twice. A merge takes a cursor for each run,
+/// by elements(1), and spans by cursor::run_from().
+///
+/// Growing copies one fragment at most, so that reserve() is needed only where a lack of memory has
+/// to be known beforehand.
 ///
 /// The buffer itself has no way to its elements: that is a cursor, which holds the mappings, and
 /// which elements() and parts() make. So a buffer that nobody uses takes no address space, and
@@ -113,7 +119,9 @@ public:
     std::size_t capacity() const noexcept { return m_store == nullptr ? 0 : m_store->capacity(); }
 
     /// All elements, to read and write; of a const buffer, to read. See cursor for all that can be
-    /// done with them. @param most the most fragments that it keeps mapped.
+    /// done with them.
+    /// @param most the most fragments that it keeps mapped, for as long as it lives, whatever the
+    ///        limit of the pager's cache: of many cursors, each should keep few.
     /// @throws error with in_use if another thread resizes the buffer, std::bad_alloc.
     cursor<T> elements(std::size_t most = 16) { return {store(), most}; }
     /// The same without an exception: `code` tells a failure, and is cleared otherwise.
@@ -132,7 +140,8 @@ public:
         return detail::told(code, [this] { return elements(); });
     }
 
-    /// All elements in order, a std::span for each fragment, each good until the next but two.
+    /// All elements in order, a std::span for each fragment. Each stays good while the two behind
+    /// it are used, and may end with the third.
     owned_parts<T> parts() { return owned_parts<T>(elements(1)); }
     /// The same for reading only.
     owned_parts<const T> parts() const { return owned_parts<const T>(elements(1)); }

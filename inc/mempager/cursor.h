@@ -369,7 +369,8 @@ public:
     /// Behind the last.
     iterator end() const { return {m_window.get(), size()}; }
 
-    /// The elements from `number` to the end of their fragment.
+    /// The elements from `number` to the end of their fragment, at least one; `number` is below
+    /// size(). Good for as long as the class says of references.
     std::span<T> run_from(std::size_t number) const { return m_window->run_from(number); }
     /// The same without an exception: `code` tells a failure, and is cleared otherwise.
     std::span<T> run_from(std::size_t number, std::error_code& code) const

@@ -228,6 +228,20 @@ public:
             m_handle->handle.ReduceWorkingSet();
     }
 
+    /// Says that `count` elements from `first` on are about to be written, while a guard keeps them
+    /// mapped: their pages are found at once, which takes less than one by one at their first
+    /// touch. @return whether they are ready; false too if they aren't mapped, or not there.
+    bool prefetch(std::size_t first, std::size_t count) noexcept
+    {
+        return is_ready(first, count, MEM_TO_WRITE);
+    }
+
+    /// The same of elements that are about to be read only.
+    bool prefetch_const(std::size_t first, std::size_t count) const noexcept
+    {
+        return is_ready(first, count, MEM_TO_READ);
+    }
+
     /// Some 150 bytes by which another process finds the elements: see foreign. Send them after
     /// the last write, and keep the piece until the other process has mapped it once. Empty for
     /// an empty piece.
@@ -254,6 +268,12 @@ public:
     piece(std::size_t count, for_overwrite_t, mapped<T>& born) { born = allocate(count); }
 
 private:
+    bool is_ready(std::size_t first, std::size_t count, MEM_ACCESS access) const noexcept
+    {
+        return m_handle != nullptr && first <= m_size && count <= m_size - first &&
+               m_handle->handle.Prefetch(first * sizeof(T), count * sizeof(T), access) == 0;
+    }
+
     mapped<T> allocate(std::size_t count)
     {
         if (count == 0)

@@ -24,7 +24,7 @@ std::uint32_t clamp(std::uint64_t size)
 } // namespace
 
 BlockSpaceLogic::BlockSpaceLogic(std::uint32_t size)
-    : m_size(size), m_buckets(kFirstBuckets, nullptr)
+    : m_size(size), m_free(size), m_buckets(kFirstBuckets, nullptr)
 {
     keep_spare();
     Chunk& whole = take_spare();
@@ -34,7 +34,7 @@ BlockSpaceLogic::BlockSpaceLogic(std::uint32_t size)
     enter_free(whole);
 }
 
-// The sets go before the pool, and unlink its records.
+// The sets and bins go before the pool, and unlink its records.
 BlockSpaceLogic::~BlockSpaceLogic() = default;
 
 bool BlockSpaceLogic::Allocate(std::uint32_t size, Mem_MemoryChunk* chunk, std::uint32_t alignment,
@@ -42,9 +42,12 @@ bool BlockSpaceLogic::Allocate(std::uint32_t size, Mem_MemoryChunk* chunk, std::
 {
     keep_spare(); // first, since a new-handler can run in there
     keep_buckets();
+    m_free.KeepBins(m_buckets.size());
     Chunk* const found = const_cast<Chunk*>(find_free_chunk(size, alignment, actual_size));
     if (found == nullptr)
         return false;
+    Mem_Prefetch(found->before);
+    Mem_Prefetch(&bucket_of(found->offset + (*actual_size - size)));
     Chunk& taken = take_front(*found, *actual_size);
     taken.size = size;
     enter_allocated(taken);
@@ -68,7 +71,10 @@ bool BlockSpaceLogic::Free(const Mem_MemoryChunk& chunk)
         RWThrow(RWBoundsErr(
             RWMessage(RWTOOL_INDEXERR(), UINT64_MAX, m_allocated_count + m_nothing.size())));
     Chunk& freed = *found;
+    Mem_Prefetch(freed.before);
+    Mem_Prefetch(freed.behind);
     m_allocated -= freed.actual_size;
+    prefetch_bins_around(freed);
     if (Chunk* const right = free_chunk_behind(freed))
         absorb(freed, *right);
     if (Chunk* const left = free_chunk_before(freed))
@@ -88,9 +94,9 @@ void BlockSpaceLogic::PrintStatus(std::ostream& os) const
     int count = 0;
     os << "  Block space Status: size : " << (m_size >> 10)
        << "KB, allocated: " << (m_allocated >> 10) << "KB\n";
-    for (const Chunk& chunk : m_free)
-        os << "\tFree Chunk " << ++count << ", Size " << chunk.actual_size << ", Offset "
-           << chunk.offset << '\n';
+    for (const Chunk* chunk = m_free.First(); chunk != nullptr; chunk = m_free.After(*chunk))
+        os << "\tFree Chunk " << ++count << ", Size " << chunk->actual_size << ", Offset "
+           << chunk->offset << '\n';
     for_each_allocated([&](const Chunk& chunk) {
         os << "\tAllocated Chunk " << ++count << ", Size " << chunk.size << ", Offset "
            << chunk.offset << '\n';
@@ -102,15 +108,6 @@ void BlockSpaceLogic::SetLimits(std::uint32_t lower, std::uint32_t upper)
 {
     m_lower_limit = lower;
     m_upper_limit = upper;
-}
-
-// The set's own way to its last element goes down the tree; its header knows it.
-std::uint32_t BlockSpaceLogic::LargestFreeChunk() const
-{
-    if (m_free.empty())
-        return 0;
-    const auto last = FreeSet::node_traits::get_right(m_free.end().pointed_node());
-    return FreeSet::value_traits::to_value_ptr(last)->actual_size;
 }
 
 const BlockSpaceLogic::Chunk* BlockSpaceLogic::find_free_chunk(std::uint32_t size,
@@ -129,41 +126,38 @@ const BlockSpaceLogic::Chunk* BlockSpaceLogic::search(std::uint32_t size, std::u
                                                       std::uint32_t* actual_size) const
 {
     *actual_size = size;
-    const Chunk* chunk = smallest_of_at_least(size);
+    const Chunk* chunk = m_free.SmallestOfAtLeast(size);
     if (chunk == nullptr)
         return nullptr;
     const std::uint64_t wanted = std::uint64_t{size} + alignment_gap(chunk->offset, alignment);
     *actual_size = clamp(wanted);
     if (wanted <= chunk->actual_size)
         return chunk;
-    chunk = smallest_of_at_least(std::uint64_t{size} + alignment);
+    chunk = m_free.SmallestOfAtLeast(std::uint64_t{size} + alignment);
     if (chunk != nullptr)
         *actual_size = size + alignment_gap(chunk->offset, alignment);
     return chunk;
-}
-
-const BlockSpaceLogic::Chunk* BlockSpaceLogic::smallest_of_at_least(std::uint64_t size) const
-{
-    const auto found = m_free.lower_bound(size, SmallerThan());
-    return found == m_free.end() ? nullptr : &*found;
 }
 
 /// The first free chunk, by size and age, that `borders` is true for; null if there is none.
 template <class Borders>
 BlockSpaceLogic::Chunk* BlockSpaceLogic::first_free(Borders borders)
 {
-    const auto found = std::find_if(m_free.begin(), m_free.end(), borders);
-    return found == m_free.end() ? nullptr : &*found;
+    Chunk* chunk = m_free.First();
+    while (chunk != nullptr && !borders(*chunk))
+        chunk = m_free.After(*chunk);
+    return chunk;
 }
 
 /// The same, of the empty ones, which stand in front of all others.
 template <class Borders>
 BlockSpaceLogic::Chunk* BlockSpaceLogic::empty_free(Borders borders)
 {
-    const auto found = std::find_if(m_free.begin(), m_free.end(), [&](const Chunk& chunk) {
-        return chunk.actual_size != 0 || borders(chunk);
-    });
-    return found == m_free.end() || found->actual_size != 0 ? nullptr : &*found;
+    if (!m_free.HaveEmpty())
+        return nullptr;
+    Chunk* const found =
+        first_free([&](const Chunk& chunk) { return chunk.actual_size != 0 || borders(chunk); });
+    return found == nullptr || found->actual_size != 0 ? nullptr : found;
 }
 
 /// The free chunk that begins where `chunk` ends, an empty one first; or null.
@@ -188,20 +182,31 @@ BlockSpaceLogic::Chunk* BlockSpaceLogic::free_chunk_before(const Chunk& chunk)
                                                                                  : chunk.before;
 }
 
+/// Fetches the bins of the free neighbours of `chunk`, and the bin that all of them will make.
+void BlockSpaceLogic::prefetch_bins_around(const Chunk& chunk) const
+{
+    std::uint32_t joined = chunk.actual_size;
+    for (const Chunk* const neighbour : {chunk.before, chunk.behind}) {
+        if (neighbour == nullptr || !neighbour->is_free)
+            continue;
+        m_free.Prefetch(neighbour->actual_size);
+        joined += neighbour->actual_size;
+    }
+    m_free.Prefetch(joined);
+}
+
 void BlockSpaceLogic::enter_free(Chunk& chunk)
 {
     m_found.chunk = nullptr;
     chunk.is_free = true;
     chunk.order = ++m_clock;
-    // The youngest of its size stands before the first that is larger.
-    const std::uint64_t larger = std::uint64_t{chunk.actual_size} + 1;
-    m_free.insert_before(m_free.lower_bound(larger, SmallerThan()), chunk);
+    m_free.Enter(chunk);
 }
 
 void BlockSpaceLogic::leave_free(Chunk& chunk)
 {
     m_found.chunk = nullptr;
-    m_free.erase(m_free.iterator_to(chunk));
+    m_free.Leave(chunk);
     chunk.is_free = false;
 }
 
@@ -434,14 +439,15 @@ const char* BlockSpaceLogic::broken_free_chunks(Tally& tally) const
     Mem_FirstBreak check;
     std::size_t stretches = 0;
     const Chunk* before = nullptr;
-    for (const Chunk& chunk : m_free) {
-        check.Expect(chunk.is_free, "an allocated chunk among the free ones");
-        check.Expect(before == nullptr || SmallerThenOlder()(*before, chunk),
+    for (const Chunk* chunk = m_free.First(); chunk != nullptr; chunk = m_free.After(*chunk)) {
+        check.Expect(chunk->is_free, "an allocated chunk among the free ones");
+        check.Expect(before == nullptr || Mem_FreeChunks::SmallerThenOlder()(*before, *chunk),
                      "the order of the free chunks");
-        ++(chunk.actual_size != 0 ? stretches : tally.empty);
-        before = &chunk;
+        ++(chunk->actual_size != 0 ? stretches : tally.empty);
+        before = chunk;
     }
     check.Expect(stretches == tally.free, "a free stretch that can't be found");
+    check.Expect(m_free.Broken());
     return check.What();
 }
 

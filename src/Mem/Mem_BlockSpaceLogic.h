@@ -1,7 +1,9 @@
 #ifndef MEM_BLOCKSPACELOGIC_H
 #define MEM_BLOCKSPACELOGIC_H
 
+#include "Mem/Mem_FreeChunks.h"
 #include "Mem/Mem_MemInfo.h"
+#include "Mem/Mem_Prefetch.h"
 
 #include <boost/intrusive/set.hpp>
 
@@ -63,7 +65,13 @@ public:
     std::uint32_t Size() const { return m_size; }
 
     /// The size of the largest free chunk; 0 if there is none.
-    std::uint32_t LargestFreeChunk() const;
+    std::uint32_t LargestFreeChunk() const { return m_free.Largest(); }
+
+    /// Fetches what Free() of a chunk will look at first.
+    void PrefetchForFree(const Mem_MemoryChunk& chunk) const
+    {
+        Mem_Prefetch(&m_buckets[bucket_number(chunk.m_Offset)]);
+    }
 
     /// Compares the stretches with their indexes, sums and records: null, or the first relation
     /// that doesn't hold. Takes a walk over all of them.
@@ -72,40 +80,8 @@ public:
 private:
     friend struct Mem_TestAccess;
 
-    using SetHook = boost::intrusive::set_base_hook<boost::intrusive::optimize_size<true>>;
+    using Chunk = Mem_Chunk;
 
-    /// One stretch of the region, or a spare record. A cache line: what the space logic costs in a
-    /// full heap is the records that it has to look at.
-    struct alignas(64) Chunk : SetHook {
-        Chunk* before = nullptr; // its neighbours in the region; none for an empty stretch
-        Chunk* behind = nullptr;
-        std::uint32_t offset = 0;      // where the stretch begins
-        std::uint32_t actual_size = 0; // how long it is, an alignment gap included
-        std::uint32_t size = 0;        // allocated: what was asked for
-        bool is_free = false;
-        bool is_ahead = false; // allocated, of 0 bytes: before one with bytes at that offset
-        union {
-            std::uint64_t order = 0; // when it became free, or, if of 0 bytes, was allocated
-            Chunk* next;             // allocated: in its bucket; spare: in the list
-        };
-
-        std::uint32_t End() const { return offset + actual_size; }
-        std::uint32_t AlignedOffset() const { return offset + (actual_size - size); }
-    };
-
-    struct SmallerThenOlder {
-        bool operator()(const Chunk& a, const Chunk& b) const
-        {
-            return a.actual_size != b.actual_size ? a.actual_size < b.actual_size
-                                                  : a.order < b.order;
-        }
-    };
-    struct SmallerThan {
-        bool operator()(const Chunk& chunk, std::uint64_t size) const
-        {
-            return chunk.actual_size < size;
-        }
-    };
     struct LowerThenOlder {
         bool operator()(const Chunk& a, const Chunk& b) const
         {
@@ -114,7 +90,6 @@ private:
         }
     };
 
-    using FreeSet = boost::intrusive::set<Chunk, boost::intrusive::compare<SmallerThenOlder>>;
     using NothingSet = boost::intrusive::set<Chunk, boost::intrusive::compare<LowerThenOlder>>;
 
     /// The free chunk that takes the request, or null. This is best fit but for one thing: if the
@@ -124,7 +99,6 @@ private:
                                  std::uint32_t* actual_size) const;
     const Chunk* search(std::uint32_t size, std::uint32_t alignment,
                         std::uint32_t* actual_size) const;
-    const Chunk* smallest_of_at_least(std::uint64_t size) const;
 
     Chunk* free_chunk_behind(const Chunk& chunk);
     Chunk* free_chunk_before(const Chunk& chunk);
@@ -133,6 +107,7 @@ private:
     template <class Borders>
     Chunk* empty_free(Borders borders);
 
+    void prefetch_bins_around(const Chunk& chunk) const;
     void enter_free(Chunk& chunk);
     void leave_free(Chunk& chunk);
     void enter_allocated(Chunk& chunk);
@@ -170,7 +145,7 @@ private:
     std::uint64_t m_clock = 0;
     std::deque<Chunk> m_pool; // addresses stay as it grows
     Chunk* m_spare = nullptr; // records of the pool that are not in use
-    FreeSet m_free;
+    Mem_FreeChunks m_free;
 
     /// The answer to the latest question, since each is asked twice; none once m_free has changed.
     struct Found {

@@ -26,6 +26,7 @@ struct alignas(64) RegisteredBlock {
     BaseMapInfo* const owner; ///< not owned
     int id = -1;              ///< in the block table
     int ref = 0;              ///< pieces registered on this block
+    unsigned views = 0;       ///< that it has had, the present one included
     std::atomic<Mem_Holding> holding = Mem_Holding();
     std::atomic<std::uint64_t> stamp = 0;  ///< when it was let go last
     RegisteredBlock* next_noted = nullptr; ///< of whoever has noted the block

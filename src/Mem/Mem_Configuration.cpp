@@ -194,6 +194,18 @@ void MEM_MemoryConfiguration::SetCacheSize(unsigned int mb)
             m_cache_size);
 }
 
+unsigned int MEM_MemoryConfiguration::PrefetchSize()
+{
+    return m_prefetch_size;
+}
+
+void MEM_MemoryConfiguration::SetPrefetchSize(unsigned int bytes)
+{
+    m_prefetch_size = bytes;
+    ZOR_LOG("MEM_MemoryConfiguration::SetPrefetchSize", 6, "SetPrefetchSize: PrefetchSize=<%u>\n",
+            m_prefetch_size);
+}
+
 unsigned long long MEM_MemoryConfiguration::UnmapWorkingSetLimit()
 {
     return m_unmap_working_set_limit;

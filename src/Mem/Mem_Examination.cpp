@@ -154,6 +154,7 @@ constexpr Row rows[] = {
     {Subject::Descriptors, wanted_descriptors, false},
     {Subject::Maps, wanted_maps, false},
     {Subject::Views},
+    {Subject::HugePages},
     {Subject::AddressSpace, wanted_addresses, true, false, less_cache},
     {Subject::NamesAtLogout},
     {Subject::Malloc},

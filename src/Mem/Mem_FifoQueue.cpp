@@ -101,8 +101,6 @@ bool MEM_FifoQueue::Validate() const
         const int id = slot(at.position);
         if (id == kHole)
             continue;
-        if (!Contains(id))
-            return false;
         if (m_index.Get(id) != static_cast<int>(at.position)) {
             ZOR_LOG("MEM_FifoQueue::Validate", 7, "map points to wrong location\n");
             return false;

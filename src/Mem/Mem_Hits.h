@@ -1,12 +1,14 @@
 #ifndef MEM_HITS_H
 #define MEM_HITS_H
 
+#include "Mem/Mem_BlockTable.h"
 #include "Mem/Mem_Holding.h"
+#include "Mem/Mem_Settings.h"
+#include "Mem/Mem_Stamp.h"
 
 #include <atomic>
+#include <cassert>
 #include <cstddef>
-
-struct RegisteredBlock;
 
 /// What the threads that hit do to a block, without the pager's mutex: they hold its view and let
 /// it go as long as it stays, and note what the cache queue has to be told of it. Mem_Views does
@@ -73,6 +75,7 @@ private:
         std::atomic<RegisteredBlock*> first = nullptr;
     };
 
+    static bool step(RegisteredBlock& block, Mem_Holding& word, Mem_Holding next);
     void note(RegisteredBlock& block);
     void take_lists(RegisteredBlock* (&heads)[kLists]);
     static RegisteredBlock* next_of(const RegisteredBlock& block);
@@ -81,5 +84,62 @@ private:
     /// Read by hits, and written seldom: in a line of its own.
     alignas(64) std::atomic<unsigned long long> m_mapped = 0;
 };
+
+// The steps of a hit, each taken at one place: here, so that a hit is one stretch of code.
+
+/// One step: from `word`, as it was read, to `next`. @return whether it was taken; `word` has been
+/// read anew if not.
+inline bool Mem_Hits::step(RegisteredBlock& block, Mem_Holding& word, Mem_Holding next)
+{
+    return block.holding.compare_exchange_weak(word, next, std::memory_order_acq_rel,
+                                               std::memory_order_acquire);
+}
+
+inline bool Mem_Hits::LetGoUnlessLast(RegisteredBlock& block)
+{
+    Mem_Holding word = block.Holding();
+    while (word.Holders() > 1)
+        if (step(block, word, word.LetGo()))
+            return true;
+    return false;
+}
+
+inline void Mem_Hits::LetGoToCache(RegisteredBlock& block)
+{
+    do {
+        Mem_Holding word = block.Holding();
+        while (word.IsLastHolders()) {
+            block.stamp.store(Mem_NextStamp(), kRelaxed);
+            if (!step(block, word, Mem_Holding::Cached()))
+                continue;
+            if (!word.IsNoted())
+                note(block);
+            return;
+        }
+        assert(word.Holders() > 0);
+    } while (!LetGoUnlessLast(block)); // another client has come to hold the view
+}
+
+inline bool Mem_Hits::Hold(RegisteredBlock& block)
+{
+    Mem_Holding word = block.Holding();
+    while (word.HasView())
+        if (const Mem_Holding next = word.Held(); step(block, word, next)) {
+            if (next.IsNoted() && !word.IsNoted())
+                note(block);
+            return true;
+        }
+    return false;
+}
+
+inline bool Mem_Hits::LetGo(RegisteredBlock& block)
+{
+    if (LetGoUnlessLast(block))
+        return true;
+    if (TotalMapped() > CacheLimit())
+        return false;
+    LetGoToCache(block);
+    return true;
+}
 
 #endif

@@ -227,6 +227,7 @@ int Mem_MemFragmentsAllocator::replace_mapped_fragment(size_t mapped_index, size
     }
     counter.EndMark();
     new_info.isMapped = true;
+    forget_ready_if_anew(new_info);
     mapped_indexes[mapped_index] = fragment;
     Log::Replaced();
     return 0;
@@ -239,13 +240,49 @@ void Mem_MemFragmentsAllocator::make_current(size_t mapped_index)
     current_index_start = info.IndexStart;
     current_index_end = info.IndexEnd;
     current_ptr = info.pagerInfo.Ptr();
+    ready_start = info.ready.start;
+    ready_end = info.ready.end;
 }
 
 void Mem_MemFragmentsAllocator::make_none_current()
 {
     current_index_start = 1;
     current_index_end = 0;
+    ready_start = 1;
+    ready_end = 0;
     current_ptr = nullptr;
+}
+
+/// Asks for what lies outside of the bytes that are ready, if the range joins them: so a scan asks
+/// for each byte once, in either direction. A range apart from them takes their place.
+void Mem_MemFragmentsAllocator::make_range_ready(size_t index, size_t length)
+{
+    Mem_MemFragmentInfo& info = fragments[mapped_indexes[current_mapped_index]];
+    const auto ask = [&info](size_t begin, size_t end) {
+        if (begin < end)
+            info.pagerInfo.Prefetch(begin - info.IndexStart, end - begin, MEM_TO_READ);
+    };
+    const size_t end = index + length;
+    if (info.ready.end < info.ready.start || end < info.ready.start || info.ready.end < index) {
+        ask(index, end);
+        info.ready.start = index;
+        info.ready.end = end;
+    } else {
+        ask(index, info.ready.start);
+        ask(info.ready.end, end);
+        info.ready.start = std::min(info.ready.start, index);
+        info.ready.end = std::max(info.ready.end, end);
+    }
+    ready_start = info.ready.start;
+    ready_end = info.ready.end;
+}
+
+/// What was ready in a view is still so if that has only waited in the cache.
+void Mem_MemFragmentsAllocator::forget_ready_if_anew(Mem_MemFragmentInfo& info)
+{
+    const unsigned int view = pager->view_number(info.pagerInfo);
+    if (view != info.ready.view)
+        info.ready = {.view = view};
 }
 
 // The mapped index that a fragment is to get after mappings were lost. If one names the fragment

@@ -122,7 +122,10 @@ int Mem_MemFragmentsAllocator::allocate_and_copy_fragment(Mem_MemFragmentInfo& o
     if (map_to_copy(old_info, old_size, new_info) == -1)
         return -1;
     Log::BothAreMapped();
-    std::memcpy(new_info.pagerInfo.Ptr(), old_info.pagerInfo.Ptr(), std::min(old_size, new_size));
+    const unsigned int size = std::min(old_size, new_size);
+    old_info.pagerInfo.Prefetch(0, size, MEM_TO_READ);
+    new_info.pagerInfo.Prefetch(0, size, MEM_TO_WRITE);
+    std::memcpy(new_info.pagerInfo.Ptr(), old_info.pagerInfo.Ptr(), size);
     Log::BytesAreCopied();
     new_info.isMapped = true;
     if (!keep_mapped)

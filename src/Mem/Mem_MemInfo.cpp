@@ -142,7 +142,8 @@ void MEM_MemInfo::UpdatePtrByBase(void* base)
     if (base == nullptr)
         return;
     char* pointer = static_cast<char*>(base) + Offset();
-    if (!Local())
+    // Most pieces want no alignment, so that it needn't be asked whose they are.
+    if ((m_alignment | m_SmallOffsetDueToAlignment) != 0 && !Local())
         m_SmallOffsetDueToAlignment = bytes_up_to_multiple(pointer, m_alignment);
     m_pointer = pointer + m_SmallOffsetDueToAlignment;
 }

@@ -4,7 +4,9 @@
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_Notices.h"
 #include "Mem/Mem_PagerLog.h"
+#include "Mem/Mem_PagerMapping.h"
 #include "Mem/Mem_PagerRooms.h"
+#include "Mem/Mem_Prefetch.h"
 #include "Mem/Mem_Refusal.h"
 #include "Mem/Mem_Reports.h"
 #include "Mem/Mem_Settings.h"
@@ -169,6 +171,7 @@ void MEM_MemPager::StreamMemInfo(MEM_PagerInfo& info, Zor_oBuffer& out)
 int MEM_MemPager::Free(MEM_PagerInfo& info)
 {
     WindowUnixGuard stripe(&info.stripe());
+    Mem_PrefetchLines<2>(info.GetMemInfoPtr());
     WindowUnixGuard lock(&mutex);
     const int id = info.Block();
     MEM_MemInfo* const piece = info.GetMemInfoPtr();
@@ -177,6 +180,8 @@ int MEM_MemPager::Free(MEM_PagerInfo& info)
     RegisteredBlock& block = m_rooms->blocks.At(id);
     BaseMapInfo* const owner = block.owner;
     const bool local = owner->Local();
+    if (local)
+        piece->OwnerBlock()->PrefetchForFree(piece->GetChunk());
     RWCString name;
     const bool last = m_rooms->blocks.RemovePiece(block, piece->Size());
     if (last) {
@@ -198,26 +203,31 @@ int MEM_MemPager::Free(MEM_PagerInfo& info)
 
 // Mapping ---------------------------------------------------------------------------------------
 
-/// The block of a piece if it may be hit; null if the way leads by `mutex`.
-inline RegisteredBlock* MEM_MemPager::block_to_hit(const MEM_PagerInfo& info) const
-{
-    const bool held_off = m_counts || s_hits_held_off != 0 || m_ended;
-    return held_off ? nullptr : info.m_state->block;
-}
-
+// The pages are found without the pager's lock: it can take long, and the handle keeps the view.
 int MEM_MemPager::Map(MEM_PagerInfo& info)
 {
-    RegisteredBlock* const block = block_to_hit(info);
-    if (block != nullptr && m_hits->Hold(*block)) {
-        info.GetMemInfoPtr()->UpdatePtrByBase(block->owner->Ptr());
-        check_after_hit();
-        return 0;
+    bool is_anew = false;
+    {
+        WindowUnixGuard lock(&mutex);
+        if (map_piece(info, is_anew) != 0)
+            return -1;
     }
-    WindowUnixGuard lock(&mutex);
-    return MapWithoutLocks(info);
+    if (is_anew)
+        MakeSmallReady(*info.GetMemInfoPtr(), Platform::Mappings::Access::Write);
+    return 0;
 }
 
 int MEM_MemPager::MapWithoutLocks(MEM_PagerInfo& info)
+{
+    bool is_anew = false;
+    const int result = map_piece(info, is_anew);
+    if (is_anew)
+        MakeSmallReady(*info.GetMemInfoPtr(), Platform::Mappings::Access::Write);
+    return result;
+}
+
+/// `is_anew` becomes whether a view was made for it.
+int MEM_MemPager::map_piece(MEM_PagerInfo& info, bool& is_anew)
 {
     if (info.Ptr() != nullptr)
         return 0;
@@ -226,13 +236,22 @@ int MEM_MemPager::MapWithoutLocks(MEM_PagerInfo& info)
     RegisteredBlock& block = block_of(info.Block());
     const Mem_Counter counter = counter_of_map(block);
     counter.Mark();
+    const unsigned views = block.views;
     if (private_map(block, true) == -1)
         return -1;
+    is_anew = block.views != views;
     m_rooms->views.Hold(block);
     info.GetMemInfoPtr()->UpdatePtrByBase(block.owner->Ptr());
     counter.Close();
     check_invariants();
     return 0;
+}
+
+/// The same as long as the block's view is: one that is made anew gets another number.
+unsigned int MEM_MemPager::view_number(const MEM_PagerInfo& info)
+{
+    WindowUnixGuard lock(&mutex);
+    return m_rooms->blocks.At(info.Block()).views;
 }
 
 /// The counter for a map of the block. A block that is mapped already costs nothing, and isn't
@@ -293,12 +312,6 @@ int MEM_MemPager::report_refused_map(const RegisteredBlock& block)
 
 int MEM_MemPager::Unmap(MEM_PagerInfo& info)
 {
-    RegisteredBlock* const block = block_to_hit(info);
-    if (block != nullptr && m_hits->LetGo(*block)) {
-        info.GetMemInfoPtr()->UpdatePtrByBase(nullptr);
-        check_after_hit();
-        return 0;
-    }
     WindowUnixGuard lock(&mutex);
     return UnmapWithoutLocks(info);
 }
@@ -408,33 +421,32 @@ int MEM_MemPager::trim(MEM_PagerInfo& info)
 
 int MEM_MemPager::GetCurrentStatus(Mem_Status& status)
 {
-    WindowUnixGuard lock(&mutex);
-    m_rooms->blocks.Tell(status);
-    status.total_cached = m_rooms->views.TotalCached();
-    status.total_mapped = m_rooms->views.TotalMapped();
+    Mem_HugeBytes* huge = nullptr; // which needs no lock
+    {
+        WindowUnixGuard lock(&mutex);
+        m_rooms->blocks.Tell(status);
+        status.total_cached = m_rooms->views.TotalCached();
+        status.total_mapped = m_rooms->views.TotalMapped();
+        huge = &m_rooms->huge;
+    }
+    status.total_huge = huge->Get([this] {
+        WindowUnixGuard lock(&mutex);
+        return m_rooms->views.Addresses();
+    });
     return 0;
 }
 
 void MEM_MemPager::PrintDebugStatus()
 {
     WindowUnixGuard lock(&mutex);
-    PrintStatus(*m_heap, {m_rooms->views.TotalMapped(), m_rooms->views.TotalCached()});
+    PrintStatus(*m_heap, m_rooms->views.Mapped());
     LogBlocks(m_rooms->blocks.Table());
 }
 
 void MEM_MemPager::PrintSharedMemoryStatus()
 {
     WindowUnixGuard lock(&mutex);
-    ReportSharedMemory(*m_heap, {m_rooms->views.TotalMapped(), m_rooms->views.TotalCached()});
-}
-
-/// Hits change what debug builds check, but don't hold the lock that it wants.
-inline void MEM_MemPager::check_after_hit() const
-{
-#if defined(MEMPAGER_CHECK_INVARIANTS)
-    WindowUnixGuard lock(&mutex);
-    check_invariants();
-#endif
+    ReportSharedMemory(*m_heap, m_rooms->views.Mapped());
 }
 
 void MEM_MemPager::check_invariants() const

@@ -1,6 +1,7 @@
 #include "Mem/Mem_LocksByHand.h"
 #include "Mem/Mem_MemPager.h"
 #include "Mem/Mem_Notices.h"
+#include "Mem/Mem_PieceRecord.h"
 
 Mem_PagerInfoVecLockGuard::Mem_PagerInfoVecLockGuard(MEM_MemPager* pager, MEM_PagerInfo** infos,
                                                      int count)
@@ -10,11 +11,13 @@ Mem_PagerInfoVecLockGuard::Mem_PagerInfoVecLockGuard(MEM_MemPager* pager, MEM_Pa
     take_stripes();
     MEM_MemPager::mutex.CatchMutex();
     ++MEM_MemPager::s_hits_held_off;
+    hold_off(true);
 }
 
 Mem_PagerInfoVecLockGuard::~Mem_PagerInfoVecLockGuard()
 {
     const Mem_NoticesAtEnd notices;
+    hold_off(false);
     --MEM_MemPager::s_hits_held_off;
     MEM_MemPager::mutex.ReleaseMutex();
     release_stripes();
@@ -45,6 +48,16 @@ void Mem_PagerInfoVecLockGuard::release_stripes()
         m_pager->m_stripe_held[stripe] = false;
         ReleaseByHand(MEM_PagerInfo::mutex[stripe]);
     }
+}
+
+// What goes without a stripe is held off by the pieces themselves, as long as the guard lasts that
+// took their stripes.
+void Mem_PagerInfoVecLockGuard::hold_off(bool held_off)
+{
+    for (int i = 0; i < m_count; ++i)
+        if (PagerInfoState* const piece = m_infos[i]->m_state;
+            piece != nullptr && m_taken[static_cast<std::size_t>(m_infos[i]->m_mutex_index)])
+            piece->counts.HoldOff(held_off);
 }
 
 /// Counts the handles that a vector operation has mapped, and unmaps them again unless it got

@@ -2,7 +2,9 @@
 
 #include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_MemPager.h"
+#include "Mem/Mem_PagerMapping.h"
 #include "Mem/Mem_PagerRooms.h"
+#include "Mem/Mem_PieceRecord.h"
 #include "Mem/Mem_Refusal.h"
 #include "Mem/Mem_ShmmHeap.h"
 #include "NRVlog/Zor_Log.h"
@@ -28,12 +30,12 @@ int MEM_MemPager::internal_register(MEM_MemInfo& info, MEM_PagerInfo* out)
 {
     if (info.Owner() == nullptr || !info.Local())
         return register_foreign(info, out);
-    auto state = std::make_unique<PagerInfoState>();
+    auto state = std::make_unique<PagerInfoState>(&info, true);
     const int id = register_local(info);
     if (id < 0)
         return -1;
     state->block = &m_rooms->blocks.At(id);
-    out->assign(std::move(state), id, this, &info, true);
+    out->assign(std::move(state), id, this);
     return 0;
 }
 
@@ -53,6 +55,7 @@ int MEM_MemPager::register_local(MEM_MemInfo& info)
 int MEM_MemPager::register_on_block(int id, MEM_MemInfo& info)
 {
     RegisteredBlock& block = m_rooms->blocks.At(id);
+    const unsigned views = block.views;
     if (private_map(block, true) != 0) {
         ZOR_LOG("MEM_MemPager::internal_register", 5,
                 "MemPager::Register failed to map block %d!\n", id);
@@ -61,6 +64,8 @@ int MEM_MemPager::register_on_block(int id, MEM_MemInfo& info)
     m_rooms->views.Hold(block);
     m_rooms->blocks.AddPiece(block, info.Size());
     info.UpdatePtrByBase(block.owner->Ptr());
+    if (block.views != views)
+        MakeSmallReady(info, Platform::Mappings::Access::First);
     return id;
 }
 
@@ -85,6 +90,7 @@ int MEM_MemPager::register_new_block(MEM_MemInfo& info)
     }
     m_rooms->views.Hold(*block);
     info.UpdatePtrByBase(block->owner->Ptr());
+    MakeSmallReady(info, Platform::Mappings::Access::First);
     place.Keep();
     return next.Use(std::move(block), info.Size());
 }
@@ -130,13 +136,14 @@ int MEM_MemPager::register_foreign(MEM_MemInfo& info, MEM_PagerInfo* out)
         fault = "this process made the memory";
     if (fault != nullptr)
         return refuse_descriptor(fault);
-    auto state = std::make_unique<PagerInfoState>();
     auto piece = std::make_unique<MEM_MemInfo>(info);
+    auto state = std::make_unique<PagerInfoState>(piece.get(), false);
     const int id = register_foreign_piece(info, *piece);
     if (id < 0)
         return -1;
     state->block = &m_rooms->blocks.At(id);
-    out->assign(std::move(state), id, this, piece.release(), false);
+    out->assign(std::move(state), id, this);
+    static_cast<void>(piece.release());
     return 0;
 }
 

@@ -4,6 +4,7 @@
 #include "Mem/Mem_Blocks.h"
 #include "Mem/Mem_FirstBreak.h"
 #include "Mem/Mem_ForeignOwners.h"
+#include "Mem/Mem_HugeBytes.h"
 #include "Mem/Mem_MemPager.h"
 #include "Mem/Mem_Notices.h"
 #include "Mem/Mem_PagerCounters.h"
@@ -29,6 +30,7 @@ struct MEM_MemPager::Rooms {
     Mem_ForeignOwners foreign;
     Mem_PagerCounters counters;
     Mem_EvictionRate evictions;
+    Mem_HugeBytes huge;
 };
 
 #endif

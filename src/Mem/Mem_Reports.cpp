@@ -95,6 +95,8 @@ void write_record(std::ostream& dump, ShmmHeap& heap, Mem_Mapped mapped,
     dump << "Time and Date:\t\t\t" << time << endl << endl;
     dump << "Total Mapped = " << mapped.total << "; Total Cached = " << mapped.cached << endl
          << endl;
+    if (mapped.huge != 0)
+        dump << "Mapped by huge pages = " << mapped.huge << endl << endl;
     heap.PrintStatus(dump);
     dump << endl << endl << "System Information:" << endl;
     dump << "OSVersion: <" << system << ">; Address Space Size: <" << machine.address_space
@@ -204,6 +206,8 @@ void PrintStatus(ShmmHeap& heap, Mem_Mapped mapped)
     PlainStream out(std::cout);
     out << "<<<----------------- MEM_MemPager::PrintStatus()--------------------->>>" << endl;
     out << "Total Mapped = " << mapped.total << " , Total Cached = " << mapped.cached << endl;
+    if (mapped.huge != 0)
+        out << "Mapped by huge pages = " << mapped.huge << endl;
     heap.PrintStatus(out);
     out << ">>>----------------- MEM_MemPager::PrintStatus()---------------------<<<" << endl;
 }

@@ -15,6 +15,7 @@ class ShmmHeap;
 struct Mem_Mapped {
     unsigned long long total = 0;
     unsigned long long cached = 0; ///< of those, in the cache
+    unsigned long long huge = 0;   ///< of those, mapped by huge pages; 0 where nobody asked
 };
 
 /// Tells what is in use of shared memory, in a record with each block and chunk of the heap too.

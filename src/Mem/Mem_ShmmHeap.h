@@ -4,6 +4,7 @@
 #include "Mem/Mem_BlockIndex.h"
 #include "Mem/Mem_BlockSpaceLogic.h"
 #include "Mem/Mem_MemInfo.h"
+#include "Mem/Mem_Prefetch.h"
 #include "Mem/Mem_Status.h"
 #include "Rw/RWCString.h"
 
@@ -41,6 +42,13 @@ public:
     /// Gives the chunk of `info` back and destroys `info`. @return 0.
     /// @throws RWBoundsErr for a chunk that this block doesn't hold.
     virtual int Free(BaseInfo* info);
+
+    /// Fetches what Free() will look at first.
+    void PrefetchForFree(const Mem_MemoryChunk& chunk) const
+    {
+        Mem_PrefetchLines<(sizeof(Block) + 63) / 64>(this);
+        m_space_logic.PrefetchForFree(chunk);
+    }
 
     /// 0 if this block takes the request. Changes nothing but `*actual_size`.
     virtual int CanAllocate(unsigned int size, unsigned int always_mapped, unsigned int group_id,

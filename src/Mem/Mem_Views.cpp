@@ -8,7 +8,10 @@
 #include "Platform/LastError.h"
 #include "Platform/Mappings.h"
 
+#include <algorithm>
 #include <cassert>
+#include <functional>
+#include <new>
 #include <utility>
 
 bool Mem_Views::HasView(const RegisteredBlock& block)
@@ -16,13 +19,38 @@ bool Mem_Views::HasView(const RegisteredBlock& block)
     return block.owner->Ptr() != nullptr;
 }
 
+Mem_ViewAddresses::Mem_ViewAddresses(const Mem_BlockTable& blocks)
+{
+    try {
+        blocks.ForEach([this](int, const RegisteredBlock& block) {
+            if (const void* const view = block.owner->Ptr())
+                m_sorted.push_back(view);
+        });
+    } catch (const std::bad_alloc&) {
+        m_sorted.clear();
+    }
+    std::sort(m_sorted.begin(), m_sorted.end(), std::less<>());
+}
+
+bool Mem_ViewAddresses::Has(const void* view) const
+{
+    return std::binary_search(m_sorted.begin(), m_sorted.end(), view, std::less<>());
+}
+
+unsigned long long Mem_ViewAddresses::HugeBytes() const
+{
+    return Platform::Mappings::Get().HugeBytes(*this);
+}
+
 int Mem_Views::Open(RegisteredBlock& block)
 {
     assert(!block.Holding().HasView());
     const int failure = block.owner->Map();
-    if (failure == 0)
-        m_hits.AddMapped(block.owner->Size());
-    return failure;
+    if (failure != 0)
+        return failure;
+    m_hits.AddMapped(block.owner->Size());
+    ++block.views;
+    return 0;
 }
 
 void Mem_Views::Hold(RegisteredBlock& block)

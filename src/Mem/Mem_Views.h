@@ -5,15 +5,34 @@
 #include "Mem/Mem_Counter.h"
 #include "Mem/Mem_FifoQueue.h"
 #include "Mem/Mem_Hits.h"
+#include "Mem/Mem_Reports.h"
 #include "Platform/Mappings.h"
 
 #include <cstdint>
+#include <vector>
 
 class MEM_MemInfo;
 
+/// Where the views of a pager's blocks began at one moment.
+class Mem_ViewAddresses final : public Platform::Mappings::ViewSet
+{
+public:
+    /// Knows of none if there is no memory for them.
+    explicit Mem_ViewAddresses(const Mem_BlockTable& blocks);
+
+    bool Has(const void* view) const override;
+
+    /// Bytes of them that huge pages map now. Takes long where views are many: not for a time when
+    /// others wait for a lock.
+    unsigned long long HugeBytes() const;
+
+private:
+    std::vector<const void*> m_sorted;
+};
+
 /// The views of a pager's blocks: which blocks have one, who holds it, which of them wait in the
 /// cache, and how many bytes that makes. With Mem_Hits, which works beside it, nobody else writes a
-/// block's `stat` and `m_ref`.
+/// block's `stat` and `m_ref`, nor its `views`.
 ///
 /// A block's view goes these ways, each by one function that asserts where it comes from:
 ///
@@ -109,6 +128,12 @@ public:
     unsigned long long TotalMapped() const { return m_hits.TotalMapped(); }
     unsigned long long TotalCached();
     unsigned long long HeldByClients();
+
+    /// Where the views are at this moment.
+    Mem_ViewAddresses Addresses() const { return Mem_ViewAddresses(m_blocks); }
+
+    /// The totals for a report.
+    Mem_Mapped Mapped() { return {TotalMapped(), TotalCached(), Addresses().HugeBytes()}; }
 
     /// Compares states, queue and totals with each other, but for what hits have noted. @return the
     /// first relation that doesn't hold; null if all do.

@@ -4,6 +4,7 @@
 #include "Mem/Mem_Reports.h"
 #include "Mem/Mem_VirtualFragmentsLog.h"
 #include "NRVlog/Zor_Log.h"
+#include "Platform/Mappings.h"
 
 #include <algorithm>
 #include <cstring>
@@ -29,7 +30,9 @@ template <class ReportRequest>
 void* allocate_or_report(unsigned int size, const char* function, ReportRequest report_request)
 {
     try {
-        return ::operator new(size);
+        void* const memory = ::operator new(size);
+        Platform::Mappings::Get().PreferHugePages(memory, size);
+        return memory;
     } catch (...) {
         report_exhaustion(function, report_request);
         return nullptr;
@@ -189,7 +192,9 @@ int Mem_VirtualFragmentsAllocator::allocate_and_copy_fragment(Mem_VirtualFragmen
         return -1;
     }
     Log::CopyIsAllocated();
-    std::memcpy(new_info.buffer, old_info.buffer, std::min(old_size, new_size));
+    const unsigned int size = std::min(old_size, new_size);
+    Platform::Mappings::Get().Prefetch(new_info.buffer, size, Platform::Mappings::Access::First);
+    std::memcpy(new_info.buffer, old_info.buffer, size);
     Log::BytesAreCopied();
     new_info.IndexStart = old_info.IndexStart;
     new_info.IndexEnd = new_info.IndexStart + new_size - 1;

@@ -81,6 +81,27 @@ public:
     /// @return false on failure; the view then still exists.
     virtual bool UnmapView(void* view, std::uint64_t size) = 0;
 
+    /// What is about to be done with bytes of this process.
+    enum class Access {
+        Read, ///< of a view
+        Write,
+        First ///< to write to memory that nothing has been written to, of a view or not
+    };
+
+    /// Has the system find the pages of [bytes, bytes + size) now, in one call, instead of one by
+    /// one at their first touch. The bytes lie in one view, or, for Access::First, in any memory of
+    /// this process; they keep their values. Takes no memory that the touches wouldn't take.
+    /// Allocates nothing.
+    ///
+    /// For Access::Read, a system on which one read finds many pages only brings what isn't in
+    /// memory, and doesn't wait for it: the rest would take longer than the reads.
+    ///
+    /// No operation fails for want of it: the pages that aren't ready are found when they are
+    /// touched. A system that has no such call does nothing; once that is known, at no cost.
+    ///
+    /// @return whether the pages are ready, or as near as the system takes them ahead.
+    virtual bool Prefetch(void* bytes, std::uint64_t size, Access access) = 0;
+
     /// Offsets of views, and the addresses that views get, are multiples of this.
     virtual std::uint32_t AllocationGranularity() = 0;
 
@@ -100,6 +121,29 @@ public:
     /// such: each page that they touch. One that only trims whole processes need not read them.
     /// Mappings and contents stay.
     virtual bool TrimWorkingSet(Views& views) = 0;
+
+    // Huge pages ----------------------------------------------------------------------------
+    // Where the system offers them, mappings of shared memory are made of such pages by themselves.
+
+    /// Views that are meant.
+    class ViewSet
+    {
+    public:
+        /// Whether the view that begins there is one of them. Calls nothing of the platform.
+        virtual bool Has(const void* view) const = 0;
+
+    protected:
+        ~ViewSet() = default;
+    };
+
+    /// Bytes of `views`, views of mappings, that huge pages map at this moment; 0 where the system
+    /// doesn't tell. It is asked about all views, so that this takes time, but where no mapping
+    /// could be made of such pages. Allocates nothing.
+    virtual std::uint64_t HugeBytes(const ViewSet& views) = 0;
+
+    /// Has private memory of this process use huge pages when it is touched, if it is large and
+    /// there is that much memory left; else does nothing. It keeps its values. Allocates nothing.
+    virtual void PreferHugePages(void* memory, std::uint64_t size) = 0;
 
     // What stands in the way ----------------------------------------------------------------
 

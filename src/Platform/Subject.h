@@ -25,6 +25,7 @@ enum class Subject {
     OpenFiles,     ///< the machine's
     TempFolder,    ///< whether files can be made in it
     Views,         ///< how views are made
+    HugePages,     ///< whether shared memory is made of them
     NamesAtLogout, ///< whether the names of regions outlive the user's session
     Malloc         ///< whether this library is asked when malloc fails
 };

@@ -3,13 +3,11 @@
 // sweep, and a byte of the neighbour's that changes.
 //     prove_kills KILLS SEED
 
-#include "Mem/Mem_MemFragmentsAllocator.h"
 #include "Mem/Mem_MemInfo.h"
 #include "Zor/Zor_Buffer.h"
 #include "prove/prove.h"
 
 #include <atomic>
-#include <random>
 
 #include <sys/socket.h>
 
@@ -25,31 +23,28 @@ int line[2]; ///< descriptors of the workers' pieces, to the neighbour
 /// Goes on until it is killed. @return only if a piece has lost a byte.
 int Work(unsigned worker, unsigned seed)
 {
-    std::minstd_rand random(seed);
-    const auto below = [&](unsigned end) { return static_cast<unsigned>(random()) % end; };
+    Prove::Life life(seed);
+    MEM_MemoryConfiguration::GetInstance()->SetSwapMaxSizeInMb(worker % 2 * 4); // or in files
     const auto inside = [&](auto call) { // marked, so that it is seen where it was killed
         shared->is_inside[worker] = true;
         const int result = call();
         shared->is_inside[worker] = false;
         return result == 0;
     };
-    MEM_MemPager* const pager = MEM_MemPager::GetHandle();
-    MEM_PagerInfo pieces[8];
-    Mem_MemFragmentsAllocator buffer(1000, 10, 4000);
     for (;;) {
-        const unsigned place = below(8), kind = below(8), big = below(4);
-        MEM_PagerInfo& piece = pieces[place];
+        const unsigned place = life.Below(8), kind = life.Below(8), big = life.Below(4);
+        MEM_PagerInfo& piece = life.pieces[place];
         if (kind == 0)
-            inside([&] { return buffer.Reallocate(1 + below(60)); });
+            inside([&] { return life.buffer.Reallocate(1 + life.Below(60)); });
         else if (kind < 3 || !piece.IsValid()) {
-            const unsigned size = 1 + below(big == 0 ? 400000 : 5000);
-            if (!inside([&] { return pager->Allocate(size, &piece, 0); }))
+            const unsigned size = 1 + life.Below(big == 0 ? 400000 : 5000);
+            if (!inside([&] { return life.pager->Allocate(size, &piece, 0); }))
                 continue;
             Prove::Fill(piece, place);
             inside([&] { return piece.Unmap(); });
         } else if (kind < 5) {
             Zor_oBuffer out;
-            inside([&] { return pager->StreamMemInfo(piece, out), 0; });
+            inside([&] { return life.pager->StreamMemInfo(piece, out), 0; });
             send(line[0], out.Bytes().data(), out.Bytes().size(), MSG_DONTWAIT);
         } else if (inside([&] { return piece.Map(); })) {
             CHILD_CHECK(Prove::IsFullOf(piece, place));

@@ -2,6 +2,7 @@
 #define PROVE_PROVE_H
 
 #include "Mem/Mem_Inspection.h"
+#include "Mem/Mem_MemFragmentsAllocator.h"
 #include "Mem/Mem_MemPager.h"
 #include "NRVlog/Zor_LogFile.h"
 #include "posix/support/Children.h"
@@ -11,6 +12,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <random>
 #include <string>
 
 #include <sys/mman.h>
@@ -36,7 +38,7 @@ inline void Settle(unsigned swap_mb, const std::string& temp)
     TestConfiguration::trim_limit = 1;
     Configure(swap_mb, temp);
     Zor_LogFile::SetLogConfigDir(temp.c_str());
-    ZorGLog.SetLogLevel(5);
+    ZorGLog.SetLogLevel(7);
     ZorGLog.SetSink([](const Zor_LogRecord&) {});
 }
 
@@ -69,6 +71,17 @@ inline unsigned Number(const char* text)
 {
     return static_cast<unsigned>(std::stoul(text));
 }
+
+/// What one who lives at random has.
+struct Life {
+    explicit Life(unsigned seed) : random(seed) {}
+    unsigned Below(unsigned end) { return static_cast<unsigned>(random()) % end; }
+
+    std::minstd_rand random;
+    MEM_MemPager* const pager = MEM_MemPager::GetHandle();
+    MEM_PagerInfo pieces[24];
+    Mem_MemFragmentsAllocator buffer{1000, 10, 4000};
+};
 
 /// A piece is full of one byte.
 inline void Fill(const MEM_PagerInfo& info, std::size_t byte)

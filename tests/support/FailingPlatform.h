@@ -19,11 +19,12 @@ struct PlatformCalls {
         Unview = 4,
         Close = 8,
         Trim = 16,
-        Remove = 32,  ///< files, names and links
-        List = 64,    ///< folders, which then can't be read, and maps
-        Ask = 128,    ///< for facts on files and folders
-        Write = 256,  ///< files of words, and their lengths
-        OnForks = 512 ///< what is to run then
+        Remove = 32,   ///< files, names and links
+        List = 64,     ///< folders, which then can't be read, and maps
+        Ask = 128,     ///< for facts on files and folders
+        Write = 256,   ///< files of words, and their lengths
+        OnForks = 512, ///< what is to run then
+        Find = 1024    ///< pages, ahead of their touch
     };
 };
 
@@ -69,8 +70,11 @@ public:
     FORWARD_OR(nullptr, View, void*, MapView, (void* m, std::uint64_t o, std::uint64_t s),
                (m, o, s))
     FORWARD(bool, UnmapView, (void* v, std::uint64_t s), (v, s))
+    FORWARD_OR(false, Find, bool, Prefetch, (void* b, std::uint64_t s, Access a), (b, s, a))
     FORWARD(std::uint32_t, AllocationGranularity, (), ())
     FORWARD_OR(false, Trim, bool, TrimWorkingSet, (Views & v), (v))
+    FORWARD(std::uint64_t, HugeBytes, (const ViewSet& v), (v))
+    FORWARD(void, PreferHugePages, (void* m, std::uint64_t s), (m, s))
     FORWARD(Cause, LastCause, (), ())
     FORWARD(LimitsMet, LastLimits, (char* t, std::size_t s), (t, s))
     FORWARD_OR(false, Remove, bool, RemoveFile, (const char* p), (p))

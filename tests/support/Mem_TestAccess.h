@@ -4,10 +4,10 @@
 #include "Mem/Mem_BlockSpaceLogic.h"
 #include "Mem/Mem_BlockTable.h"
 #include "Mem/Mem_FifoQueue.h"
-#include "Mem/Mem_MappedFragments.h"
 #include "Mem/Mem_MemFragmentsAllocator.h"
 #include "Mem/Mem_MemPager.h"
 #include "Mem/Mem_PagerRooms.h"
+#include "Mem/Mem_PieceRecord.h"
 #include "Mem/Mem_ShmmHeap.h"
 #include "Mem/Mem_SlotTable.h"
 #include "Mem/Mem_VirtualFragmentsAllocator.h"
@@ -145,20 +145,6 @@ struct Mem_TestAccess {
         return allocator.current_index_start == info.IndexStart &&
                allocator.current_index_end == info.IndexEnd &&
                allocator.current_ptr == info.pagerInfo.Ptr();
-    }
-    static auto& HeldCount(Mem_MemFragmentsAllocator& allocator)
-    {
-        return allocator.mapped_fragments_num;
-    }
-    static auto& Held(Mem_MemFragmentsAllocator& allocator) { return allocator.mapped_indexes; }
-    static auto& CurrentEnd(Mem_MemFragmentsAllocator& allocator)
-    {
-        return allocator.current_index_end;
-    }
-    static const char* Broken(const Mem_MemFragmentsAllocator& allocator)
-    {
-        return Mem_MappedFragments::Broken(allocator, allocator.fragments_num,
-                                           allocator.last_fragment_size);
     }
     static bool HasLostMapping(const Mem_MemFragmentsAllocator& allocator)
     {

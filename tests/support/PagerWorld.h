@@ -6,8 +6,15 @@
 #include "Mem/Mem_Limits.h"
 #include "NRVlog/Zor_LogFile.h"
 
+#include <cstdlib>
 #include <string>
 #include <vector>
+
+/// The largest piece that is made ready whole: none, unless the run is told to.
+inline unsigned int prefetch_of_this_run = [] {
+    const char* const bytes = std::getenv("MEMPAGER_TEST_PREFETCH");
+    return bytes == nullptr ? 0 : static_cast<unsigned int>(std::atoi(bytes));
+}();
 
 /// A configuration for tests, with limits to the byte. In force for a scope.
 class TestConfiguration : public MEM_MemoryConfiguration
@@ -23,6 +30,7 @@ public:
     unsigned int BaseBlockSize() override { return base_block_size; }
     unsigned int BlockSizeThreshold() override { return block_size_threshold += threshold_drift; }
     unsigned long long UnmapWorkingSetLimit() override { return trim_limit; }
+    unsigned int PrefetchSize() override { return prefetch_of_this_run; }
 
     class Scope
     {
@@ -48,6 +56,7 @@ inline void Configure(unsigned swap_mb, const std::string& temp = "", unsigned f
     MEM_MemoryConfiguration::GetInstance()->SetFileHeapParmeters(files);
     MEM_MemoryConfiguration::GetInstance()->SetSwapMaxSizeInMb(swap_mb);
     MEM_MemoryConfiguration::GetInstance()->SetCacheSize(20);
+    MEM_MemoryConfiguration::GetInstance()->SetPrefetchSize(prefetch_of_this_run);
 }
 
 /// Collects the log's lines up to a level for a scope.

@@ -37,7 +37,7 @@ struct Shared {
             pieces[i].Unmap();
         }
     }
-    MEM_PagerInfo pieces[kPieces];
+    mutable MEM_PagerInfo pieces[kPieces]; // all threads map by them, too
 };
 
 inline bool Holds(const MEM_PagerInfo& info, unsigned stamp)
@@ -48,10 +48,9 @@ inline bool Holds(const MEM_PagerInfo& info, unsigned stamp)
 
 inline bool MapNested(MEM_PagerInfo& info, unsigned piece)
 {
-    bool good = info.Map() == 0 && info.Map() == 0;
+    const bool mapped = info.Map() == 0 && info.Map() == 0;
     MEM_PagerInfo copy = info;
-    info.Unmap();
-    good = good && Holds(info, piece) && Holds(copy, piece);
+    const bool good = mapped && info.Unmap() == 0 && Holds(info, piece) && Holds(copy, piece);
     copy.Unmap();
     while (info.Ptr() != nullptr) // a handle that was copied from a mapped one had its own mapping
         info.Unmap();
@@ -93,18 +92,17 @@ inline bool Step(const Shared& shared, std::mt19937& random)
         return OwnPiece(1 + below(70000), PagerOf(piece));
     if (kind == 2)
         PagerOf(piece)->ClearCache();
-    if (kind > 3)
-        return MapNested(info, piece);
+    if (MEM_PagerInfo& of_all = shared.pieces[piece]; kind > 3)
+        return of_all.Map() == 0 && MapNested(info, piece) && of_all.Unmap() == 0;
     info.Cache();
     return info.ReleaseIfUnmapped(true, false) != MEM_INVALID;
 }
 
 inline bool Live(const Shared& shared, unsigned seed, int steps)
 {
-    bool good = true;
-    for (std::mt19937 random(seed); steps > 0; --steps)
-        good = Step(shared, random) && good;
-    return good;
+    for (std::mt19937 random(seed); steps > 0 && Step(shared, random); --steps) {
+    }
+    return steps == 0;
 }
 
 /// Has four threads live on the same pieces while `meanwhile` runs. Then each piece and each count
@@ -125,8 +123,8 @@ inline void LiveTogether(const std::function<void(const Shared&)>& meanwhile)
     for (MEM_MemPager* pager : {PagerOf(0), PagerOf(kPieces - 1)})
         EXPECT_EQ(Mem_TestAccess::Broken(*pager), nullptr);
     for (const MEM_PagerInfo& info : shared.pieces) {
-        EXPECT_EQ(Mem_TestAccess::State(info)->ref_count, 1);
-        EXPECT_EQ(Mem_TestAccess::State(info)->map_count, 0);
+        EXPECT_EQ(Mem_TestAccess::State(info)->ref_count(), 1);
+        EXPECT_EQ(Mem_TestAccess::State(info)->map_count(), 0);
     }
     EXPECT_EQ(quiet.Size(), 0u);
 }

@@ -1,8 +1,8 @@
-// The heaps' and the fragments' checks of themselves, as rooms_test.cpp for the pager's: hunts a
-// relation that could break without being named. Each is broken on purpose, seen named, and mended.
+// The checks of the pager's rooms and the heaps of themselves: hunts a relation that
+// could break without being named. Each is broken on purpose, seen named, and mended.
 
 #include "Mem/Mem_BlockSpaceLogic.h"
-#include "Mem/Mem_MemFragmentsAllocator.h"
+#include "Mem/Mem_MemInfo.h"
 #include "Mem/Mem_ShmmHeap.h"
 #include "support/Mem_TestAccess.h"
 #include "support/PagerWorld.h"
@@ -44,6 +44,51 @@ void ExpectNamed(const std::vector<Case>& cases, Broken broken)
     }
 }
 
+TEST(Rooms, NameTheRelationThatBreaksFirst)
+{
+    const TestConfiguration::Scope configuration;
+    Memory_ShmmHeap heap;
+    const auto pager = Access::MakePager(&heap);
+    MEM_PagerInfo held, cached;
+    ASSERT_EQ(pager->Allocate(40000, &held, 0), 0);
+    ASSERT_EQ(pager->Allocate(40000, &cached, 0), 0);
+    cached.Unmap();
+    const auto broken = [&pager] { return Access::Broken(*pager); };
+    RegisteredBlock& mapped = Access::Blocks(*pager).At(held.Block());
+    RegisteredBlock& waiting = Access::Blocks(*pager).At(cached.Block());
+    MEM_FifoQueue& queue = Access::Queue(*pager);
+    int& id = Access::Ids(*pager).find(mapped.owner->Name())->second;
+    const auto holding = [](const char* named, RegisteredBlock& block, Mem_Holding wrong) {
+        const Mem_Holding own = block.Holding();
+        return Case{named, [&block, wrong] { block.holding = wrong; },
+                    [&block, own] { block.holding = own; }};
+    };
+    ASSERT_EQ(broken(), nullptr); // and the queue is up to date
+    ExpectNamed(
+        {holding("m_ref against stat", waiting, Mem_Holding(Mem_Holding::kCached, 1, false)),
+         holding("a view against stat", mapped, Mem_Holding()),
+         With("the queue's index", Access::Ring(queue)[0], held.Block()),
+         {"an id too many in the queue", [&] { queue.Push(7); }, [&] { queue.Remove(7); }},
+         {"the queue against stat", [&] { queue.Remove(cached.Block()); },
+          [&] { queue.Push(cached.Block()); }},
+         {"m_total_mapped", [&] { ++Access::TotalMapped(*pager); },
+          [&] { --Access::TotalMapped(*pager); }},
+         With("m_total_cached", Access::TotalCached(*pager), 1),
+         With("a block without pieces", mapped.ref, 0),
+         With("the name index", id, id + 1),
+         {"a name too many", [&] { Access::Ids(*pager).emplace("nobody's", 9); },
+          [&] { Access::Ids(*pager).erase("nobody's"); }},
+         With("m_blocks_count", Access::Count(*pager), 3),
+         With("m_local_blocks_size", Access::LocalBlocks(*pager), 1),
+         With("m_foreign_blocks_size", Access::ForeignBlocks(*pager), 1),
+         With("m_local_pieces_size", Access::LocalPieces(*pager), 1u << 20),
+         With("m_foreign_pieces_size", Access::ForeignPieces(*pager), 1)},
+        broken);
+    held.Release();
+    cached.Release();
+    ExpectNamed({With("an empty table with a length", Access::Length(*pager), 1)}, broken);
+}
+
 TEST(SpaceLogic, NamesTheRelationThatBreaksFirst)
 {
     BlockSpaceLogic logic(1000);
@@ -66,7 +111,7 @@ TEST(SpaceLogic, NamesTheRelationThatBreaksFirst)
     auto& first = Access::Stretch(logic, 0);
     auto& second = Access::Stretch(logic, 1);
     auto& gap = Access::Stretch(logic, 2);
-    auto& empty = *Access::Free(logic).begin();
+    auto& empty = *Access::Free(logic).First();
     auto& size = Access::Size(logic);
     auto& allocated = Access::Allocated(logic);
     ExpectNamed(
@@ -135,20 +180,4 @@ TEST(Heap, NamesTheRelationThatBreaksFirst)
     EXPECT_STREQ(heap.Broken(), nullptr);
 }
 
-TEST(Fragments, NameTheRelationThatBreaksFirst)
-{
-    Mem_MemFragmentsAllocator buffer(1, 350, 100);
-    const auto infos = Access::Fragments(buffer);
-    auto& held = Access::Held(buffer);
-    ExpectNamed({With("mapped_fragments_num", Access::HeldCount(buffer), 1),
-                 With("a fragment in the mapped set that isn't there", held[0], 4),
-                 With("a fragment twice in the mapped set", held[1], 2),
-                 With("where a fragment begins", infos[1].IndexStart, 101),
-                 With("where a fragment ends", infos[3].IndexEnd, 399),
-                 With("isMapped against the handle", infos[0].isMapped, true),
-                 With("isMapped against the handle", infos[2].isMapped, false),
-                 With("a fragment mapped outside the set", held[1], 1),
-                 With("the current fragment", Access::CurrentEnd(buffer), 300)},
-                [&] { return Access::Broken(buffer); });
-}
 } // namespace

@@ -84,11 +84,17 @@ TEST_F(Descriptors, AreReadWholeOrNotAtAll)
     for (std::size_t cut = 0; cut < valid.size(); ++cut)
         EXPECT_EQ(FateOf(valid.substr(0, cut)), Refused) << cut;
     EXPECT_EQ(FateOf(valid + "x"), Mapped);
-    for (const unsigned length : {~0u, 256u, 1u << 31, ~0u >> 1}) {
-        std::string bytes = valid + std::string(300, '1');
-        std::memcpy(&bytes[28], &length, 4);
-        EXPECT_EQ(FateOf(bytes), Refused) << length;
-    }
+    for (const std::size_t at :
+         {std::size_t{28}, 32 + good.size()}) // where both names' lengths are
+        for (const unsigned length : {~0u, 256u, 1u << 31, ~0u >> 1}) {
+            std::string bytes = valid + std::string(300, '1');
+            std::memcpy(&bytes[at], &length, 4);
+            EXPECT_EQ(FateOf(bytes), Refused) << length;
+            Zor_iBuffer in(bytes.data(), bytes.size());
+            MEM_MemInfo as_it_was;
+            in >> as_it_was;
+            EXPECT_EQ(as_it_was.Size(), 0u) << length;
+        }
 }
 
 TEST_F(Descriptors, MustLieInTheRegionAndTheRegionInItsMapping)

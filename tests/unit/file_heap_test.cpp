@@ -171,20 +171,6 @@ TEST_F(FileHeap, IsCleanedLaterOfWhatCannotGoNow)
     }
 }
 
-TEST(UniqueNames, TellTheirProcessWhateverTheFolder)
-{
-    const std::pair<const char*, int> names[] = {
-        {"NorvaneMemoryBlock_4242_17_3", 4242},
-        {"C:\\Temp_1\\TempFileNorvane_4242_17_3", 4242},
-        {"/tmp_7/TempFileNorvane_4242_1_3", 4242},
-        {"TempFile.txt", 0},
-        {"/tmp_5/TempFile_abc", 0},
-        {"", 0},
-    };
-    for (const auto& [name, process] : names)
-        EXPECT_EQ(BaseMapInfo::GetProcessIdFromUniqueName(name), process) << name;
-}
-
 TEST(UniqueNames, AreToldFromNearMisses)
 {
     const RWCString first = "TempFile", unique = BaseMapInfo::CreateUniqueName();

@@ -51,8 +51,9 @@ TEST_F(Pagers, PrintPlainDecimalsOnWhateverStreamTheHostHas)
     const std::locale language = std::cout.imbue({std::locale(), new Commas});
     std::cout << std::hex << std::setfill('*');
     std::cout.width(30);
-    const LogCapture quiet(2);
+    const LogCapture log(2);
     pager->PrintDebugStatus();
+    EXPECT_EQ(log.Size(), 3u) << "a line for each block, between two";
     EXPECT_NE(out.str().find("Total Mapped = 70000 "), std::string::npos) << out.str();
     EXPECT_EQ(std::cout.width(), 30);
     out.str("");
@@ -104,6 +105,8 @@ TEST_F(Pagers, ShareABlockOnlyWithTheirLike)
     const MEM_PagerInfo small = Piece(1000), next = Piece(1000);
     const std::string block = Place(small).first;
     EXPECT_EQ(Place(next), std::pair(block, 1000u));
+    EXPECT_TRUE(next.GetMemInfoPtr()->IsUsed());
+    EXPECT_NE(Mem_TestAccess::State(next)->block, nullptr) << "no hit goes without a lock";
     // The threshold itself still fits a block of small pieces, which is its alone from then on.
     MEM_PagerInfo edge = Piece(8192);
     EXPECT_EQ(Place(edge), std::pair(block, 2000u));
@@ -168,6 +171,8 @@ TEST(Configuration, TakesWhatItIsGiven)
     }
     settings->SetCacheSize(4096);
     EXPECT_EQ(settings->HeapCacheInBytes(), 1ull << 32);
+    settings->SetUnmapWorkingSetLimit(9);
+    EXPECT_EQ(settings->UnmapWorkingSetLimit(), 9u);
     MEM_MemoryConfiguration_FileHeapParemeters parameters;
     parameters.MaxTotalSpaceInMb = 7;
     settings->SetFileHeapParmeters(parameters);

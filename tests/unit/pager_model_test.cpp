@@ -169,7 +169,7 @@ private:
     {
         const PagerInfoState& state = *Mem_TestAccess::State(hand.info);
         const ModelPiece& piece = *hand.piece;
-        ASSERT_EQ(std::tuple(hand.info.Block(), int{state.map_count}, int{state.ref_count}),
+        ASSERT_EQ(std::tuple(hand.info.Block(), state.map_count(), state.ref_count()),
                   std::tuple(piece.block, piece.mappings, piece.handles));
         ASSERT_EQ(hand.info.GetAllocatedSize(), piece.size);
         if (piece.block < 0)

@@ -6,7 +6,6 @@
 #include "Mem/Mem_Reason.h"
 #include "Mem/Mem_ShmmHeap.h"
 #include "Zor/Zor_Buffer.h"
-#include "mempager/mempager.h"
 #include "support/FailingPlatform.h"
 #include "support/Mem_TestAccess.h"
 #include "support/PagerWorld.h"
@@ -83,18 +82,6 @@ TEST_F(Reasons, AreOneReadableLine)
     pager->Allocate(0, &info, 0);
     line << Mem_Reason::Last();
     EXPECT_EQ(line.str(), "a new piece was refused: it is of 0 bytes");
-}
-
-TEST_F(Reasons, AreCarriedByWhatTheTypedLayerThrows)
-{
-    const FailingPlatform failing(FailingPlatform::Create, 1, 1000);
-    try {
-        mempager::piece<int> piece(1000);
-        ADD_FAILURE() << "made without a region";
-    } catch (const mempager::error& error) {
-        EXPECT_EQ(error.why().cause.operation, Operation::Allocate);
-        EXPECT_EQ(error.why().cause.error, FailingPlatform::full_error);
-    }
 }
 
 TEST_F(Reasons, OfOneCauseAreToldOnceWithACount)

@@ -110,7 +110,7 @@ TEST(SpaceLogic, LivesLikeTwoSortedVectors)
     ForEachSeed(160, 300, [&](unsigned seed) {
         std::mt19937 random(seed);
         const auto below = [&](u64 end) { return static_cast<u32>(random() % end); };
-        const u32 region = regions[seed % 8];
+        const u32 region = regions[seed % 8], many = seed / 16 % 2;
         const u32 sizes[] = {0, 1u << 30, (1u << 30) + 1, UINT32_MAX, region};
         BlockSpaceLogic real(region);
         Model model{{{region, 0}}};
@@ -118,8 +118,8 @@ TEST(SpaceLogic, LivesLikeTwoSortedVectors)
             real.SetLimits(model.lower = region / 64, model.upper = region / 8);
         for (u32 step = 0; step < 300 || !model.allocated.empty(); ++step) {
             const auto& given = model.allocated;
-            const u32 usual = 1 + below(region / (2u << below(8)) + 1), to = below(10);
-            if (below(100) < (step >= 300 ? 0 : step % 100 < 50 ? 75 : 35))
+            const u32 usual = 1 + below(region / (2u << (below(8) + 6 * many)) + 1), to = below(10);
+            if (below(100) < (step >= 300 ? 0 : step % 100 < 50 ? 75 + 20 * many : 35 + 20 * many))
                 Allocate(real, model, below(5) ? usual : sizes[below(5)], alignments[to]);
             else if (!given.empty()) {
                 const u64 at = std::next(given.begin(), below(given.size()))->first;

@@ -17,6 +17,7 @@
 #include <memory>
 #include <new>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace
@@ -128,15 +129,32 @@ TEST(Sweep, EachCallOfAReportMayFailAndTheLogIsWhole)
             const LogCapture log(2);
             Stage stage;
             const Failing failing(kind, n);
+            testing::internal::CaptureStderr();
             for (int report = 0; report < 2; ++report) {
                 MEM_MemPager::PrintVirtualMemoryStatus();
                 stage.pager->PrintSharedMemoryStatus();
             }
+            EXPECT_NE(testing::internal::GetCapturedStderr(), "") << "no calls are traced";
             const int unknown = log.Count(2, function + "debug_print_memory_status: Couldn't get");
             EXPECT_LE(unknown, kind == Failing::List ? 1 : 0);
             EXPECT_EQ(log.Count(2, "MEM_MemPager::Print"), 4 * 3 - 2 * unknown);
             return failing.Fired();
         });
+}
+
+TEST(Sweep, NothingDependsOnPagesFoundAhead)
+{
+    const unsigned int before = std::exchange(prefetch_of_this_run, 1000000);
+    Sweep([](int n) {
+        const LogCapture log(4);
+        Stage stage;
+        FailingPlatform failing(FailingPlatform::Find, n);
+        EXPECT_EQ(stage.Road(2 * 65536 - 1), 0);
+        EXPECT_EQ(log.Size(), 0u);
+        stage.ExpectNothingLeft();
+        return failing.Fired();
+    });
+    prefetch_of_this_run = before;
 }
 
 /// Stands for the pager's own new-handler, on the stage's pager.

@@ -23,16 +23,9 @@ namespace
 {
 using namespace mempager;
 
-Mem_Status Now()
-{
-    Mem_Status status;
-    MEM_MemPager::GetHandle()->GetCurrentStatus(status);
-    return status;
-}
-
 unsigned long long HeldMapped()
 {
-    return Now().total_mapped - Now().total_cached;
+    return status().total_mapped - status().total_cached;
 }
 
 TEST(TypedPiece, IsUnmappedByTheEndOfItsScope)
@@ -47,7 +40,7 @@ TEST(TypedPiece, IsUnmappedByTheEndOfItsScope)
         std::runtime_error);
     EXPECT_EQ(HeldMapped(), 0u);
     MEM_MemPager::GetHandle()->ClearCache();
-    EXPECT_EQ(Now().total_mapped, 0u);
+    EXPECT_EQ(status().total_mapped, 0u);
     EXPECT_EQ(numbers.map_const()[999], 1.5);
     EXPECT_EQ(std::ranges::count(numbers.map_const(), 0.0), 999);
 }
@@ -82,9 +75,9 @@ TEST(TypedPiece, IsKeptByAGuardThatOutlivesIt)
     second.unmap();
     EXPECT_EQ(first[9], 7);
     first = piece<int>(20).map();
-    EXPECT_EQ(Now().local_pieces_size, 20 * sizeof(int));
+    EXPECT_EQ(status().local_pieces_size, 20 * sizeof(int));
     first.unmap();
-    EXPECT_EQ(Now().local_pieces_size, 0u);
+    EXPECT_EQ(status().local_pieces_size, 0u);
 }
 
 TEST(TypedPiece, TellsWhyItFails)
@@ -177,6 +170,6 @@ TEST(TypedPiece, SharesAVectorsMovesWithTheAllocators)
 {
     LiveInAVector<Mem_MemFragmentsAllocator>();
     LiveInAVector<Mem_VirtualFragmentsAllocator>();
-    EXPECT_EQ(Now().local_pieces_size, 0u);
+    EXPECT_EQ(status().local_pieces_size, 0u);
 }
 } // namespace

@@ -1,6 +1,7 @@
 #include "Platform/Posix/Anchor.h"
 
 #include "Platform/Posix/Descriptors.h"
+#include "Platform/Posix/HugePages.h"
 #include "Platform/Posix/Limits.h"
 #include "Platform/Posix/Scoped.h"
 
@@ -134,8 +135,23 @@ void* Anchor::view_from_page(std::uint64_t offset, std::uint64_t size) const
 {
     if (!PagesWillDo())
         return errno = EBADF, nullptr;
-    void* view = map_anew(m_page, offset + size); // begins where the page does
+    void* view = view_of_front(offset + size);
     return given(view, offset + size) != nullptr ? without_front(view, offset, size) : nullptr;
+}
+
+/// It begins where the page does. Only huge pages want it to lie at certain addresses.
+void* Anchor::view_of_front(std::uint64_t size) const
+{
+    void* const place = PlaceForView(size, m_last.load(std::memory_order_relaxed));
+    if (place == nullptr)
+        return map_anew(m_page, size);
+    void* const view = mremap(m_page, 0, size, MREMAP_MAYMOVE | MREMAP_FIXED, place);
+    if (view == MAP_FAILED) {
+        munmap(place, size);
+        return map_anew(m_page, size);
+    }
+    m_last.store(view, std::memory_order_relaxed);
+    return view;
 }
 
 bool Anchor::Drop()

@@ -3,6 +3,7 @@
 
 #include "Platform/Posix/Paths.h"
 
+#include <atomic>
 #include <cstdint>
 
 /// Holds an open file, with the locks on it, for as long as the anchor or any view made from it
@@ -53,10 +54,12 @@ private:
     bool hold_descriptor(int descriptor);
     bool has_descriptor() const;
     void* view_from_page(std::uint64_t offset, std::uint64_t size) const;
+    void* view_of_front(std::uint64_t size) const;
 
     int m_protection = 0;
     FileIdentity m_identity;
     void* m_page = nullptr;
+    mutable std::atomic<void*> m_last = nullptr; ///< where a view was that huge pages could map
     int m_descriptor = -1;
 };
 

@@ -1,6 +1,8 @@
 #include "Platform/Posix/ControlGroups.h"
 
+#include "Platform/CoarseTime.h"
 #include "Platform/Posix/Lines.h"
+#include "Platform/Posix/Turn.h"
 
 #include <atomic>
 #include <cstdint>
@@ -8,7 +10,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 namespace
@@ -130,33 +131,6 @@ private:
     ino_t m_folder = 0;
 };
 
-/// A lock that is only tried: after a fork, the thread that holds it may not exist in the child.
-class Turn
-{
-public:
-    explicit Turn(std::atomic_flag& taken) : m_taken(taken), m_is_mine(!taken.test_and_set()) {}
-    ~Turn()
-    {
-        if (m_is_mine)
-            m_taken.clear();
-    }
-    Turn(const Turn&) = delete;
-    Turn& operator=(const Turn&) = delete;
-
-    explicit operator bool() const { return m_is_mine; }
-
-private:
-    std::atomic_flag& m_taken;
-    const bool m_is_mine;
-};
-
-std::int64_t now()
-{
-    timespec time{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &time);
-    return std::int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
-}
-
 /// The folders that were found last.
 class Remembered
 {
@@ -164,7 +138,7 @@ public:
     bool Recall(const Whereabouts& here, GroupFolders& folders)
     {
         const Turn turn(m_taken);
-        if (!turn || !(here == m_where) || now() >= m_end)
+        if (!turn || !(here == m_where) || Platform::CoarseMilliseconds() >= m_end)
             return false;
         folders = m_folders;
         return true;
@@ -177,14 +151,14 @@ public:
             return;
         m_where = here;
         m_folders = folders;
-        m_end = now() + 1000000000;
+        m_end = Platform::CoarseMilliseconds() + 1000;
     }
 
 private:
     std::atomic_flag m_taken;
     Whereabouts m_where;
     GroupFolders m_folders;
-    std::int64_t m_end = 0;
+    std::uint64_t m_end = 0;
 };
 
 constinit Remembered remembered;

@@ -163,7 +163,7 @@ void LookAtNames(const LookedAt& folders, Fact& fact)
 
 void LookAtGroup(const LookedAt&, Fact& fact)
 {
-    const std::uint64_t limit = ControlGroupLimit();
+    const std::uint64_t limit = ControlGroupLimit(GroupFolders::OfThisProcess());
     fact.value = "no limit of memory";
     if (limit >= MachineMemory())
         return;

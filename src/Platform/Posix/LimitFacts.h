@@ -43,6 +43,7 @@ void LookAtFileSize(const LookedAt& folders, Platform::Inspection::Fact& fact);
 void LookAtDescriptors(const LookedAt& folders, Platform::Inspection::Fact& fact);
 void LookAtTempFolder(const LookedAt& folders, Platform::Inspection::Fact& fact);
 void LookAtViews(const LookedAt& folders, Platform::Inspection::Fact& fact);
+void LookAtHugePages(const LookedAt& folders, Platform::Inspection::Fact& fact);
 void LookAtNamesAtLogout(const LookedAt& folders, Platform::Inspection::Fact& fact);
 void LookAtMalloc(const LookedAt& folders, Platform::Inspection::Fact& fact);
 

@@ -35,6 +35,7 @@ constexpr LimitRow LimitTable[] = {
     {Subject::OpenFiles, "the machine's open files (fs.file-max)", one, "", nullptr},
     {Subject::TempFolder, nullptr, one, "temp folder", LookAtTempFolder},
     {Subject::Views, nullptr, one, "views", LookAtViews},
+    {Subject::HugePages, nullptr, one, "huge pages", LookAtHugePages},
     {Subject::NamesAtLogout, nullptr, one, "names at logout", LookAtNamesAtLogout},
     {Subject::Malloc, nullptr, one, "malloc", LookAtMalloc},
 };

@@ -28,8 +28,12 @@ public:
     bool CloseMapping(void* mapping) override;
     void* MapView(void* mapping, std::uint64_t offset, std::uint64_t size) override;
     bool UnmapView(void* view, std::uint64_t size) override;
+    bool Prefetch(void* bytes, std::uint64_t size, Access access) override;
     std::uint32_t AllocationGranularity() override;
     bool TrimWorkingSet(Views& views) override;
+
+    std::uint64_t HugeBytes(const ViewSet& views) override;
+    void PreferHugePages(void* memory, std::uint64_t size) override;
 
     Cause LastCause() override;
     LimitsMet LastLimits(char* text, std::size_t size) override;

@@ -25,10 +25,16 @@ constexpr std::uint64_t no_limit = std::numeric_limits<std::uint64_t>::max();
 /// What other processes may take meanwhile.
 constexpr std::uint64_t margin = std::uint64_t{16} << 20;
 
+/// The most that margin_in() can be.
+std::uint64_t largest_margin(std::uint64_t limit)
+{
+    return std::max(margin, limit / 2);
+}
+
 /// What is to stay free in a group. The processes of a full one take each other's copies of
 /// programs and files away and read them anew, until none gets on. `each` is what each of them
 /// needs at least, measured with pieces in temp files; all together get no more than half of the
-/// limit.
+/// limit. To count them costs more than all else of a look.
 std::uint64_t margin_in(const char* folder, std::uint64_t limit)
 {
     constexpr std::uint64_t each = std::uint64_t{4} << 20;
@@ -37,7 +43,7 @@ std::uint64_t margin_in(const char* folder, std::uint64_t limit)
     for (std::string_view line; lines.Next(line);)
         ++others;
     others -= std::min<std::uint64_t>(others, 1);
-    return std::max(margin, std::min(margin + others * each, limit / 2));
+    return std::clamp(margin + others * each, margin, largest_margin(limit));
 }
 
 std::uint64_t number_at_front(std::string_view text, std::uint64_t otherwise)
@@ -80,9 +86,8 @@ std::uint64_t rest(std::uint64_t all, std::uint64_t taken)
 
 } // namespace
 
-std::uint64_t ControlGroupLimit(const char* groups, const char* mounts)
+std::uint64_t ControlGroupLimit(const GroupFolders& folders)
 {
-    const GroupFolders folders(groups, mounts);
     std::uint64_t limit = no_limit;
     for (std::size_t at = 0; at < folders.Count(); ++at)
         limit = std::min(limit, read_limit(folders.Path(at), folders.Version(at).limit_file));
@@ -141,7 +146,7 @@ std::uint64_t AddressSpaceLimit()
 std::uint64_t PosixProcess::MemoryLimit()
 {
     const NoCancellation calm;
-    return std::min(MachineMemory(), ControlGroupLimit());
+    return std::min(MachineMemory(), ControlGroupLimit(GroupFolders::OfThisProcess()));
 }
 
 Platform::Process::Memory PosixProcess::MemoryNow()
@@ -171,14 +176,12 @@ void MemoryHeadroom::find_limits()
         const GroupVersion& version = m_folders.Version(at);
         const std::uint64_t limit = read_limit(m_folders.Path(at), version.limit_file);
         if (limit < most)
-            m_groups[m_count++] = {&version, m_folders.Path(at), limit,
-                                   margin_in(m_folders.Path(at), limit)};
+            m_groups[m_count++] = {&version, m_folders.Path(at), limit, std::nullopt};
     }
 }
 
-std::uint64_t MemoryHeadroom::Grants(std::uint64_t more, std::uint64_t done) const
+std::uint64_t MemoryHeadroom::Grants(std::uint64_t more, std::uint64_t done, std::uint64_t least)
 {
-    constexpr std::uint64_t least = std::uint64_t{1} << 16;
     constexpr std::uint64_t shares = 64;
     const std::uint64_t smallest = std::min(more, least);
     std::uint64_t headroom = headroom_on_machine(smallest, done);
@@ -190,20 +193,33 @@ std::uint64_t MemoryHeadroom::Grants(std::uint64_t more, std::uint64_t done) con
     return 0;
 }
 
-/// The table of pages is long: it is read only if it matters.
-std::uint64_t MemoryHeadroom::headroom_in(const Group& group, std::uint64_t least,
-                                          std::uint64_t enough, std::uint64_t done)
+std::uint64_t MemoryHeadroom::margin_of(Group& group)
+{
+    if (!group.margin)
+        group.margin = margin_in(group.folder, group.limit);
+    return *group.margin;
+}
+
+std::uint64_t MemoryHeadroom::reclaimable_in(const Group& group)
+{
+    const Table& table = group.version->reclaimable;
+    return sum(GroupFile(group.folder, table.file).path, table).value_or(0);
+}
+
+/// The table of pages is long, and so can be that of processes: they are read only if they matter.
+std::uint64_t MemoryHeadroom::headroom_in(Group& group, std::uint64_t least, std::uint64_t enough,
+                                          std::uint64_t done)
 {
     const std::uint64_t usage = read_limit(group.folder, group.version->usage_file);
-    if (usage == no_limit || usage + group.margin + enough <= group.limit)
+    if (usage == no_limit || usage + largest_margin(group.limit) + enough <= group.limit)
         return enough;
-    const Table& table = group.version->reclaimable;
-    const std::uint64_t reclaimable =
-        sum(GroupFile(group.folder, table.file).path, table).value_or(0);
-    const std::uint64_t headroom = rest(group.limit + reclaimable, usage + group.margin);
+    const std::uint64_t kept = margin_of(group);
+    if (usage + kept + enough <= group.limit)
+        return enough;
+    const std::uint64_t bound = group.limit + reclaimable_in(group);
+    const std::uint64_t headroom = rest(bound, usage + kept);
     if (headroom < least)
-        MeetLimit(Platform::Subject::Group, group.limit,
-                  rest(group.limit + reclaimable + done, usage));
+        MeetLimit(Platform::Subject::Group, group.limit, rest(bound + done, usage));
     return headroom;
 }
 
@@ -218,16 +234,15 @@ std::uint64_t MemoryHeadroom::headroom_on_machine(std::uint64_t least, std::uint
     return headroom;
 }
 
-std::uint64_t MemoryHeadroom::LeftInGroups() const
+std::uint64_t MemoryHeadroom::LeftInGroups()
 {
     std::uint64_t left = no_limit;
     for (std::size_t at = 0; at < m_count; ++at) {
-        const auto& [version, folder, limit, kept] = m_groups[at];
-        const Table& table = version->reclaimable;
-        const std::uint64_t cached = sum(GroupFile(folder, table.file).path, table).value_or(0);
-        const std::uint64_t usage = read_limit(folder, version->usage_file);
+        Group& group = m_groups[at];
+        const std::uint64_t usage = read_limit(group.folder, group.version->usage_file);
         if (usage != no_limit)
-            left = std::min(left, rest(limit + cached, usage + kept));
+            left =
+                std::min(left, rest(group.limit + reclaimable_in(group), usage + margin_of(group)));
     }
     return left;
 }

@@ -5,12 +5,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
-/// The least memory limit in bytes that is set on this process's control group or on one above
-/// it, of version 1 and 2; the greatest number if there is none. The arguments are the tables to
-/// read, in the form of /proc. Allocates nothing.
-std::uint64_t ControlGroupLimit(const char* groups = "/proc/self/cgroup",
-                                const char* mounts = "/proc/self/mountinfo");
+/// The least memory limit in bytes that is set on one of these groups; the greatest number if there
+/// is none. Allocates nothing.
+std::uint64_t ControlGroupLimit(const GroupFolders& folders);
 
 /// Bytes of the machine's memory.
 std::uint64_t MachineMemory();
@@ -57,12 +56,15 @@ public:
     /// processes take meanwhile, in each of the groups and on the machine. Pages that hold a copy
     /// of what is on disk count as free. The nearer a limit, the fewer: many processes that look at
     /// the same time don't go past it together. `done` bytes were taken before and are given back
-    /// if these can't be had.
+    /// if these can't be had. Fewer than `least` are of no use, if there are more to take.
     /// @return 0 with errno, ENOMEM, and the limit remembered, if there is none.
-    std::uint64_t Grants(std::uint64_t more, std::uint64_t done = 0) const;
+    std::uint64_t Grants(std::uint64_t more, std::uint64_t done = 0,
+                         std::uint64_t least = LeastGrant);
+
+    static constexpr std::uint64_t LeastGrant = std::uint64_t{1} << 16;
 
     /// The most that one of the two would bear; the greatest number where that isn't known.
-    std::uint64_t LeftInGroups() const;
+    std::uint64_t LeftInGroups();
     std::uint64_t LeftOnMachine() const;
 
 private:
@@ -70,11 +72,13 @@ private:
         const GroupVersion* version;
         const char* folder;
         std::uint64_t limit;
-        std::uint64_t margin;
+        std::optional<std::uint64_t> margin; ///< once it was needed
     };
 
     void find_limits();
-    static std::uint64_t headroom_in(const Group& group, std::uint64_t least, std::uint64_t enough,
+    static std::uint64_t margin_of(Group& group);
+    static std::uint64_t reclaimable_in(const Group& group);
+    static std::uint64_t headroom_in(Group& group, std::uint64_t least, std::uint64_t enough,
                                      std::uint64_t done);
     std::uint64_t headroom_on_machine(std::uint64_t least, std::uint64_t done) const;
 

@@ -1,5 +1,7 @@
 #include "Platform/Posix/Reserve.h"
 
+#include "Platform/Posix/Allowance.h"
+#include "Platform/Posix/HugePages.h"
 #include "Platform/Posix/Limits.h"
 #include "Platform/Posix/MemoryLimits.h"
 #include "Platform/Posix/Paths.h"
@@ -8,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
+#include <optional>
 
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -19,7 +22,7 @@ namespace
 {
 
 constexpr std::uint64_t disk_step = std::uint64_t{1} << 30;
-constexpr std::uint64_t memory_step = std::uint64_t{1} << 20;
+constexpr std::uint64_t memory_step = 8 * HugePage; // a look takes as long as a part of one
 constexpr std::uint64_t least_step = std::uint64_t{1} << 16;
 
 bool is_memory(const struct statfs& status)
@@ -57,7 +60,7 @@ bool reserve_step(int file, std::uint64_t offset, std::uint64_t size)
 /// `look` says, before each step, how many of so many bytes more it may take, and is told how many
 /// were done.
 template <class Look>
-bool reserve_in_steps(int file, std::uint64_t size, std::uint64_t step, Look look)
+bool reserve_in_steps(int file, std::uint64_t size, std::uint64_t step, Look&& look)
 {
     for (std::uint64_t done = 0; done < size;) {
         const std::uint64_t now = look(std::min(step, size - done), done);
@@ -72,6 +75,45 @@ bool reserve_in_steps(int file, std::uint64_t size, std::uint64_t step, Look loo
     }
     return true;
 }
+
+constinit Allowance allowance;
+
+/// Looks before each step at what memory is left, as far as an earlier look doesn't stand for this
+/// one, and prepares for huge pages what is to be taken. For one region.
+class MemoryLook
+{
+public:
+    MemoryLook(int file, std::uint64_t size) : m_huge(file, size) {}
+
+    /// Steps end where huge pages do. Near a limit they are small, and no such page is asked for.
+    std::uint64_t operator()(std::uint64_t more, std::uint64_t done)
+    {
+        const std::uint64_t in_huge_pages = (more + HugePage - 1) / HugePage * HugePage;
+        std::uint64_t now = m_huge.TakesThemAnyway()
+                                ? std::min(more, granted(in_huge_pages, done, HugePage))
+                                : granted(more, done, MemoryHeadroom::LeastGrant);
+        if (now < more && now > HugePage)
+            now -= now % HugePage;
+        m_huge.Offer(done, now);
+        return now;
+    }
+
+private:
+    std::uint64_t granted(std::uint64_t more, std::uint64_t done, std::uint64_t least)
+    {
+        if (allowance.Take(more))
+            return more;
+        if (!m_headroom)
+            m_headroom.emplace();
+        const std::uint64_t asked = more < Allowance::Size ? Allowance::Plenty : more;
+        const std::uint64_t left = m_headroom->Grants(asked, done, least);
+        allowance.Renew(left, more);
+        return std::min(left, more);
+    }
+
+    const HugeFile m_huge;
+    std::optional<MemoryHeadroom> m_headroom; ///< once: it finds the groups
+};
 
 } // namespace
 
@@ -93,11 +135,7 @@ bool Reserve(int file, std::uint64_t size)
         return reserve_in_steps(file, size, disk_step, [](auto step, auto) { return step; });
 
     // Other processes reserve at the same time: one look for the whole size isn't enough.
-    const MemoryHeadroom headroom;
-    return reserve_in_steps(file, size, memory_step,
-                            [&headroom](std::uint64_t more, std::uint64_t done) {
-                                return headroom.Grants(more, done);
-                            });
+    return reserve_in_steps(file, size, memory_step, MemoryLook(file, size));
 }
 
 bool LiesOnDisk(const char* folder)

@@ -18,10 +18,11 @@ struct SharedFile {
 struct FileKind {
     mode_t mode; ///< whatever the umask
     Anchor::By hold;
+    bool is_memory = false;
 };
 
 /// In the folder of shared memory; what lies on a disk in its place; a temp file.
-inline constexpr FileKind MemoryFile{0644, Anchor::By::Page};
+inline constexpr FileKind MemoryFile{0644, Anchor::By::Page, true};
 inline constexpr FileKind SpareFile{0600, Anchor::By::Page};
 inline constexpr FileKind TempFile{0600, Anchor::By::Descriptor};
 

@@ -22,6 +22,7 @@ bool make(OwnName& name, const FileKind& kind, SharedMapping& mapping)
     if (MakeFile(name.path.get(), kind, mapping.size, mapping.file) != Making::Done)
         return false;
     name.identity = mapping.file.identity;
+    mapping.is_untouched = kind.is_memory;
     return true;
 }
 

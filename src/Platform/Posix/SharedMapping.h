@@ -3,6 +3,7 @@
 
 #include "Platform/Posix/SharedFile.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
@@ -14,7 +15,8 @@ struct SharedMapping {
     OwnName name;       ///< in the folder of shared memory: of the file, or of a link to it
     OwnName spare_name; ///< of the file in the spare folder
     std::uint64_t size = 0;
-    pid_t creator = 0; ///< 0 where the names are another process's business
+    std::atomic<bool> is_untouched = false; ///< new memory of which no view was made yet
+    pid_t creator = 0;                      ///< 0 where the names are another process's business
     bool IsSpare() const { return spare_name.identity != FileIdentity(); }
 
     SharedMapping* previous = nullptr;

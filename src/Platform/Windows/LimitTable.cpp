@@ -31,6 +31,7 @@ constexpr LimitRow LimitTable[] = {
     {Subject::OpenFiles, nullptr, one, "", nullptr},
     {Subject::TempFolder, nullptr, one, "temp folder", LookAtTempFolder},
     {Subject::Views, nullptr, one, "", nullptr},
+    {Subject::HugePages, nullptr, one, "", nullptr},
     {Subject::NamesAtLogout, nullptr, one, "names", LookAtNamesAtLogout},
     {Subject::Malloc, nullptr, one, "malloc", LookAtMalloc},
 };

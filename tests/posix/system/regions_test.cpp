@@ -13,7 +13,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <string>
 
@@ -44,12 +43,6 @@ void* Make(int n, std::uint64_t size, const std::string& spare_folder = "")
 {
     return platform.CreateSharedMapping(Name(getpid(), std::to_string(n)).c_str(), size,
                                         spare_folder.c_str());
-}
-
-bool Fill(void* mapping, std::uint64_t size)
-{
-    void* view = platform.MapView(mapping, 0, size);
-    return view && std::memset(view, 'x', size) && platform.UnmapView(view, size);
 }
 
 /// The cause of a refusal that leaves nothing behind; 0 for anything else.
@@ -135,20 +128,6 @@ CHILD_TEST(RegionsOfProcesses, MeetATimerAndLimits, InChild)
     Limit(RLIMIT_NOFILE, 0);
     CHILD_CHECK(Make(1, MiB) == nullptr, Platform::LastError() == EMFILE);
     return platform.CloseMapping(region) ? 0 : 2;
-}
-
-CHILD_TEST(RegionsOfProcesses, MeetAFullABarredAndAMissingFolder, InChildAmongOwnMounts)
-{
-    CHILD_CHECK(Mount("tmpfs", "/dev/shm", "size=16m"));
-    void* regions[] = {Make(0, 7 * MiB), Make(1, 7 * MiB)};
-    CHILD_CHECK(ErrorOf(7 * MiB) == ENOSPC);
-    for (void* region : regions) {
-        CHILD_CHECK(Fill(region, 7 * MiB), platform.CloseMapping(region));
-    }
-    CHILD_CHECK(Mount("tmpfs", "/dev/shm", "", MS_RDONLY));
-    CHILD_CHECK(ErrorOf(1) == EROFS);
-    CHILD_CHECK(Mount("tmpfs", "/dev"), Make(0, 1) == nullptr);
-    return Platform::LastError() == ENOENT ? 0 : 2;
 }
 
 // Whatever bears the name, an opener neither waits at it nor follows it.

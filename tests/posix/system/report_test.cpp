@@ -42,9 +42,7 @@ Time and Date:\t\t\t\w{3} \w{3} [ \d]\d \d\d:\d\d:\d\d \d{4}
 
 
 Total Mapped = \d+; Total Cached = \d+
-
-
-
++(Mapped by huge pages = \d+)?
 -+ ShmmHeap::PrintStatus\(\)-+
 + Block Info:| Source heap: Windows_\w+| group_id: 0 .*|  Block space .*KB|\t\w+ Chunk \d+, Size \d+, Offset \d+|
 usage summery

@@ -1,21 +1,20 @@
-// Hunts, in one process: regions that aren't reserved or readable; names taken over from somebody
+// Hunts, in one process: regions that others can write to; names taken over from somebody
 // else, at creation or at closing; bytes that are lost with the name; memory limits read from the
 // wrong group.
 
 #include "Platform/LastError.h"
 #include "Platform/Mappings.h"
+#include "Platform/Posix/Allowance.h"
 #include "Platform/Posix/MemoryLimits.h"
+#include "posix/support/Children.h"
 #include "support/Footprint.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-
-#include <sys/stat.h>
 
 namespace
 {
@@ -23,42 +22,17 @@ namespace
 namespace fs = std::filesystem;
 constexpr std::uint64_t MiB = 1 << 20;
 
-class Regions : public testing::Test
+TEST(Regions, NeedNoNameAndLeaveOthersAlone)
 {
-protected:
-    void TearDown() override { EXPECT_EQ(Footprint::Now(), before); }
-
-    void* Make(std::uint64_t size) { return platform.CreateSharedMapping(name.c_str(), size, ""); }
-    char* View(void* region, std::uint64_t offset, std::uint64_t size)
-    {
-        return static_cast<char*>(platform.MapView(region, offset, size));
-    }
-
+    const Footprint before = Footprint::Now();
     Platform::Mappings& platform = Platform::Mappings::Get();
     const std::string name = "NorvaneMemoryBlock_" + std::to_string(getpid()) + "_1_0";
     const std::string path = "/dev/shm/" + name;
     const std::uint64_t page = platform.AllocationGranularity();
-    const Footprint before = Footprint::Now();
-};
-
-TEST_F(Regions, AreReservedZeroAndReadableByAll)
-{
-    const std::uint64_t size = 3 * MiB + 5;
-    void* region = Make(size);
-    struct stat status;
-    ASSERT_EQ(lstat(path.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode, mode_t{S_IFREG | 0644});
-    EXPECT_GE(static_cast<std::uint64_t>(status.st_blocks) * 512, size);
-    char* view = View(region, 0, size);
-    EXPECT_EQ(std::count(view, view + size, 0), static_cast<std::ptrdiff_t>(size));
-    EXPECT_TRUE(platform.UnmapView(view, size));
-    EXPECT_TRUE(platform.CloseMapping(region));
-}
-
-TEST_F(Regions, NeedNoNameAndLeaveOthersAlone)
-{
-    void* region = Make(page);
-    char* first = View(region, 0, page);
+    void* region = platform.CreateSharedMapping(name.c_str(), page, "");
+    const auto view = [&] { return static_cast<char*>(platform.MapView(region, 0, page)); };
+    EXPECT_EQ(fs::status(path).permissions(), fs::perms{0644}); // whatever readers ask for
+    char* first = view();
     std::strcpy(first, "kept");
     EXPECT_TRUE(platform.UnmapView(first, page));
     fs::remove(path); // as a login manager does at logout
@@ -68,13 +42,14 @@ TEST_F(Regions, NeedNoNameAndLeaveOthersAlone)
         EXPECT_EQ(platform.CreateSharedMapping(refused.c_str(), page, ""), nullptr) << refused;
         EXPECT_EQ(Platform::LastError(), static_cast<unsigned long>(EEXIST)) << refused;
     }
-    char* anew = View(region, 0, page);
+    char* anew = view();
     EXPECT_TRUE(platform.CloseMapping(region));
     EXPECT_STREQ(anew, "kept");
     EXPECT_EQ(fs::file_size(path), 4u) << "closing took a namesake's name away";
     EXPECT_TRUE(fs::remove(path));
     EXPECT_TRUE(fs::remove(path + "link"));
     EXPECT_TRUE(platform.UnmapView(anew, page));
+    EXPECT_EQ(Footprint::Now(), before);
 }
 
 TEST(Limits, AreTheLeastOfAllGroupsAbove)
@@ -96,7 +71,7 @@ TEST(Limits, AreTheLeastOfAllGroupsAbove)
     const auto limit = [&](const char* top, const char* folder, const char* type) {
         const std::string line = std::string("35 31 0:32 ") + top + ' ' + (root / folder).string() +
                                  " rw shared:9 - " + type + " x rw,memory\n";
-        return ControlGroupLimit(groups.c_str(), write("mounts", line).c_str());
+        return ControlGroupLimit(GroupFolders(groups.c_str(), write("mounts", line).c_str()));
     };
     EXPECT_EQ(limit("/pod", "one", "cgroup"), 5000u);
     EXPECT_EQ(limit("/of_host", "one", "cgroup"), 6000u);
@@ -111,6 +86,24 @@ TEST(Limits, AreTheLeastOfAllGroupsAbove)
     EXPECT_TRUE(grants_something("inactive_file 8\nactive_file 6842744", "SwapFree: 16448 kB"));
     EXPECT_FALSE(grants_something("file 9\nactive_file 6842752", "MemAvailable:  16447 kB"));
     fs::remove_all(root);
+}
+
+TEST(Limits, AreLookedAtAgainOnceALookIsUsedUp)
+{
+    constexpr std::uint64_t half = Allowance::Size / 2;
+    Allowance allowance;
+    int tries = 100; // the moment can pass meanwhile
+    do
+        allowance.Renew(Allowance::Plenty, half);
+    while (!allowance.Take(half) && --tries > 0);
+    EXPECT_GT(tries, 0);
+    EXPECT_FALSE(allowance.Take(1));
+    allowance.Renew(Allowance::Plenty - 1, half);
+    EXPECT_FALSE(allowance.Take(1)) << "near a limit";
+    allowance.Renew(Allowance::Plenty, half);
+    EXPECT_EQ(InChild([&] { return allowance.Take(1) ? 2 : 0; }), 0);
+    usleep(Allowance::Moment * 2000);
+    EXPECT_FALSE(allowance.Take(1)) << "long ago";
 }
 
 } // namespace
