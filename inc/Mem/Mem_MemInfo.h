@@ -8,6 +8,7 @@
 #include "mempager_export.h"
 
 class Block;
+struct Mem_Chunk;
 class Zor_iBuffer;
 class Zor_oBuffer;
 
@@ -15,11 +16,18 @@ class Zor_oBuffer;
 struct MEMPAGER_EXPORT Mem_MemoryChunk {
     /// No bytes at offset 0.
     Mem_MemoryChunk() = default;
-    /// `size` bytes from `offset` on.
-    Mem_MemoryChunk(unsigned int size, unsigned int offset) : m_Size(size), m_Offset(offset) {}
+    /// `size` bytes from `offset` on, of which a block may have a record.
+    Mem_MemoryChunk(unsigned int size, unsigned int offset, Mem_Chunk* record = nullptr)
+        : m_Size(size), m_Offset(offset), m_record(record)
+    {
+    }
 
     unsigned int m_Size = 0;   ///< bytes
     unsigned int m_Offset = 0; ///< bytes from the region's start
+
+    /// The record of the block that gave the stretch out, for that block alone; null where it was
+    /// told otherwise, as by another process.
+    Mem_Chunk* m_record = nullptr;
 };
 
 /// Base of everything that describes a stretch of backing store. It owns nothing: the block that

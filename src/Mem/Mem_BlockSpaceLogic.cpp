@@ -15,7 +15,11 @@ std::uint32_t alignment_gap(std::uint32_t offset, std::uint32_t alignment)
     return excess == 0 ? 0 : alignment - excess;
 }
 
-constexpr std::size_t kFirstBuckets = 64; // a power of two, as all that follow
+/// Whether a chunk is given out with bytes at that offset. No spare record is.
+bool has_bytes_at(const Mem_Chunk& chunk, std::uint32_t aligned_offset)
+{
+    return !chunk.is_free && chunk.size != 0 && chunk.AlignedOffset() == aligned_offset;
+}
 
 std::uint32_t clamp(std::uint64_t size)
 {
@@ -23,8 +27,7 @@ std::uint32_t clamp(std::uint64_t size)
 }
 } // namespace
 
-BlockSpaceLogic::BlockSpaceLogic(std::uint32_t size)
-    : m_size(size), m_free(size), m_buckets(kFirstBuckets, nullptr)
+BlockSpaceLogic::BlockSpaceLogic(std::uint32_t size) : m_size(size), m_free(size)
 {
     keep_spare();
     Chunk& whole = take_spare();
@@ -41,18 +44,16 @@ bool BlockSpaceLogic::Allocate(std::uint32_t size, Mem_MemoryChunk* chunk, std::
                                std::uint32_t* actual_size)
 {
     keep_spare(); // first, since a new-handler can run in there
-    keep_buckets();
-    m_free.KeepBins(m_buckets.size());
+    m_free.KeepBins(m_allocated_count + 1);
     Chunk* const found = const_cast<Chunk*>(find_free_chunk(size, alignment, actual_size));
     if (found == nullptr)
         return false;
     Mem_Prefetch(found->before);
-    Mem_Prefetch(&bucket_of(found->offset + (*actual_size - size)));
     Chunk& taken = take_front(*found, *actual_size);
     taken.size = size;
     enter_allocated(taken);
     m_allocated += taken.actual_size;
-    *chunk = Mem_MemoryChunk(size, taken.AlignedOffset());
+    *chunk = Mem_MemoryChunk(size, taken.AlignedOffset(), &taken);
     return true;
 }
 
@@ -66,13 +67,12 @@ bool BlockSpaceLogic::CanAllocate(std::uint32_t size, std::uint32_t alignment,
 
 bool BlockSpaceLogic::Free(const Mem_MemoryChunk& chunk)
 {
-    Chunk* const found = leave_allocated(chunk.m_Offset);
+    Chunk* const found = leave_allocated(chunk);
     if (found == nullptr)
         RWThrow(RWBoundsErr(
             RWMessage(RWTOOL_INDEXERR(), UINT64_MAX, m_allocated_count + m_nothing.size())));
     Chunk& freed = *found;
-    Mem_Prefetch(freed.before);
-    Mem_Prefetch(freed.behind);
+    prefetch_neighbours(freed);
     m_allocated -= freed.actual_size;
     prefetch_bins_around(freed);
     if (Chunk* const right = free_chunk_behind(freed))
@@ -182,6 +182,12 @@ BlockSpaceLogic::Chunk* BlockSpaceLogic::free_chunk_before(const Chunk& chunk)
                                                                                  : chunk.before;
 }
 
+void BlockSpaceLogic::prefetch_neighbours(const Chunk& chunk)
+{
+    Mem_Prefetch(chunk.before);
+    Mem_Prefetch(chunk.behind);
+}
+
 /// Fetches the bins of the free neighbours of `chunk`, and the bin that all of them will make.
 void BlockSpaceLogic::prefetch_bins_around(const Chunk& chunk) const
 {
@@ -189,10 +195,10 @@ void BlockSpaceLogic::prefetch_bins_around(const Chunk& chunk) const
     for (const Chunk* const neighbour : {chunk.before, chunk.behind}) {
         if (neighbour == nullptr || !neighbour->is_free)
             continue;
-        m_free.Prefetch(neighbour->actual_size);
+        m_free.PrefetchForLeave(*neighbour);
         joined += neighbour->actual_size;
     }
-    m_free.Prefetch(joined);
+    m_free.PrefetchForEnter(joined);
 }
 
 void BlockSpaceLogic::enter_free(Chunk& chunk)
@@ -215,50 +221,51 @@ void BlockSpaceLogic::enter_allocated(Chunk& chunk)
     const std::uint32_t offset = chunk.AlignedOffset();
     if (chunk.size == 0) {
         chunk.order = ++m_clock;
-        chunk.is_ahead = *find_bytes(offset) == nullptr;
+        chunk.is_ahead = find_bytes(offset) == nullptr;
         m_nothing.insert(chunk);
         return;
     }
     for (Chunk& nothing : m_nothing)
         nothing.is_ahead = nothing.is_ahead || nothing.AlignedOffset() == offset;
-    enter_bucket(chunk);
     ++m_allocated_count;
 }
 
-void BlockSpaceLogic::enter_bucket(Chunk& chunk)
+/// Takes the first chunk that was given out at that offset out of those that are allocated; null if
+/// there is none.
+BlockSpaceLogic::Chunk* BlockSpaceLogic::leave_allocated(const Mem_MemoryChunk& given)
 {
-    Chunk*& bucket = bucket_of(chunk.AlignedOffset());
-    chunk.next = bucket;
-    bucket = &chunk;
-}
-
-/// Takes the first chunk that was given out at that offset out of its index; null if there is none.
-BlockSpaceLogic::Chunk* BlockSpaceLogic::leave_allocated(std::uint32_t aligned_offset)
-{
-    Chunk** const bytes = find_bytes(aligned_offset);
-    const auto nothing = std::find_if(m_nothing.begin(), m_nothing.end(), [&](const Chunk& other) {
-        return other.AlignedOffset() == aligned_offset && (other.is_ahead || *bytes == nullptr);
-    });
-    if (nothing != m_nothing.end()) {
-        Chunk& chunk = *nothing;
-        m_nothing.erase(nothing);
-        return &chunk;
+    if (Chunk* const nothing = find_nothing(given.m_Offset)) {
+        m_nothing.erase(m_nothing.iterator_to(*nothing));
+        return nothing;
     }
-    Chunk* const chunk = *bytes;
-    if (chunk != nullptr) {
-        *bytes = chunk->next;
-        --m_allocated_count;
-    }
+    Chunk* const record = given.m_record;
+    Chunk* const chunk = record != nullptr && has_bytes_at(*record, given.m_Offset)
+                             ? record
+                             : find_bytes(given.m_Offset);
+    m_allocated_count -= chunk != nullptr ? 1 : 0;
     return chunk;
 }
 
-/// Where the chains point to the chunk with bytes at that offset; a pointer to null if none has.
-BlockSpaceLogic::Chunk** BlockSpaceLogic::find_bytes(std::uint32_t aligned_offset)
+/// The chunk without bytes that was given out first at that offset, if that was before any with
+/// bytes, or if there is none of those; or null.
+BlockSpaceLogic::Chunk* BlockSpaceLogic::find_nothing(std::uint32_t aligned_offset)
 {
-    Chunk** at = &bucket_of(aligned_offset);
-    while (*at != nullptr && (*at)->AlignedOffset() != aligned_offset)
-        at = &(*at)->next;
-    return at;
+    if (m_nothing.empty())
+        return nullptr;
+    const bool is_alone = find_bytes(aligned_offset) == nullptr;
+    const auto found = std::find_if(m_nothing.begin(), m_nothing.end(), [&](const Chunk& other) {
+        return other.AlignedOffset() == aligned_offset && (other.is_ahead || is_alone);
+    });
+    return found != m_nothing.end() ? &*found : nullptr;
+}
+
+/// The chunk with bytes at that offset; null if none has.
+BlockSpaceLogic::Chunk* BlockSpaceLogic::find_bytes(std::uint32_t aligned_offset)
+{
+    Chunk* chunk = m_first;
+    while (chunk != nullptr && !has_bytes_at(*chunk, aligned_offset))
+        chunk = chunk->behind;
+    return chunk;
 }
 
 /// By rising aligned offset, equals in the order in which they were given out.
@@ -342,30 +349,6 @@ void BlockSpaceLogic::unlink(Chunk& chunk)
     link(chunk.before, chunk.behind);
 }
 
-// Offsets have a pattern; a multiplication by a large odd number spreads them.
-std::size_t BlockSpaceLogic::bucket_number(std::uint32_t aligned_offset) const
-{
-    const std::uint64_t spread = aligned_offset * std::uint64_t{0x9E3779B97F4A7C15};
-    return (spread >> 32) & (m_buckets.size() - 1);
-}
-
-BlockSpaceLogic::Chunk*& BlockSpaceLogic::bucket_of(std::uint32_t aligned_offset)
-{
-    return m_buckets[bucket_number(aligned_offset)];
-}
-
-/// Makes sure that there are as many buckets as allocated chunks, one more included.
-void BlockSpaceLogic::keep_buckets()
-{
-    if (m_allocated_count < m_buckets.size())
-        return;
-    std::vector<Chunk*> more(2 * m_buckets.size(), nullptr);
-    m_buckets.swap(more);
-    for (Chunk* chunk = m_first; chunk != nullptr; chunk = chunk->behind)
-        if (!chunk->is_free && chunk->size != 0)
-            enter_bucket(*chunk);
-}
-
 /// Makes sure that take_spare() finds a record.
 void BlockSpaceLogic::keep_spare()
 {
@@ -384,6 +367,7 @@ BlockSpaceLogic::Chunk& BlockSpaceLogic::take_spare()
 
 void BlockSpaceLogic::give_spare(Chunk& chunk)
 {
+    chunk.size = 0;
     chunk.next = m_spare;
     m_spare = &chunk;
 }
@@ -409,7 +393,6 @@ const char* BlockSpaceLogic::Broken() const
     check.Expect(tally.allocated == m_allocated, "m_allocated");
     check.Expect(broken_free_chunks(tally));
     check.Expect(broken_requests_for_nothing(tally));
-    check.Expect(broken_buckets(tally));
     check.Expect(tally.with_bytes == m_allocated_count, "m_allocated_count");
     check.Expect(m_found.chunk == nullptr || m_found.chunk->is_free, "the remembered answer");
     check.Expect(tally.free + tally.with_bytes + tally.gaps + tally.empty + count_spare() ==
@@ -460,19 +443,6 @@ const char* BlockSpaceLogic::broken_requests_for_nothing(Tally& tally) const
         ++(chunk.actual_size != 0 ? gaps : tally.empty);
     }
     check.Expect(gaps == tally.gaps, "a gap that can't be found");
-    return check.What();
-}
-
-const char* BlockSpaceLogic::broken_buckets(const Tally& tally) const
-{
-    Mem_FirstBreak check;
-    std::size_t found = 0;
-    for (std::size_t number = 0; number < m_buckets.size(); ++number)
-        for (const Chunk* chunk = m_buckets[number]; chunk != nullptr; chunk = chunk->next) {
-            check.Expect(bucket_number(chunk->AlignedOffset()) == number, "a chunk's bucket");
-            ++found;
-        }
-    check.Expect(found == tally.with_bytes, "an allocated stretch that can't be found");
     return check.What();
 }
 

@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <deque>
 #include <iosfwd>
-#include <vector>
 
 /// The bookkeeping of one block: which stretches of a region are free and which are allocated.
 /// It does arithmetic only and never touches the region.
@@ -19,7 +18,8 @@
 /// Best fit with immediate merging: a request takes the smallest free chunk that can hold it,
 /// the oldest among equals; the rest of that chunk stays free behind it; a freed chunk joins its
 /// free neighbours at once. All numbers are bytes. Taking and giving back is logarithmic in the
-/// number of free chunks at most, but for a walk over what requests of 0 bytes have left.
+/// number of free chunks at most, but for a walk over what requests of 0 bytes have left, and for
+/// one over all chunks where a request is of 0 bytes or a chunk comes back without its record.
 ///
 /// Free() allocates nothing. Allocate() allocates before it changes anything, so std::bad_alloc
 /// leaves everything as it was.
@@ -36,8 +36,8 @@ public:
     BlockSpaceLogic& operator=(const BlockSpaceLogic&) = delete;
 
     /// Takes `size` bytes at a multiple of `alignment` (any number; 0 means none).
-    /// On success `*chunk` holds the requested size and the aligned offset, `*actual_size` the
-    /// bytes taken, that is size and alignment gap. The limits aren't looked at.
+    /// On success `*chunk` holds the requested size, the aligned offset and the record,
+    /// `*actual_size` the bytes taken, that is size and alignment gap. The limits aren't looked at.
     /// @return false if nothing fits; only `*actual_size` may have changed then.
     bool Allocate(std::uint32_t size, Mem_MemoryChunk* chunk, std::uint32_t alignment,
                   std::uint32_t* actual_size);
@@ -46,7 +46,8 @@ public:
     /// upper one. Changes nothing but `*actual_size`.
     bool CanAllocate(std::uint32_t size, std::uint32_t alignment, std::uint32_t* actual_size) const;
 
-    /// Gives a chunk back, known by its `m_Offset` alone. @return true.
+    /// Gives a chunk back, known by its `m_Offset` alone; its record, if it has one, saves the
+    /// search. @return true.
     /// @throws RWBoundsErr if no chunk was given out at that offset; nothing has changed then.
     bool Free(const Mem_MemoryChunk& chunk);
 
@@ -68,9 +69,10 @@ public:
     std::uint32_t LargestFreeChunk() const { return m_free.Largest(); }
 
     /// Fetches what Free() of a chunk will look at first.
-    void PrefetchForFree(const Mem_MemoryChunk& chunk) const
+    static void PrefetchForFree(const Mem_MemoryChunk& chunk)
     {
-        Mem_Prefetch(&m_buckets[bucket_number(chunk.m_Offset)]);
+        if (chunk.m_record != nullptr)
+            prefetch_neighbours(*chunk.m_record);
     }
 
     /// Compares the stretches with their indexes, sums and records: null, or the first relation
@@ -107,13 +109,14 @@ private:
     template <class Borders>
     Chunk* empty_free(Borders borders);
 
+    static void prefetch_neighbours(const Chunk& chunk);
     void prefetch_bins_around(const Chunk& chunk) const;
     void enter_free(Chunk& chunk);
     void leave_free(Chunk& chunk);
     void enter_allocated(Chunk& chunk);
-    void enter_bucket(Chunk& chunk);
-    Chunk* leave_allocated(std::uint32_t aligned_offset);
-    Chunk** find_bytes(std::uint32_t aligned_offset);
+    Chunk* leave_allocated(const Mem_MemoryChunk& given);
+    Chunk* find_nothing(std::uint32_t aligned_offset);
+    Chunk* find_bytes(std::uint32_t aligned_offset);
     template <class Visit>
     void for_each_allocated(Visit visit) const;
     Chunk& take_front(Chunk& chunk, std::uint32_t size);
@@ -124,9 +127,6 @@ private:
     void replace(Chunk& old, Chunk& chunk);
     void unlink(Chunk& chunk);
 
-    std::size_t bucket_number(std::uint32_t aligned_offset) const;
-    Chunk*& bucket_of(std::uint32_t aligned_offset);
-    void keep_buckets();
     void keep_spare();
     Chunk& take_spare();
     void give_spare(Chunk& chunk);
@@ -135,7 +135,6 @@ private:
     const char* broken_stretches(Tally& tally) const;
     const char* broken_free_chunks(Tally& tally) const;
     const char* broken_requests_for_nothing(Tally& tally) const;
-    const char* broken_buckets(const Tally& tally) const;
     std::size_t count_spare() const;
 
     std::uint32_t m_size;
@@ -160,10 +159,9 @@ private:
     /// 0 bytes alone, and can lie where another begins, ends or runs.
     Chunk* m_first = nullptr;
 
-    /// Allocated chunks by aligned offset, in chains. Those of requests of 0 bytes stand apart,
-    /// since they can share their offset with others.
-    std::vector<Chunk*> m_buckets;
-    std::size_t m_allocated_count = 0;
+    std::size_t m_allocated_count = 0; // chunks of requests of some bytes
+
+    /// The chunks of requests of 0 bytes, which can share their offset with others.
     NothingSet m_nothing;
 };
 

@@ -1,16 +1,20 @@
 #ifndef MEM_FREECHUNKS_H
 #define MEM_FREECHUNKS_H
 
+#include <boost/intrusive/circular_list_algorithms.hpp>
 #include <boost/intrusive/set.hpp>
 
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
-using Mem_ChunkHook = boost::intrusive::set_base_hook<boost::intrusive::optimize_size<true>>;
+/// Not checked when it is linked or unlinked: the free chunks link it in two ways.
+using Mem_ChunkHook =
+    boost::intrusive::set_base_hook<boost::intrusive::optimize_size<true>,
+                                    boost::intrusive::link_mode<boost::intrusive::normal_link>>;
 
-/// One stretch of a region, or a spare record. A cache line: what the space logic costs in a full
-/// heap is the records that it has to look at.
+/// One stretch of a region, or a spare record, whose size is 0. A cache line: what the space logic
+/// costs in a full heap is the records that it has to look at.
 struct alignas(64) Mem_Chunk : Mem_ChunkHook {
     Mem_Chunk* before = nullptr; // its neighbours in the region; none for an empty stretch
     Mem_Chunk* behind = nullptr;
@@ -21,7 +25,7 @@ struct alignas(64) Mem_Chunk : Mem_ChunkHook {
     bool is_ahead = false; // allocated, of 0 bytes: before one with bytes at that offset
     union {
         std::uint64_t order = 0; // when it became free, or, if of 0 bytes, was allocated
-        Mem_Chunk* next;         // allocated: in its bucket; spare: in the list
+        Mem_Chunk* next;         // spare: in the list
     };
 
     std::uint32_t End() const { return offset + actual_size; }
@@ -30,11 +34,13 @@ struct alignas(64) Mem_Chunk : Mem_ChunkHook {
 
 /// The free chunks of a region by size, equals by age.
 ///
-/// They stand in bins, each of which has the chunks of a range of sizes in a tree. The ranges are
-/// so narrow that a bin of a full region has a few chunks: whoever looks for one, or takes one out,
-/// meets the bin and one or two records, while one tree of all would lead past a dozen records that
-/// no cache has. Larger sizes have wider ranges, 2^n to each power of two, and n grows with the
-/// region's chunks. There is one bin at first.
+/// They stand in bins, each of which has the chunks of a range of sizes. The ranges are so narrow
+/// that a bin of a full region has a few chunks: whoever looks for one, or takes one out, meets the
+/// bin and one or two records, while one tree of all would lead past a dozen records that no cache
+/// has. Small sizes, which most leftovers are of, have a bin each. Its chunks stand in a list,
+/// which one enters and leaves without waiting for another's record. Larger sizes have wider
+/// ranges, 2^n to each power of two, whose chunks stand in a tree; n grows with the region's
+/// chunks. There is one bin at first, a tree.
 ///
 /// Only KeepBins() allocates. Doesn't own the chunks.
 class Mem_FreeChunks
@@ -59,8 +65,11 @@ public:
     void Enter(Mem_Chunk& chunk);
     void Leave(Mem_Chunk& chunk);
 
-    /// Fetches what Enter() and Leave() of a chunk of `size` bytes will look at.
-    void Prefetch(std::uint32_t size) const;
+    /// Fetches what Enter() of a chunk of `size` bytes will change first.
+    void PrefetchForEnter(std::uint32_t size) const;
+
+    /// Fetches what Leave() of a chunk will change first.
+    void PrefetchForLeave(const Mem_Chunk& chunk) const;
 
     /// The smallest chunk of at least `size` bytes, the oldest among equals; null if there is none.
     Mem_Chunk* SmallestOfAtLeast(std::uint64_t size) const;
@@ -82,14 +91,30 @@ public:
 private:
     friend struct Mem_TestAccess;
 
-    struct SmallerThan {
-        bool operator()(const Mem_Chunk& chunk, std::uint64_t size) const
-        {
-            return chunk.actual_size < size;
-        }
+    /// A chunk's links in its bin, and what a bin is: where its chain begins and ends.
+    using Links = boost::intrusive::rbtree_node_traits<void*, true>;
+    using Node = Links::node;
+    using Tree = boost::intrusive::rbtree_algorithms<Links>;
+
+    /// The same links as those of a list. A tree knows its first and last in the same places.
+    struct ListLinks {
+        using node = Node;
+        using node_ptr = Node*;
+        using const_node_ptr = const Node*;
+        static Node* get_next(const Node* node) { return Links::get_left(node); }
+        static void set_next(Node* node, Node* next) { Links::set_left(node, next); }
+        static Node* get_previous(const Node* node) { return Links::get_right(node); }
+        static void set_previous(Node* node, Node* previous) { Links::set_right(node, previous); }
     };
-    using Bin = boost::intrusive::set<Mem_Chunk, boost::intrusive::compare<SmallerThenOlder>,
-                                      boost::intrusive::constant_time_size<false>>;
+    using List = boost::intrusive::circular_list_algorithms<ListLinks>;
+
+    /// How wide the bins are.
+    struct Widths {
+        std::size_t BinOf(std::uint32_t size) const;
+        bool IsList(std::size_t bin) const { return bits != kOneBin && bin >> bits < 2; }
+
+        int bits = kOneBin; // 2^bits bins to each power of two
+    };
 
     /// The numbers of bins that aren't empty: a bit for each, and a bit for each word of those.
     struct Filled {
@@ -108,8 +133,14 @@ private:
     static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
     static constexpr int kOneBin = -1;
 
-    static std::size_t bin_number(std::uint32_t size, int bits);
-    std::size_t bin_of(std::uint32_t size) const { return bin_number(size, m_bits); }
+    static bool is_empty(const Node& bin) { return Links::get_left(&bin) == &bin; }
+    static Node* node_of(Mem_Chunk& chunk);
+    static Mem_Chunk* chunk_of(const Node* node);
+    static Mem_Chunk* chunk_in(const Node& bin, const Node* node);
+    static std::vector<Node> empty_bins(std::size_t count);
+    static Node* lower_bound(const Node& bin, std::uint64_t size);
+    Node* next_in(std::size_t bin, Node* node) const;
+
     Mem_Chunk* first_from(std::size_t bin) const;
     Mem_Chunk* find_largest() const;
 
@@ -117,8 +148,8 @@ private:
     std::uint32_t m_largest_size = 0;     // of the next
     const Mem_Chunk* m_largest = nullptr; // the youngest of them
     std::size_t m_empty = 0;              // chunks of 0 bytes
-    int m_bits = kOneBin;                 // 2^m_bits bins to each power of two
-    mutable std::vector<Bin> m_bins;      // the set gives out chunks that aren't const
+    Widths m_widths;
+    std::vector<Node> m_bins;
     Filled m_filled;
 };
 

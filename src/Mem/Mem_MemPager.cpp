@@ -6,6 +6,7 @@
 #include "Mem/Mem_PagerLog.h"
 #include "Mem/Mem_PagerMapping.h"
 #include "Mem/Mem_PagerRooms.h"
+#include "Mem/Mem_PieceRecord.h"
 #include "Mem/Mem_Prefetch.h"
 #include "Mem/Mem_Refusal.h"
 #include "Mem/Mem_Reports.h"
@@ -171,7 +172,8 @@ void MEM_MemPager::StreamMemInfo(MEM_PagerInfo& info, Zor_oBuffer& out)
 int MEM_MemPager::Free(MEM_PagerInfo& info)
 {
     WindowUnixGuard stripe(&info.stripe());
-    Mem_PrefetchLines<2>(info.GetMemInfoPtr());
+    if (info.m_state != nullptr)
+        info.m_state->PrefetchForFree();
     WindowUnixGuard lock(&mutex);
     const int id = info.Block();
     MEM_MemInfo* const piece = info.GetMemInfoPtr();

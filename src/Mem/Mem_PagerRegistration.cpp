@@ -35,6 +35,7 @@ int MEM_MemPager::internal_register(MEM_MemInfo& info, MEM_PagerInfo* out)
     if (id < 0)
         return -1;
     state->block = &m_rooms->blocks.At(id);
+    state->chunk = info.GetChunk().m_record;
     out->assign(std::move(state), id, this);
     return 0;
 }

@@ -1,11 +1,14 @@
 #ifndef MEM_PIECERECORD_H
 #define MEM_PIECERECORD_H
 
+#include "Mem/Mem_Prefetch.h"
+
 #include <atomic>
 #include <cassert>
 #include <cstdint>
 
 class MEM_MemInfo;
+struct Mem_Chunk;
 struct RegisteredBlock;
 
 /// How many handles a piece has and how many mappings they hold, in one word. Steps that leave both
@@ -145,12 +148,21 @@ struct PagerInfoState {
     int map_count() const { return counts.Now().Mappings(); } ///< sum over the handles
     int ref_count() const { return counts.Now().Handles(); }  ///< handles on this record
 
+    /// Fetches what the end of the piece will look at first, side by side.
+    void PrefetchForFree() const
+    {
+        Mem_PrefetchLines<2>(mem_info);
+        Mem_Prefetch(chunk);
+    }
+
     Mem_PieceCounts counts;
     MEM_MemInfo* const mem_info; ///< the piece; the heap's if local, else the pager's
     /// The pager's record of the block; null once the piece has been freed, and where a client has
     /// made the handle.
     RegisteredBlock* block = nullptr;
     std::atomic<int> blk_id = -1; ///< the block's id; -1 once the piece has been freed
+    /// The heap's record of the piece's bytes, to be fetched by; null where the block is.
+    const Mem_Chunk* chunk = nullptr;
 
     /// Keeps the next record, whose memory may begin right behind, in other cache lines. Aligned
     /// memory would do that too, but takes `malloc` a slower way.

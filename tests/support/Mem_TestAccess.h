@@ -41,7 +41,9 @@ struct Mem_TestAccess {
     static auto& Pool(BlockSpaceLogic& logic) { return logic.m_pool; }
     static auto& Free(BlockSpaceLogic& logic) { return logic.m_free; }
     static auto& Nothing(BlockSpaceLogic& logic) { return logic.m_nothing; }
-    static auto& Bucket(BlockSpaceLogic& logic, std::uint32_t at) { return logic.bucket_of(at); }
+    static auto& LargestChunk(BlockSpaceLogic& logic) { return logic.m_free.m_largest; }
+    static auto& LargestSize(BlockSpaceLogic& logic) { return logic.m_free.m_largest_size; }
+    static auto& EmptyCount(BlockSpaceLogic& logic) { return logic.m_free.m_empty; }
 
     // Heaps and their index.
     static auto& Space(Block& block) { return block.m_space_logic; }

@@ -114,27 +114,27 @@ TEST(SpaceLogic, NamesTheRelationThatBreaksFirst)
     auto& empty = *Access::Free(logic).First();
     auto& size = Access::Size(logic);
     auto& allocated = Access::Allocated(logic);
-    ExpectNamed(
-        {With("a stretch's link back", second.before, nullptr),
-         With("a stretch that doesn't follow on the one before", second.offset, 101),
-         With("a chunk's size", first.size, 101),
-         With("the end of the last stretch", size, 1001),
-         With("m_allocated", allocated, allocated + 1),
-         {"the end of the last stretch", [&] { ++size, ++allocated; },
-          [&] { --size, --allocated; }},
-         With("an allocated chunk among the free ones", empty.is_free, false),
-         With("the order of the free chunks", empty.actual_size, 60),
-         With("a free stretch that can't be found", empty.actual_size, 10),
-         With("a chunk among the requests of 0 bytes", gap.size, 1),
-         {"a gap that can't be found", [&] { Access::Nothing(logic).clear(); },
-          [&] { Access::Nothing(logic).insert(gap); }},
-         With("a chunk's bucket", first.size, 99),
-         With("an allocated stretch that can't be found", Access::Bucket(logic, 0), nullptr),
-         With("m_allocated_count", Access::AllocatedCount(logic), 9),
-         With("the remembered answer", Access::Remembered(logic), &first),
-         {"a lost record", [&] { Access::Pool(logic).emplace_back(); },
-          [&] { Access::Pool(logic).pop_back(); }}},
-        [&] { return logic.Broken(); });
+    ExpectNamed({With("a stretch's link back", second.before, nullptr),
+                 With("a stretch that doesn't follow on the one before", second.offset, 101),
+                 With("a chunk's size", first.size, 101),
+                 With("the end of the last stretch", size, 1001),
+                 With("m_allocated", allocated, allocated + 1),
+                 {"the end of the last stretch", [&] { ++size, ++allocated; },
+                  [&] { --size, --allocated; }},
+                 With("an allocated chunk among the free ones", empty.is_free, false),
+                 With("the order of the free chunks", empty.actual_size, 60),
+                 With("a free stretch that can't be found", empty.actual_size, 10),
+                 With("a chunk among the requests of 0 bytes", gap.size, 1),
+                 {"a gap that can't be found", [&] { Access::Nothing(logic).clear(); },
+                  [&] { Access::Nothing(logic).insert(gap); }},
+                 With("the largest free chunk", Access::LargestChunk(logic), &first),
+                 With("the largest free chunk's size", Access::LargestSize(logic), 1),
+                 With("the number of empty free chunks", Access::EmptyCount(logic), 2),
+                 With("m_allocated_count", Access::AllocatedCount(logic), 9),
+                 With("the remembered answer", Access::Remembered(logic), &first),
+                 {"a lost record", [&] { Access::Pool(logic).emplace_back(); },
+                  [&] { Access::Pool(logic).pop_back(); }}},
+                [&] { return logic.Broken(); });
 }
 
 TEST(Heap, NamesTheRelationThatBreaksFirst)

@@ -35,7 +35,7 @@ struct Model {
         *aligned = offset + Gap(offset, to);
         *actual = wanted + Gap(offset, to);
         free.erase(f);
-        allocated.insert({*aligned, {wanted, offset, *actual}});
+        allocated.insert({*aligned, {wanted, offset, *actual, nullptr}});
         sum += *actual;
         if (size > *actual)
             free.insert({size - *actual, offset + *actual});
@@ -49,14 +49,18 @@ struct Model {
     void Free(u64 at)
     {
         const auto chunk = allocated.extract(allocated.lower_bound(at)).mapped();
-        const u64 begin = chunk[1], actual = chunk[2], end = begin + actual;
+        const u64 begin = chunk.begin, actual = chunk.actual, end = begin + actual;
         const u64 right = TakeOut([=](auto& f) { return f.second == end; });
         const u64 left = TakeOut([=](auto& f) { return f.second + f.first == begin; });
         free.insert({left + actual + right, begin - left});
         sum -= actual;
     }
-    std::multimap<u64, u64> free;                       // offset by size
-    std::multimap<u64, std::array<u64, 3>> allocated{}; // size, offset, actual by aligned offset
+    struct Given {
+        u64 size, begin, actual;
+        Mem_Chunk* record;
+    };
+    std::multimap<u64, u64> free;          // offset by size
+    std::multimap<u64, Given> allocated{}; // by aligned offset
     u64 sum = 0;
     u32 lower = 0, upper = 1u << 30;
 };
@@ -68,8 +72,8 @@ void Compare(const BlockSpaceLogic& real, const Model& model)
     for (const auto& [size, offset] : model.free)
         want << "\tFree Chunk " << ++count << ", Size " << size << ", Offset " << offset << '\n';
     for (const auto& [at, chunk] : model.allocated)
-        want << "\tAllocated Chunk " << ++count << ", Size " << chunk[0] << ", Offset " << chunk[1]
-             << '\n';
+        want << "\tAllocated Chunk " << ++count << ", Size " << chunk.size << ", Offset "
+             << chunk.begin << '\n';
     real.PrintStatus(print);
     const std::string lines = print.str().substr(print.str().find('\n') + 1);
     ASSERT_EQ(lines, want.str() + "\n\n");
@@ -100,6 +104,7 @@ void Allocate(BlockSpaceLogic& real, Model& model, u32 size, u32 to)
     const auto got = std::tuple<u64, u64, u64>(chunk.m_Size, chunk.m_Offset, actual);
     if (done) {
         ASSERT_EQ(got, std::tuple(u64{size}, at, want));
+        std::prev(model.allocated.upper_bound(at))->second.record = chunk.m_record;
     }
 }
 
@@ -114,6 +119,7 @@ TEST(SpaceLogic, LivesLikeTwoSortedVectors)
         const u32 sizes[] = {0, 1u << 30, (1u << 30) + 1, UINT32_MAX, region};
         BlockSpaceLogic real(region);
         Model model{{{region, 0}}};
+        Mem_Chunk* stale = nullptr;
         if (seed / 8 % 2 == 1)
             real.SetLimits(model.lower = region / 64, model.upper = region / 8);
         for (u32 step = 0; step < 300 || !model.allocated.empty(); ++step) {
@@ -123,13 +129,16 @@ TEST(SpaceLogic, LivesLikeTwoSortedVectors)
                 Allocate(real, model, below(5) ? usual : sizes[below(5)], alignments[to]);
             else if (!given.empty()) {
                 const u64 at = std::next(given.begin(), below(given.size()))->first;
-                ASSERT_TRUE(real.Free(Mem_MemoryChunk(4711, static_cast<u32>(at))));
+                Mem_Chunk* const own = given.lower_bound(at)->second.record;
+                Mem_Chunk* const told = std::array{own, stale, own, own}[below(4)];
+                ASSERT_TRUE(real.Free({4711, static_cast<u32>(at), told}));
                 model.Free(at);
+                stale = below(2) ? own : nullptr;
             }
             Compare(real, model);
             ASSERT_FALSE(HasFatalFailure()) << region << " " << step;
         }
-        ASSERT_THROW(real.Free(Mem_MemoryChunk(1, 0)), RWBoundsErr);
+        ASSERT_THROW(real.Free({1, 0, stale}), RWBoundsErr);
     });
 }
 
