@@ -164,6 +164,47 @@ void BlocksAllocate(benchmark::State& state)
     }
 }
 
+/// The same for regions made by hand, among as many of the library's.
+void RawFree(benchmark::State& state)
+{
+    register_others(static_cast<std::size_t>(state.range(0)) - 10);
+    Samples samples(state);
+    for (auto _ : state) {
+        std::deque<RawRegion> regions;
+        std::vector<void*> views;
+        views.reserve(10);
+        for (int i = 0; i < 10; ++i)
+            views.push_back(regions.emplace_back(kPage).Map());
+        const auto start = std::chrono::steady_clock::now();
+        for (void* const view : views) {
+            regions.front().Unmap(view);
+            regions.pop_front();
+        }
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+        samples.Add(took.count());
+    }
+}
+
+/// Two locks of each of ten, as a cached map takes, among as many regions: nothing of the library's
+/// own is looked at.
+void Locks(benchmark::State& state)
+{
+    register_others(static_cast<std::size_t>(state.range(0)) - 10);
+    static WindowUnixMutex locks[10];
+    Samples samples(state);
+    for (auto _ : state) {
+        const auto start = std::chrono::steady_clock::now();
+        for (WindowUnixMutex& lock : locks) {
+            for (int pair = 0; pair < 2; ++pair) {
+                WindowUnixGuard guard(&lock);
+                benchmark::ClobberMemory();
+            }
+        }
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+        samples.Add(took.count());
+    }
+}
+
 // In this order, since regions are only added.
 void register_for(int count)
 {
@@ -173,6 +214,8 @@ void register_for(int count)
     add("blocks/map", BlocksMap);
     add("blocks/unmap", BlocksUnmap);
     add("blocks/free", BlocksFree);
+    add("blocks/raw_free", RawFree);
+    add("blocks/locks", Locks);
     add("blocks/allocate", BlocksAllocate);
 }
 

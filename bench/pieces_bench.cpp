@@ -7,6 +7,7 @@
 #include <boost/interprocess/managed_shared_memory.hpp>
 
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace ipc = boost::interprocess;
@@ -146,6 +147,38 @@ void PassInThreads(benchmark::State& state)
     state.SetItemsProcessed(state.iterations());
 }
 
+/// Records of as many pieces, four lines of each, of which every one leads to the next: what a look
+/// at one costs that no cache has.
+class Chase
+{
+public:
+    explicit Chase(std::size_t count) : m_records(4 * count)
+    {
+        for (std::size_t i = 0; i < m_records.size(); ++i)
+            m_records[i].next = i;
+        Numbers numbers; // one ring of all, in an order that looks random
+        for (std::size_t i = m_records.size() - 1; i > 0; --i)
+            std::swap(m_records[i].next, m_records[numbers.Below(i)].next);
+    }
+    void Look() { m_at = m_records[m_at].next; }
+    std::size_t At() const { return m_at; }
+
+private:
+    struct alignas(64) Record {
+        std::size_t next = 0;
+    };
+    std::vector<Record> m_records;
+    std::size_t m_at = 0;
+};
+
+void Look(benchmark::State& state)
+{
+    Chase chase(static_cast<std::size_t>(state.range(0)));
+    for (auto _ : state)
+        chase.Look();
+    benchmark::DoNotOptimize(chase.At());
+}
+
 void live_counts(benchmark::internal::Benchmark* benchmark)
 {
     benchmark->Arg(10)->Arg(1000)->Arg(100000)->Arg(1000000);
@@ -155,6 +188,7 @@ BENCHMARK(Pass<OurPieces>)->Name("pieces/pass/mempager")->Apply(live_counts);
 BENCHMARK(Pass<BoostPieces>)->Name("pieces/pass/boost")->Apply(live_counts);
 BENCHMARK(Pass<MallocPieces>)->Name("pieces/pass/malloc")->Apply(live_counts);
 BENCHMARK(PassInThreads)->Name("pieces/threads")->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(Look)->Name("pieces/look")->Apply(live_counts);
 BENCHMARK(Replace<OurPieces>)->Name("pieces/replace/mempager")->Apply(live_counts);
 BENCHMARK(Replace<BoostPieces>)->Name("pieces/replace/boost")->Apply(live_counts);
 BENCHMARK(Replace<MallocPieces>)->Name("pieces/replace/malloc")->Apply(live_counts);
