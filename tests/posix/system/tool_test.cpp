@@ -5,6 +5,7 @@
 #include "Mem/Mem_Configuration.h"
 #include "Mem/Mem_MemPager.h"
 #include "posix/support/Children.h"
+#include "support/ThisProcess.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -118,6 +119,10 @@ CHILD_TEST(Tool, EndsWithACodeThatScriptsCanTrust, InChildAmongOwnMounts)
         CHILD_CHECK(Ask(lost).code == 3);
     CHILD_CHECK(Ask("doctor", "ulimit -f 9; ").Tells("at most 0 MB, 1024 MB wanted"));
     CHILD_CHECK(Ask("doctor", "TEMP= ").Tells("/var/tmp")); // as unset
+    CHILD_CHECK(Ask("doctor").Tells(" MB free, 10240 MB wanted and 512 MB to be left"));
+    // Half a MB more than 2 and 3 GB of addresses count as these, which the default cache goes by.
+    CHILD_CHECK(is_sanitized || Ask("doctor", "ulimit -v 2097664; ").Tells(", 509 MB wanted"));
+    CHILD_CHECK(is_sanitized || Ask("doctor", "ulimit -v 3146240; ").Tells(", 1009 MB wanted"));
     return Ask("doctor", "ulimit -f 9; ").code == 1 ? 0 : 2;
 }
 } // namespace
