@@ -82,6 +82,16 @@ int MEM_FifoQueue::Pop()
     return -1;
 }
 
+int MEM_FifoQueue::Youngest()
+{
+    for (Cursor youngest = m_write; !(youngest == m_read); m_write = youngest) {
+        youngest.StepBack();
+        if (const int id = slot(youngest.position); id != kHole)
+            return id;
+    }
+    return kHole;
+}
+
 void MEM_FifoQueue::Clear()
 {
     for (; !(m_read == m_write); m_read.StepForward())

@@ -45,6 +45,10 @@ public:
     /// Takes the oldest id out. @return that id, or -1 if the queue is empty.
     int Pop();
 
+    /// The youngest id, or -1 if the queue is empty. Gives up the slots of those that have left
+    /// behind it.
+    int Youngest();
+
     /// Whether no id is queued.
     bool IsEmpty() const { return m_live == 0; }
 

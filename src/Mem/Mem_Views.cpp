@@ -123,36 +123,58 @@ void Mem_Views::ClearCache(Mem_Counter to_shared)
 
 void Mem_Views::Gather()
 {
-    using Hook = boost::intrusive::slist_member_hook<>;
-    using ByHook = boost::intrusive::member_hook<RegisteredBlock, Hook, &RegisteredBlock::gathered>;
-    boost::intrusive::slist<RegisteredBlock, ByHook> cached;
-    m_hits.TakeNotes([&](RegisteredBlock& block, Mem_Holding word) {
-        if (!word.IsCached()) {
-            leave_queue(block);
-            return;
-        }
-        block.gathered_stamp = block.stamp.load(std::memory_order_relaxed);
-        cached.push_front(block);
-    });
-    cached.sort([](const RegisteredBlock& a, const RegisteredBlock& b) {
-        return a.gathered_stamp < b.gathered_stamp;
-    });
-    while (!cached.empty()) {
-        enter_queue(cached.front());
-        cached.pop_front();
-    }
+    Gathered cached;
+    m_hits.TakeNotes(
+        [&](RegisteredBlock& block, Mem_Holding word) { take_up(block, word, cached); });
+    enter_queue(cached);
 }
 
 void Mem_Views::GatherAll()
 {
     Gather();
-    m_blocks.ForEach([this](int, RegisteredBlock& block) {
-        if (!block.Holding().IsNoted())
-            return;
-        leave_queue(block);
-        if (Mem_Hits::MarkGathered(block).IsCached())
-            enter_queue(block);
+    Gathered cached;
+    m_blocks.ForEach([&](int, RegisteredBlock& block) {
+        if (block.Holding().IsNoted())
+            take_up(block, Mem_Hits::MarkGathered(block), cached);
     });
+    enter_queue(cached);
+}
+
+/// Takes a block whose note was cleared out of its old place in the queue. `word` is what it had
+/// then; if it waits in the cache, it joins `cached`.
+void Mem_Views::take_up(RegisteredBlock& block, Mem_Holding word, Gathered& cached)
+{
+    leave_queue(block);
+    if (!word.IsCached())
+        return;
+    block.gathered_stamp = block.stamp.load(std::memory_order_relaxed);
+    cached.push_front(block);
+}
+
+/// In the order of the stamps. One that was let go while others were gathered can be older than
+/// some of those, which leave the queue's young end for it and come back behind it.
+void Mem_Views::enter_queue(Gathered& cached)
+{
+    const auto is_older = [](const RegisteredBlock& a, const RegisteredBlock& b) {
+        return a.gathered_stamp < b.gathered_stamp;
+    };
+    cached.sort(is_older);
+    if (cached.empty())
+        return;
+    Gathered younger;
+    for (int id = m_cache_queue.Youngest(); id >= 0; id = m_cache_queue.Youngest()) {
+        RegisteredBlock& youngest = m_blocks.At(id);
+        if (!is_older(cached.front(), youngest))
+            break;
+        leave_queue(youngest);
+        younger.push_front(youngest);
+    }
+    cached.merge(younger, is_older);
+    while (!cached.empty()) {
+        const RegisteredBlock& next = cached.front();
+        cached.pop_front();
+        enter_queue(next);
+    }
 }
 
 /// At its young end.

@@ -150,6 +150,12 @@ private:
     RegisteredBlock* claim_oldest();
     unsigned int end_view(RegisteredBlock& block);
     void trim_if_due(unsigned int unmapped);
+    using Hook = boost::intrusive::slist_member_hook<>;
+    using ByHook = boost::intrusive::member_hook<RegisteredBlock, Hook, &RegisteredBlock::gathered>;
+    using Gathered = boost::intrusive::slist<RegisteredBlock, ByHook>;
+
+    void take_up(RegisteredBlock& block, Mem_Holding word, Gathered& cached);
+    void enter_queue(Gathered& cached);
     void enter_queue(const RegisteredBlock& block);
     void leave_queue(const RegisteredBlock& block);
 

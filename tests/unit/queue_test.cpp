@@ -42,6 +42,12 @@ struct Model {
             id = stretch.front();
         return id;
     }
+    int Youngest()
+    {
+        while (!stretch.empty() && stretch.back() == -1)
+            stretch.pop_back();
+        return stretch.empty() ? -1 : stretch.back();
+    }
     void Clear() { *this = {{}, 0, capacity}; }
 
     std::deque<int> stretch{};
@@ -54,6 +60,8 @@ int Act(auto& queue, unsigned long kind, int id)
         return kind < 2 ? queue.Clear(), 0 : queue.Pop();
     if (kind < 400)
         return queue.Release(id), 0;
+    if (kind < 500)
+        return queue.Youngest();
     return kind < 1000 ? queue.Remove(id) : (queue.Push(id), 0);
 }
 

@@ -102,6 +102,26 @@ TEST(Hits, LeaveTheOrderOfEachThreadAsItIs)
         EXPECT_EQ(QueueOf(*pager, turns), turns.order);
 }
 
+TEST(Hits, StandWhereTheyWereLetGoThoughGatheredLater)
+{
+    TestConfiguration::Scope configuration;
+    TestConfiguration::cache_limit = 1ull << 30;
+    Memory_ShmmHeap heap;
+    const auto pager = Mem_TestAccess::MakePager(&heap);
+    MEM_PagerInfo pieces[3];
+    for (MEM_PagerInfo& piece : pieces) {
+        ASSERT_EQ(pager->Allocate(65536, &piece, 0), 0);
+        piece.Unmap();
+    }
+    ASSERT_EQ(Mem_TestAccess::QueueOrder(*pager), (std::vector{0, 1, 2}));
+    const Mem_BlockTable& blocks = Mem_TestAccess::Blocks(*pager);
+    const std::uint64_t between = blocks.At(1).stamp - 1; // as if it had been let go before 1 and 2
+    pieces[0].Map();
+    pieces[0].Unmap();
+    blocks.At(0).stamp = between;
+    EXPECT_EQ(Mem_TestAccess::QueueOrder(*pager), (std::vector{0, 1, 2}));
+}
+
 TEST(Hits, LoseNoViewToWhoTakesThem)
 {
     TestConfiguration::Scope configuration;
